@@ -1,0 +1,99 @@
+#include "qor_assistant_anthropic.h"
+
+#include <memory>
+
+#include "qor_assistant_properties_anthropic.h"
+#include "qor_http.h"
+
+using namespace QORExchange;
+
+namespace {
+
+constexpr const char* kDefaultHost = "api.anthropic.com";
+constexpr const char* kApiVersion = "2023-06-01";
+constexpr const char* kCreatedAtFormat = "%Y-%m-%dT%H:%M:%SZ";
+
+const ChatRules& chatRules() {
+  static const ChatRules rules = {.pathSegments = {"v1", "messages"},
+                                  .failureTail = ": p/v1/messages",
+                                  .errorReader = obtainErrorMessage,
+                                  .readReply = QORAssistant_ANTHROPIC::readContentBlocks};
+  return rules;
+}
+
+}  // namespace
+
+QORAssistant_ANTHROPIC::QORAssistant_ANTHROPIC(IYLHTTPPoolCenter* pool, const std::string& host,
+                                               const std::string& apiKey,
+                                               IQORAssistantMemory* memory)
+    : QORAssistant(pool, host, memory, kDefaultHost, TemperatureRule::ZeroToOne), apiKey(apiKey) {
+  session->addHeaderParam("x-api-key", apiKey);
+  session->addHeaderParam("anthropic-version", kApiVersion);
+  replaceProperties(std::make_unique<QORAssistantProperties_ANTHROPIC>(this->memory, kDefaultHost));
+}
+
+std::pair<std::vector<std::string>, std::string> QORAssistant_ANTHROPIC::obtainAvailableModels() {
+  std::unique_ptr<YLDateTimeConverter> converter(
+      YL::obtainAppFactory()->obtainDateTimeFactory()->createDateTimeConverter());
+  ListingRules rules = {.pathSegments = {"v1", "models"},
+                        .failureTail = ": g/v1/models",
+                        .gate = ListingRules::Gate::ReplyFirst,
+                        .errorKey = ListingRules::ErrorKey::AnyType,
+                        .errorReader = obtainErrorMessage,
+                        .newestFirst = true};
+  rules.readItem = [&converter](const YLJsonValue* item, ModelEntry& entry) {
+    if (item == nullptr)
+      return false;
+    const YLJsonValue* id = member(item, "id", YLJsonValueType::String);
+    const YLJsonValue* createdAt = member(item, "created_at", YLJsonValueType::String);
+    if (id == nullptr || createdAt == nullptr ||
+        !isStringEqual(item->obtainKeyValue("type"), "model")) {
+      return false;
+    }
+    // A date that does not fit the format gives an invalid record, which converts to 0.
+    const std::unique_ptr<YLDateTime> date(
+        YLDateTime::dateTimeFromString(createdAt->obtainStringValue(), kCreatedAtFormat));
+    entry.created = static_cast<std::int32_t>(converter->timestampFromDateTime(date.get(), 0));
+    entry.name = id->obtainStringValue();
+    return true;
+  };
+  return listModels(*this, rules);
+}
+
+std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::addMessage(std::string text) {
+  auto& record = static_cast<QORAssistantProperties_ANTHROPIC&>(*properties);
+  if (record.model.empty())
+    return {nullptr, failure(kModelIsEmpty, chatRules().failureTail)};
+
+  YLJson body;
+  body.addKeyValue("model")->setStringValue(record.model);
+  if (record.hasChanged("temperature")) {
+    body.addKeyValue("temperature")->setDoubleValue(record.temperature);
+  }
+  body.addKeyValue("max_tokens")
+      ->setIntValue(record.hasChanged("max_tokens")
+                        ? record.maxTokens
+                        : QORAssistantProperties_ANTHROPIC::kDefaultMaxTokens);
+  const std::string instructions = record.obtainCombinedInstructions();
+  if (!instructions.empty())
+    body.addKeyValue("system")->setStringValue(instructions);
+  IYLJsonValue* messages = body.addKeyValue("messages");
+  messages->setArrayType();
+  appendConversation(messages, nullptr, std::string(), obtainRecentHistory(*this), text);
+  return exchangeChat(*this, chatRules(), body, text);
+}
+
+bool QORAssistant_ANTHROPIC::readContentBlocks(const YLJsonValue& reply, std::string& text) {
+  const YLJsonValue* blocks = member(&reply, "content", YLJsonValueType::Array);
+  if (blocks == nullptr)
+    return false;
+  const std::size_t count = blocks->obtainArraySize();
+  for (std::size_t i = 0; i < count; ++i) {
+    const YLJsonValue* block = blocks->obtainArrayItem(i);
+    const YLJsonValue* blockText = member(block, "text", YLJsonValueType::String);
+    if (blockText != nullptr && isStringEqual(block->obtainKeyValue("type"), "text")) {
+      text += blockText->obtainStringView();
+    }
+  }
+  return true;
+}

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "qor_assistant.h"
+#include "qor_service_exchange.h"
+
+// Anthropic's messages service: the key and the version in two session headers, "max_tokens" in
+// every request, the instructions in "system", the reply in content blocks, and models sorted by
+// their "created_at" date.
+class QORAssistant_ANTHROPIC final : public QORAssistant {
+ public:
+  QORAssistant_ANTHROPIC(IYLHTTPPoolCenter* pool, const std::string& host,
+                         const std::string& apiKey, IQORAssistantMemory* memory);
+
+  std::pair<std::vector<std::string>, std::string> obtainAvailableModels() override;
+  std::pair<IQORMessage*, std::string> addMessage(std::string text) override;
+
+  // The text of every block of type "text", joined.
+  static bool readContentBlocks(const YLJsonValue& reply, std::string& text);
+
+  std::string apiKey;
+};

@@ -1,0 +1,118 @@
+#include "qor_assistant_google.h"
+
+using namespace QORExchange;
+
+namespace {
+
+constexpr const char* kDefaultHost = "generativelanguage.googleapis.com";
+constexpr std::string_view kModelPrefix = "models/";
+
+void addTextParts(IYLJsonValue* item, std::string_view role, const std::string& text) {
+  item->addKeyValue("role")->setStringValue(role);
+  // The first item added makes "parts" an array.
+  item->addKeyValue("parts")->addArrayItem()->addKeyValue("text")->setStringValue(text);
+}
+
+}  // namespace
+
+QORAssistant_GOOGLE::QORAssistant_GOOGLE(IYLHTTPPoolCenter* pool, const std::string& host,
+                                         const std::string& apiKey, IQORAssistantMemory* memory)
+    : QORAssistant(pool, host, memory, kDefaultHost, TemperatureRule::ZeroToTwo), apiKey(apiKey) {}
+
+std::pair<std::vector<std::string>, std::string> QORAssistant_GOOGLE::obtainAvailableModels() {
+  const ListingRules rules = {.pathSegments = {"v1beta", "models"},
+                              .failureTail = ": g/v1beta/models",
+                              .queryParams = {{"key", apiKey}},
+                              .gate = ListingRules::Gate::ExchangeFirst,
+                              .errorReader = obtainErrorMessage,
+                              .arrayKey = "models",
+                              .readItem = readModel};
+  return listModels(*this, rules);
+}
+
+std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessage(std::string text) {
+  const QORAssistantProperties& record = *properties;
+  // Without a model there is none to name in the tail.
+  if (record.model.empty()) {
+    return {nullptr, failure(kModelIsEmpty, ": p/v1beta/models/generateContent")};
+  }
+
+  YLJson body;
+  if (record.hasChanged("temperature")) {
+    body.addKeyValue("generationConfig")
+        ->addKeyValue("temperature")
+        ->setDoubleValue(record.temperature);
+  }
+  const std::string instructions = record.obtainCombinedInstructions();
+  if (!instructions.empty()) {
+    // Here "parts" is an object, unlike in "contents".
+    body.addKeyValue("system_instruction")
+        ->addKeyValue("parts")
+        ->addKeyValue("text")
+        ->setStringValue(instructions);
+  }
+  IYLJsonValue* contents = body.addKeyValue("contents");
+  contents->setArrayType();
+  for (const QORHistoryEntry& entry : obtainRecentHistory(*this)) {
+    addTextParts(contents->addArrayItem(), entry.role == kChatRoleAssistant ? "model" : "user",
+                 entry.text);
+  }
+  addTextParts(contents->addArrayItem(), "user", text);
+
+  const std::string method = record.model + ":generateContent";
+  const ChatRules rules = {.pathSegments = {"v1beta", "models", method},
+                           .failureTail = ": p/v1beta/models/" + method,
+                           .queryParams = {{"key", apiKey}},
+                           .errorReader = obtainErrorMessage,
+                           .readReply = readCandidates};
+  return exchangeChat(*this, rules, body, text);
+}
+
+std::string QORAssistant_GOOGLE::obtainErrorMessage(const YLRestResourceResponse* response) {
+  const YLJson* json = response->responseJson;
+  if (json == nullptr || !json->getIsValidJson())
+    return {};
+  const YLJsonValue* message =
+      member(member(json, "error", YLJsonValueType::Object), "message", YLJsonValueType::String);
+  return message != nullptr ? message->obtainStringValue() : std::string();
+}
+
+bool QORAssistant_GOOGLE::readCandidates(const YLJsonValue& reply, std::string& text) {
+  const YLJsonValue* candidates = member(&reply, "candidates", YLJsonValueType::Array);
+  if (candidates == nullptr)
+    return false;
+  const std::size_t count = candidates->obtainArraySize();
+  for (std::size_t c = 0; c < count; ++c) {
+    const YLJsonValue* content =
+        member(candidates->obtainArrayItem(c), "content", YLJsonValueType::Object);
+    const YLJsonValue* parts = member(content, "parts", YLJsonValueType::Array);
+    if (parts == nullptr || !isStringEqual(content->obtainKeyValue("role"), "model"))
+      continue;
+    const std::size_t partCount = parts->obtainArraySize();
+    for (std::size_t p = 0; p < partCount; ++p) {
+      const YLJsonValue* part = member(parts->obtainArrayItem(p), "text", YLJsonValueType::String);
+      if (part != nullptr)
+        text += part->obtainStringView();
+    }
+  }
+  return true;
+}
+
+bool QORAssistant_GOOGLE::readModel(const YLJsonValue* item, ModelEntry& entry) {
+  const YLJsonValue* name = member(item, "name", YLJsonValueType::String);
+  const YLJsonValue* methods = member(item, "supportedGenerationMethods", YLJsonValueType::Array);
+  if (name == nullptr || methods == nullptr)
+    return false;
+  bool generates = false;
+  const std::size_t count = methods->obtainArraySize();
+  for (std::size_t i = 0; i < count && !generates; ++i) {
+    generates = isStringEqual(methods->obtainArrayItem(i), "generateContent");
+  }
+  if (!generates)
+    return false;
+  std::string_view text = name->obtainStringView();
+  if (text.starts_with(kModelPrefix))
+    text.remove_prefix(kModelPrefix.size());
+  entry.name.assign(text);
+  return true;
+}

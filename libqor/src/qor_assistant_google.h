@@ -1,0 +1,23 @@
+#pragma once
+
+#include "qor_assistant.h"
+#include "qor_service_exchange.h"
+
+// Google's generative language service: the key as the query parameter "key" (never a header),
+// the model in the URL, "contents" of "parts", and the reply in "candidates".
+class QORAssistant_GOOGLE final : public QORAssistant {
+ public:
+  QORAssistant_GOOGLE(IYLHTTPPoolCenter* pool, const std::string& host, const std::string& apiKey,
+                      IQORAssistantMemory* memory);
+
+  std::pair<std::vector<std::string>, std::string> obtainAvailableModels() override;
+  std::pair<IQORMessage*, std::string> addMessage(std::string text) override;
+
+  // The string at error.message, else empty: this service's raw body is never shown.
+  static std::string obtainErrorMessage(const YLRestResourceResponse* response);
+  static bool readCandidates(const YLJsonValue& reply, std::string& text);
+  // Models that can generate content, without the "models/" prefix of their names.
+  static bool readModel(const YLJsonValue* item, QORExchange::ModelEntry& entry);
+
+  std::string apiKey;
+};

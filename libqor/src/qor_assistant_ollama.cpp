@@ -1,0 +1,71 @@
+#include "qor_assistant_ollama.h"
+
+#include "qor_http.h"
+
+using namespace QORExchange;
+
+namespace {
+
+const ListingRules& listingRules() {
+  static const ListingRules rules = {
+      .pathSegments = {"api", "tags"},
+      .failureTail = ": g/api/tags",
+      // A failed listing shows the exchange's text only; the body is not read.
+      .gate = ListingRules::Gate::ExchangeFirst,
+      .arrayKey = "models",
+      .readItem = [](const YLJsonValue* item, ModelEntry& entry) {
+        const YLJsonValue* name = member(item, "name", YLJsonValueType::String);
+        if (name == nullptr)
+          return false;
+        entry.name = name->obtainStringValue();
+        return true;
+      }};
+  return rules;
+}
+
+const ChatRules& chatRules() {
+  static const ChatRules rules = {.pathSegments = {"api", "chat"},
+                                  .failureTail = ": p/api/chat",
+                                  .errorReader = obtainErrorMessage,
+                                  .readReply = QORAssistant_OLLAMA::readMessage};
+  return rules;
+}
+
+}  // namespace
+
+QORAssistant_OLLAMA::QORAssistant_OLLAMA(IYLHTTPPoolCenter* pool, const std::string& host,
+                                         IQORAssistantMemory* memory)
+    : QORAssistant(pool, host, memory, kDefaultHost, TemperatureRule::ZeroToTwo) {}
+
+std::pair<std::vector<std::string>, std::string> QORAssistant_OLLAMA::obtainAvailableModels() {
+  return listModels(*this, listingRules());
+}
+
+std::pair<IQORMessage*, std::string> QORAssistant_OLLAMA::addMessage(std::string text) {
+  const QORAssistantProperties& record = *properties;
+  if (record.model.empty())
+    return {nullptr, failure(kModelIsEmpty, chatRules().failureTail)};
+
+  YLJson body;
+  body.addKeyValue("model")->setStringValue(record.model);
+  body.addKeyValue("stream")->setBoolValue(false);
+  if (record.hasChanged("temperature")) {
+    body.addKeyValue("options")->addKeyValue("temperature")->setDoubleValue(record.temperature);
+  }
+  IYLJsonValue* messages = body.addKeyValue("messages");
+  messages->setArrayType();
+  appendConversation(messages, "system", record.obtainCombinedInstructions(),
+                     obtainRecentHistory(*this), text);
+  return exchangeChat(*this, chatRules(), body, text);
+}
+
+bool QORAssistant_OLLAMA::readMessage(const YLJsonValue& reply, std::string& text) {
+  // A reply that is not the assistant's text is refused, not skipped.
+  const YLJsonValue* message = member(&reply, "message", YLJsonValueType::Object);
+  const YLJsonValue* content = member(message, "content", YLJsonValueType::String);
+  if (content == nullptr || !isStringEqual(message->obtainKeyValue("role"), "assistant")) {
+    return false;
+  }
+  text = content->obtainStringValue();
+  return true;
+}

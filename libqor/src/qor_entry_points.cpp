@@ -1,0 +1,38 @@
+// The functions a host may call; everything else of the library is hidden.
+
+#include <cstring>
+
+#include "qor.h"
+#include "qor_assistant_factory.h"
+#include "qor_library.h"
+
+QORCallbackLocalizationInfo& QORCallbackLocalizationInfo::operator=(
+    const QORCallbackLocalizationInfo& other) {
+  source = other.source;
+  std::memmove(translation, other.translation, sizeof translation);
+  return *this;
+}
+
+QORCallbackLocalizationInfo& QORCallbackLocalizationInfo::operator=(
+    QORCallbackLocalizationInfo&& other) {
+  // The record owns nothing, so moving is copying and leaves the source as it was.
+  return *this = static_cast<const QORCallbackLocalizationInfo&>(other);
+}
+
+IQORAssistant* QORCreateAssistant(QORAssistantType type, IYLHTTPPoolCenter* pool,
+                                  const std::string& apiKey, const std::string& host,
+                                  IQORAssistantMemory* memory) {
+  return qorCreateAssistant(type, pool, apiKey, host, memory);
+}
+
+void QORFreeObject(IQORObject* object) {
+  delete object;
+}
+
+void QORRegisterCallback(QORCallback callback) {
+  qorSetRegisteredCallback(callback);
+}
+
+void QORSetHTTPSettings(const YLRestGlobalSettings& settings) {
+  qorGlobalRestSettings() = settings;
+}

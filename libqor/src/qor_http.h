@@ -1,0 +1,29 @@
+#pragma once
+// One blocking exchange each, under the library's REST settings.
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "qor.h"
+
+namespace HTTP {
+
+// The response, always present, and an empty text after a 2xx status, else the client's
+// sentence for what failed (a transport failure or an HTTP status).
+using Result = std::pair<std::unique_ptr<YLRestResourceResponse>, std::string>;
+
+// Marks every request of this library; the client does not read it.
+inline constexpr std::uint64_t kRequestTag = 0x7AF634CA;
+
+Result Get(YLRestSession* session, const std::string& url, const YLParamList& queryParams,
+           const YLParamList& headerParams);
+// A null json sends no body.
+Result Post(YLRestSession* session, const std::string& url, const IYLJsonValue* json,
+            const YLParamList& queryParams, const YLParamList& headerParams);
+
+}  // namespace HTTP
+
+// The text of a service's error body: the string at error.message, else the raw body (which may
+// be empty).
+std::string obtainErrorMessage(const YLRestResourceResponse* response);

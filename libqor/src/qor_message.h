@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "qor.h"
+
+// A reply handed to the host: a time stamp, the assistant's role and its sections, which it owns.
+class QORMessage final : public IQORMessage {
+ public:
+  QORMessage() = default;
+  QORMessage(const QORMessage&) = delete;
+  QORMessage& operator=(const QORMessage&) = delete;
+  ~QORMessage() override;
+
+  std::int64_t obtainCreationTime() const override { return creationTime; }
+  ChatRole obtainRole() const override { return role; }
+  const std::vector<IQORMessageSection*>& obtainSections() const override { return sections; }
+
+  // A message with one text section holding the text, stamped with the current time.
+  static QORMessage* makeTextReply(std::string text);
+
+  std::int64_t creationTime = 0;
+  ChatRole role = kChatRoleAssistant;
+  // Owned: deleted in order by the destructor, null entries skipped.
+  std::vector<IQORMessageSection*> sections;
+};

@@ -1,0 +1,148 @@
+#include "qor_service_exchange.h"
+
+#include <algorithm>
+
+#include "qor_http.h"
+#include "qor_library.h"
+#include "qor_message.h"
+
+namespace QORExchange {
+
+namespace {
+
+constexpr std::int32_t kHistoryLimit = 20;
+
+bool hasUsableJson(const YLRestResourceResponse& response) {
+  return response.responseJson != nullptr && response.responseJson->getIsValidJson();
+}
+
+std::string urlFor(const QORAssistant& assistant, const std::vector<std::string>& segments) {
+  std::vector<std::string> parts;
+  parts.reserve(segments.size() + 1);
+  parts.push_back(assistant.properties->apiHost);
+  parts.insert(parts.end(), segments.begin(), segments.end());
+  return ylConcatURL(parts);
+}
+
+// The service's text for a failed exchange, or the exchange's own when the body says nothing.
+std::string failedExchangeText(ErrorReader reader, const HTTP::Result& result) {
+  std::string text = reader != nullptr ? reader(result.first.get()) : std::string();
+  return text.empty() ? result.second : text;
+}
+
+}  // namespace
+
+std::string failure(std::string_view sentence, std::string_view tail) {
+  std::string text = obtainLocalizedText(sentence);
+  text += tail;
+  return text;
+}
+
+const YLJsonValue* member(const YLJsonValue* value, std::string_view key, YLJsonValueType type) {
+  if (value == nullptr)
+    return nullptr;
+  const YLJsonValue* found = value->obtainKeyValue(key);
+  return found != nullptr && found->obtainType() == type ? found : nullptr;
+}
+
+bool isStringEqual(const YLJsonValue* value, std::string_view text) {
+  return value != nullptr && value->obtainType() == YLJsonValueType::String &&
+         value->obtainStringView() == text;
+}
+
+std::vector<QORHistoryEntry> obtainRecentHistory(QORAssistant& assistant) {
+  return assistant.memory->obtainHistory(kHistoryLimit);
+}
+
+std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assistant,
+                                                            const ListingRules& rules) {
+  const HTTP::Result result =
+      HTTP::Get(assistant.session.get(), urlFor(assistant, rules.pathSegments), rules.queryParams,
+                YLParamList());
+  const YLRestResourceResponse& response = *result.first;
+
+  if (rules.gate == ListingRules::Gate::ExchangeFirst) {
+    if (!result.second.empty())
+      return {{}, failedExchangeText(rules.errorReader, result)};
+    if (!hasUsableJson(response))
+      return {{}, failure(kInvalidResponse, rules.failureTail)};
+  } else {
+    if (!hasUsableJson(response))
+      return {{}, result.second};
+    const YLJsonValue* error = response.responseJson->obtainKeyValue("error");
+    if (error != nullptr) {
+      if (rules.errorKey == ListingRules::ErrorKey::AnyType) {
+        return {{}, rules.errorReader(&response)};
+      }
+      if (error->obtainType() == YLJsonValueType::Object) {
+        const YLJsonValue* message = member(error, "message", YLJsonValueType::String);
+        return {{}, message != nullptr ? message->obtainStringValue() : result.second};
+      }
+    }
+  }
+
+  const YLJsonValue* items = member(response.responseJson, rules.arrayKey, YLJsonValueType::Array);
+  if (items == nullptr)
+    return {{}, failure(kUnsupportedDataFormat, rules.failureTail)};
+
+  std::vector<ModelEntry> entries;
+  const std::size_t count = items->obtainArraySize();
+  entries.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    ModelEntry entry;
+    if (rules.readItem(items->obtainArrayItem(i), entry))
+      entries.push_back(std::move(entry));
+  }
+  if (rules.newestFirst) {
+    std::stable_sort(entries.begin(), entries.end(), [](const ModelEntry& a, const ModelEntry& b) {
+      return a.created > b.created;
+    });
+  }
+
+  std::vector<std::string> names;
+  names.reserve(entries.size());
+  for (ModelEntry& entry : entries)
+    names.push_back(std::move(entry.name));
+  return {std::move(names), std::string()};
+}
+
+std::pair<IQORMessage*, std::string> exchangeChat(QORAssistant& assistant, const ChatRules& rules,
+                                                  const YLJson& body, const std::string& text) {
+  const HTTP::Result result =
+      HTTP::Post(assistant.session.get(), urlFor(assistant, rules.pathSegments), &body,
+                 rules.queryParams, YLParamList());
+  if (!result.second.empty())
+    return {nullptr, failedExchangeText(rules.errorReader, result)};
+
+  const YLRestResourceResponse& response = *result.first;
+  if (!hasUsableJson(response))
+    return {nullptr, failure(kInvalidResponse, rules.failureTail)};
+
+  std::string reply;
+  if (!rules.readReply(*response.responseJson, reply)) {
+    return {nullptr, failure(kUnsupportedDataFormat, rules.failureTail)};
+  }
+
+  std::unique_ptr<QORMessage> message(QORMessage::makeTextReply(reply));
+  assistant.memory->addHistoryEntry(kChatRoleUser, text);
+  assistant.memory->addHistoryEntry(kChatRoleAssistant, reply);
+  return {message.release(), std::string()};
+}
+
+void appendConversation(IYLJsonValue* messages, const char* instructionRole,
+                        const std::string& instructions,
+                        const std::vector<QORHistoryEntry>& history, const std::string& text) {
+  const auto append = [messages](std::string_view role, const std::string& content) {
+    IYLJsonValue* item = messages->addArrayItem();
+    item->addKeyValue("role")->setStringValue(role);
+    item->addKeyValue("content")->setStringValue(content);
+  };
+  if (instructionRole != nullptr && !instructions.empty())
+    append(instructionRole, instructions);
+  for (const QORHistoryEntry& entry : history) {
+    append(entry.role == kChatRoleAssistant ? "assistant" : "user", entry.text);
+  }
+  append("user", text);
+}
+
+}  // namespace QORExchange

@@ -1,0 +1,89 @@
+#pragma once
+// The request and reply skeleton that every service adapter shares. An adapter describes how its
+// service differs in a table of rules; the steps and their order live here once.
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "qor.h"
+#include "qor_assistant.h"
+
+namespace QORExchange {
+
+// Reads a service's error body into a text; empty when it holds none.
+using ErrorReader = std::string (*)(const YLRestResourceResponse* response);
+
+// One model of a listing: its name and, for sorted listings, its age.
+struct ModelEntry {
+  std::string name;
+  std::int32_t created = 0;
+};
+
+struct ListingRules {
+  std::vector<std::string> pathSegments{};  // behind the host
+  std::string failureTail{};                // ": g/..." behind a sentence of the library's own
+  YLParamList queryParams{};
+
+  // What decides first. ReplyFirst: a reply without usable JSON ends with the exchange's text
+  // (empty after success), and the exchange's text decides nothing else. ExchangeFirst: a failed
+  // exchange ends the listing at once, and a success without JSON is an invalid response.
+  enum class Gate { ReplyFirst, ExchangeFirst };
+  Gate gate = Gate::ReplyFirst;
+
+  // With ReplyFirst, how an "error" key of the reply ends the listing. ObjectWithMessage: an
+  // object ends it, with its "message" string or else the exchange's text. AnyType: any value
+  // ends it, with the text of errorReader.
+  enum class ErrorKey { ObjectWithMessage, AnyType };
+  ErrorKey errorKey = ErrorKey::ObjectWithMessage;
+
+  // Reads error bodies; with ExchangeFirst a null reader leaves the exchange's text alone.
+  ErrorReader errorReader = nullptr;
+
+  const char* arrayKey = "data";
+  // Gives false for an item that does not count.
+  std::function<bool(const YLJsonValue* item, ModelEntry& entry)> readItem{};
+  // Newest first by ModelEntry::created, models of equal age in reply order; else reply order.
+  bool newestFirst = false;
+};
+
+struct ChatRules {
+  std::vector<std::string> pathSegments{};
+  std::string failureTail{};  // ": p/..."
+  YLParamList queryParams{};
+  ErrorReader errorReader = nullptr;
+  // Reads the reply's text; false when the reply has not the service's shape.
+  bool (*readReply)(const YLJsonValue& reply, std::string& text) = nullptr;
+};
+
+// The library's own failure sentence, translated by the host, with its untranslated tail.
+std::string failure(std::string_view sentence, std::string_view tail);
+
+inline constexpr std::string_view kModelIsEmpty = "Model is empty";
+inline constexpr std::string_view kUnsupportedDataFormat = "Unsupported data format";
+inline constexpr std::string_view kInvalidResponse = "Invalid response";
+
+std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assistant,
+                                                            const ListingRules& rules);
+
+// Posts the body and reads the reply. On success the message is made and the user's text and the
+// reply's text are added to the memory, in this order; on failure nothing changes.
+std::pair<IQORMessage*, std::string> exchangeChat(QORAssistant& assistant, const ChatRules& rules,
+                                                  const YLJson& body, const std::string& text);
+
+// Appends {"role", "content"} items: the instructions under instructionRole when not empty, each
+// history entry ("assistant" for role 1, "user" for any other), then the new text as "user".
+void appendConversation(IYLJsonValue* messages, const char* instructionRole,
+                        const std::string& instructions,
+                        const std::vector<QORHistoryEntry>& history, const std::string& text);
+
+// The history that every request carries, asked for with the figure all adapters use.
+std::vector<QORHistoryEntry> obtainRecentHistory(QORAssistant& assistant);
+
+// Helpers for readers of replies.
+const YLJsonValue* member(const YLJsonValue* value, std::string_view key, YLJsonValueType type);
+bool isStringEqual(const YLJsonValue* value, std::string_view text);
+
+}  // namespace QORExchange

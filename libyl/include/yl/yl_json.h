@@ -1,0 +1,173 @@
+#pragma once
+// JSON documents: a tree of values whose addresses never change while the document lives, and
+// whose objects keep their members in insertion order.
+//
+// Parsing never throws. It accepts any bytes inside strings (invalid UTF-8 is passed through
+// unchanged), lets the last of duplicate keys win as ECMAScript does (the member keeps the place
+// of its first occurrence), and rejects nesting deeper than YLJson::kMaxDepth: such a text gives
+// an invalid document, never a crash.
+//
+// Writing gives compact JSON (no white space). Only what JSON requires is escaped: the quote, the
+// backslash and control bytes below 0x20; every other byte is passed through. Integers are written
+// exactly; doubles in the shortest form that reads back to the same value, always with a fraction
+// or an exponent ("1.0", "0.7", "1e+300"), independent of the process's C locale. A double that
+// is not finite has no JSON form and is written as null.
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+class YLVariant;
+class YLJson;
+
+// The type of a JSON value. A value that was added but not given anything is Null.
+enum class YLJsonValueType : std::int32_t {
+  Null = 0,
+  Object = 1,
+  Array = 2,
+  String = 3,
+  Number = 4,
+  Bool = 5,
+};
+
+class IYLJsonValue {
+ public:
+  virtual ~IYLJsonValue() = default;
+
+  virtual bool getIsValidJson() const = 0;
+  virtual YLJsonValueType obtainType() const = 0;
+
+  // The member under the key, or null if there is none or this value is not an object.
+  virtual IYLJsonValue* obtainKeyValue(std::string_view key) const = 0;
+  // The number of items of an array; 0 for any other value.
+  virtual std::size_t obtainArraySize() const = 0;
+  // The item at an index below obtainArraySize(); null otherwise.
+  virtual IYLJsonValue* obtainArrayItem(std::size_t index) const = 0;
+
+  // The text of a string value, by copy; empty for any other value.
+  virtual std::string obtainStringValue() const = 0;
+  // A number as a signed 32-bit integer: a fraction is truncated toward zero, a value outside the
+  // 32-bit range saturates at INT32_MIN or INT32_MAX, NaN gives 0. Any other value gives 0.
+  virtual std::int32_t obtainIntValue() const = 0;
+
+  // Makes a value that is not an object an empty object, then adds the key and returns the new,
+  // Null member. Adding a key that is already there resets that member to Null and returns it.
+  virtual IYLJsonValue* addKeyValue(std::string_view key) = 0;
+  // Makes a value that is not an array an empty array, then appends a Null item and returns it.
+  virtual IYLJsonValue* addArrayItem() = 0;
+  // Makes the value an empty array.
+  virtual void setArrayType() = 0;
+
+  virtual void setStringValue(std::string_view value) = 0;
+  virtual void setIntValue(std::int64_t value) = 0;
+  virtual void setDoubleValue(double value) = 0;
+  virtual void setBoolValue(bool value) = 0;
+
+  // The value as compact JSON text.
+  virtual std::string obtainJsonString() const = 0;
+};
+
+// A value inside a document. Values belong to their document and die with it; nobody deletes
+// them. Turning a value into another type drops its old children from the tree; their storage
+// stays valid until the document dies.
+class YLJsonValue : public IYLJsonValue {
+ public:
+  YLJsonValue(const YLJsonValue&) = delete;
+  YLJsonValue& operator=(const YLJsonValue&) = delete;
+
+  bool getIsValidJson() const override;
+  YLJsonValueType obtainType() const override;
+  YLJsonValue* obtainKeyValue(std::string_view key) const override;
+  std::size_t obtainArraySize() const override;
+  YLJsonValue* obtainArrayItem(std::size_t index) const override;
+  std::string obtainStringValue() const override;
+  std::int32_t obtainIntValue() const override;
+  YLJsonValue* addKeyValue(std::string_view key) override;
+  YLJsonValue* addArrayItem() override;
+  void setArrayType() override;
+  void setStringValue(std::string_view value) override;
+  void setIntValue(std::int64_t value) override;
+  void setDoubleValue(double value) override;
+  void setBoolValue(bool value) override;
+  std::string obtainJsonString() const override;
+
+  // Beyond the interface: reads without copies, for callers that walk large documents.
+  // The text of a string value without a copy; valid while the document lives and the value is
+  // not changed. Empty for any other value.
+  std::string_view obtainStringView() const;
+  double obtainDoubleValue() const;
+  bool obtainBoolValue() const;
+  // Members of an object, in insertion order; 0 and null for any other value.
+  std::size_t obtainMemberCount() const;
+  std::string_view obtainMemberKey(std::size_t index) const;
+  YLJsonValue* obtainMemberValue(std::size_t index) const;
+  // Appends the compact JSON text of this value to out.
+  void appendJsonString(std::string& out) const;
+
+ protected:
+  explicit YLJsonValue(YLJson* document) : document_(document) {}
+  ~YLJsonValue() override;
+
+ private:
+  friend class YLJson;
+  friend struct YLJsonBuilder;
+  // Representation: owned by the JSON implementation. Every byte a value points at (string
+  // bytes, keys, child tables) lives in the document's arena.
+  struct Member;
+  struct StringData {
+    const char* bytes;
+    std::size_t size;
+  };
+  struct ArrayData {
+    YLJsonValue** items;
+    std::size_t capacity;
+  };
+  // An object with a hash index keeps the index's slots right after its member table.
+  struct ObjectData {
+    Member* members;
+    std::uint32_t capacity;
+    std::uint32_t indexSlots;  // 0: no index, lookups scan the members
+  };
+  union Data {
+    StringData string;
+    ArrayData array;
+    ObjectData object;
+    std::int64_t integer;
+    std::uint64_t unsignedInteger;
+    double real;
+    bool boolean;
+  };
+  YLJson* document_;
+  YLJsonValueType type_ = YLJsonValueType::Null;
+  // Arrays and objects: the number of children. Numbers: which member of data_ holds the value.
+  std::uint32_t count_ = 0;
+  Data data_{};
+};
+
+// A document, which is itself its root value.
+class YLJson final : public YLJsonValue {
+ public:
+  // The deepest nesting of arrays and objects that parsing accepts.
+  static constexpr std::size_t kMaxDepth = 4096;
+
+  // An empty document to build in; valid, its root is Null.
+  YLJson();
+  // Parses the text. A bad text, the empty one too, gives getIsValidJson() false and a Null root.
+  explicit YLJson(std::string_view text);
+  ~YLJson() override;
+
+  bool getIsValidJson() const override;
+
+ private:
+  friend class YLJsonValue;
+  friend struct YLJsonBuilder;
+  struct Arena;
+  std::unique_ptr<Arena> arena_;
+  bool valid_ = true;
+};
+
+// A document for a variant: maps become objects (in the map's key order), lists arrays, strings
+// strings, Int and Double numbers, Null null. The caller owns the document.
+std::unique_ptr<YLJson> ylCreateYLJsonFromYLVariant(const YLVariant& value);

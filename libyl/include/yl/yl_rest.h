@@ -1,0 +1,217 @@
+#pragma once
+// A blocking REST client on libcurl, its settings, connection pools and error catalogue.
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "yl_datetime.h"
+#include "yl_json.h"
+
+// A list of name and value pairs, name first, in the order given.
+using YLParamList = std::vector<std::pair<std::string, std::string>>;
+
+// Settings of every exchange. The client reads them at the start of an exchange; nothing here
+// reads environment variables (curl's proxy variables are not honoured either).
+struct YLRestGlobalSettings {
+  // Time to establish the connection, TLS included, in milliseconds; 0 means curl's default.
+  long connectTimeoutMs = 30000;
+  // Time for the whole exchange, in milliseconds; 0 means no limit. Model replies can be slow.
+  long totalTimeoutMs = 600000;
+  // Abort when fewer than lowSpeedLimitBytes per second arrive for lowSpeedTimeSeconds; 0
+  // in either switches the check off.
+  long lowSpeedLimitBytes = 1;
+  long lowSpeedTimeSeconds = 120;
+  // Proxy URL ("http://proxy:3128", "socks5h://..."); empty means none.
+  std::string proxy;
+  // Comma-separated hosts that bypass the proxy; "*" for all.
+  std::string noProxy;
+  // A PEM file or a folder of certificates to trust instead of the system's; empty for the system's.
+  std::string caFile;
+  std::string caPath;
+  bool verifyPeer = true;
+  bool verifyHost = true;
+  std::string userAgent = "libqor/0.1";
+  // The largest response body accepted, in bytes, after decoding. A larger reply fails.
+  std::size_t maxResponseBytes = 64u * 1024u * 1024u;
+  bool followRedirects = false;
+  long maxRedirects = 5;
+};
+
+// A connection pool: what exchanges of one session share so that they reuse connections.
+class IYLHTTPPoolCenter {
+ public:
+  virtual ~IYLHTTPPoolCenter() = default;
+};
+
+// The pool that hosts construct with new: a curl share of connections, DNS cache and TLS sessions.
+// Not synchronised: one pool serves one thread at a time.
+class YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
+ public:
+  YLHTTPPoolCenter();
+  ~YLHTTPPoolCenter() override;
+  YLHTTPPoolCenter(const YLHTTPPoolCenter&) = delete;
+  YLHTTPPoolCenter& operator=(const YLHTTPPoolCenter&) = delete;
+
+  // The curl share handle (CURLSH*), for the client.
+  void* nativeShare() const { return share_; }
+
+ private:
+  void* share_ = nullptr;
+};
+
+// What all requests of one conversation carry: the pool and the session headers.
+class YLRestSession {
+ public:
+  YLRestSession() = default;
+  virtual ~YLRestSession() = default;
+
+  // Not owned: the session never deletes or touches the pool.
+  IYLHTTPPoolCenter* connectionPool = nullptr;
+
+  // The whole value of the Authorization header; empty sends none.
+  void setAuthorizationHeaderValue(std::string value) { authorization_ = std::move(value); }
+  // A header sent on every request of the session, after the authorization.
+  void addHeaderParam(std::string name, std::string value) {
+    headers_.emplace_back(std::move(name), std::move(value));
+  }
+
+  const std::string& authorizationHeaderValue() const { return authorization_; }
+  const YLParamList& headerParams() const { return headers_; }
+
+ private:
+  std::string authorization_;
+  YLParamList headers_;
+};
+
+class YLRestRequest {
+ public:
+  virtual ~YLRestRequest() = default;
+
+  // A caller's mark for the request; the client does not read it.
+  std::uint64_t requestTag = 0;
+
+  void setURL(std::string url) { url_ = std::move(url); }
+  // Appended to the URL's query, each name and value percent-encoded.
+  virtual void addQueryParams(const YLParamList& params);
+  // Sent after the session's headers.
+  virtual void addHeaderParams(const YLParamList& params);
+
+  const std::string& url() const { return url_; }
+  const YLParamList& queryParams() const { return query_; }
+  const YLParamList& headerParams() const { return headers_; }
+
+ private:
+  std::string url_;
+  YLParamList query_;
+  YLParamList headers_;
+};
+
+class YLRestGetRequest : public YLRestRequest {};
+
+class YLRestPostRequest : public YLRestRequest {
+ public:
+  // The body becomes the JSON text of the value at this moment; later changes to the value do not
+  // reach the request. Content-Type is application/json.
+  void updateJson(const IYLJsonValue* json);
+  const std::string& body() const { return body_; }
+
+ private:
+  std::string body_;
+};
+
+class YLRestResourceResponse {
+ public:
+  YLRestResourceResponse() = default;
+  virtual ~YLRestResourceResponse();
+  YLRestResourceResponse(const YLRestResourceResponse&) = delete;
+  YLRestResourceResponse& operator=(const YLRestResourceResponse&) = delete;
+
+  // The parsed body when it is valid JSON, else null. Owned by the response.
+  YLJson* responseJson = nullptr;
+  // The HTTP status, 0 when no reply arrived.
+  long statusCode = 0;
+  // The reply's headers in arrival order, names as sent.
+  YLParamList headers;
+
+  // The raw body, decoded from gzip, deflate or br; empty if there is none.
+  const std::string& getBufferString() const { return body_; }
+  // Stores the body and parses it into responseJson.
+  void setBody(std::string body);
+
+ private:
+  std::string body_;
+};
+
+// Two texts and a code. text is a plain English sentence for people; symbol names the code.
+struct YLErrorRecord {
+  std::string symbol;
+  std::string text;
+  std::int32_t code = 0;
+};
+
+class IYLErrorCatalogue {
+ public:
+  virtual ~IYLErrorCatalogue() = default;
+  virtual YLErrorRecord obtainErrorRecord(std::int32_t code) const = 0;
+};
+
+class IYLErrorService {
+ public:
+  virtual ~IYLErrorService() = default;
+  virtual IYLErrorCatalogue* obtainErrorCatalogue() = 0;
+};
+
+class IYLDateTimeFactory {
+ public:
+  virtual ~IYLDateTimeFactory() = default;
+  // A new converter, owned by the caller.
+  virtual YLDateTimeConverter* createDateTimeConverter() = 0;
+};
+
+class IYLRestClient {
+ public:
+  virtual ~IYLRestClient() = default;
+  // Both block until the exchange has ended and always leave a new response in *response, owned by
+  // the caller. The result is 0 for a 2xx status, else a code whose error record tells what failed.
+  virtual std::int32_t executeGet(YLRestGetRequest* request, YLRestResourceResponse** response) = 0;
+  virtual std::int32_t executePost(YLRestPostRequest* request,
+                                   YLRestResourceResponse** response) = 0;
+};
+
+class IYLAppFactory;
+
+class IYLRestClientFactory {
+ public:
+  virtual ~IYLRestClientFactory() = default;
+  // A new client, owned by the caller, for exchanges under the settings and the session. Both
+  // must outlive the client.
+  virtual IYLRestClient* createRestClient(IYLAppFactory* appFactory,
+                                          const YLRestGlobalSettings* settings,
+                                          YLRestSession* session) = 0;
+};
+
+class IYLAppFactory {
+ public:
+  virtual ~IYLAppFactory() = default;
+  virtual IYLRestClientFactory* obtainRestClientFactory() = 0;
+  virtual IYLErrorService* obtainErrorService() = 0;
+  virtual IYLDateTimeFactory* obtainDateTimeFactory() = 0;
+};
+
+// Failure codes of the client. 100 to 599 are HTTP statuses other than 2xx; kCurlCodeBase plus a
+// CURLcode is a transport failure; the others are the client's own.
+namespace YLErrorCode {
+inline constexpr std::int32_t kSuccess = 0;
+inline constexpr std::int32_t kCurlCodeBase = 1000;
+inline constexpr std::int32_t kResponseTooLarge = 2001;
+inline constexpr std::int32_t kClientSetupFailed = 2002;
+}  // namespace YLErrorCode
+
+namespace YL {
+// The process's application factory; never null, not owned.
+IYLAppFactory* obtainAppFactory();
+}  // namespace YL

@@ -1,0 +1,82 @@
+#pragma once
+// A real HTTP(S) service on 127.0.0.1 for tests: it records every request and answers what the
+// test scripted. It runs in the test's process on an ephemeral port and stops with the object.
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace qortest {
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+struct RecordedRequest {
+  std::string method;  // "GET", "POST", ...
+  std::string path;    // without the query
+  std::string query;   // the raw query as received, without '?'
+  Pairs queryParams;   // decoded, in order
+  Pairs headers;       // as received
+  std::string body;
+  int remotePort = 0;  // the client's port: one value per connection
+
+  // The first header of that name, compared without case; empty if none.
+  std::string header(std::string_view name) const;
+  bool hasHeader(std::string_view name) const;
+  // The first query parameter of that name; empty if none.
+  std::string queryParam(std::string_view name) const;
+};
+
+struct ScriptedReply {
+  int status = 200;
+  std::string body;
+  std::string contentType = "application/json";
+  Pairs headers;
+  // Waits this long before answering (for time-out tests).
+  std::chrono::milliseconds delay{0};
+};
+
+class LoopbackServer {
+ public:
+  enum class Transport { Plain, Tls };
+
+  // Starts listening at once. A TLS server uses a key and a self-signed certificate for
+  // 127.0.0.1 and localhost made for this object.
+  explicit LoopbackServer(Transport transport = Transport::Plain);
+  ~LoopbackServer();
+  LoopbackServer(const LoopbackServer&) = delete;
+  LoopbackServer& operator=(const LoopbackServer&) = delete;
+
+  // Requests with this method and path get this reply, every time (the last call wins).
+  void answer(std::string method, std::string path, ScriptedReply reply);
+  // Requests that match no answer() get this reply; by default 404 with an empty body.
+  void answerOthers(ScriptedReply reply);
+
+  int port() const;
+  std::string hostAndPort() const;  // "127.0.0.1:PORT"
+  std::string baseUrl() const;      // "http://127.0.0.1:PORT" or "https://..."
+  // The PEM certificate file to trust for a TLS server; empty for a plain one.
+  std::string certificateFile() const;
+
+  std::vector<RecordedRequest> requests() const;
+  // The last request; fails the test if there was none.
+  RecordedRequest lastRequest() const;
+  std::size_t requestCount() const;
+  // The number of distinct client connections seen so far.
+  std::size_t connectionCount() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// A loopback port on which nothing listens, so that connecting is refused.
+int closedLoopbackPort();
+
+// The text of a file of the wire corpus, such as "openai/models.json"; fails the test if missing.
+std::string readWireFile(std::string_view relativePath);
+
+}  // namespace qortest
