@@ -7,7 +7,7 @@ packages=(
   libcurl4-openssl-dev libssl-dev zlib1g-dev libbrotli-dev
   rapidjson-dev
   libgtest-dev libgmock-dev libcpp-httplib-dev libbenchmark-dev
-  openssl ca-certificates
+  openssl ca-certificates locales
 )
 
 missing=()
@@ -19,4 +19,11 @@ if ((${#missing[@]})); then
   export DEBIAN_FRONTEND=noninteractive
   apt-get update -q
   apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
+
+# A comma-decimal locale, so that the tests can show numbers are written the same under it.
+if ! locale -a 2>/dev/null | grep -qi '^de_DE\.utf-\?8$'; then
+  sed -i 's/^# *de_DE.UTF-8 UTF-8/de_DE.UTF-8 UTF-8/' /etc/locale.gen
+  grep -q '^de_DE.UTF-8 UTF-8' /etc/locale.gen || echo 'de_DE.UTF-8 UTF-8' >>/etc/locale.gen
+  locale-gen >/dev/null
 fi

@@ -32,9 +32,9 @@ struct RecordedRequest {
 
 struct ScriptedReply {
   int status = 200;
-  std::string body;
+  std::string body{};
   std::string contentType = "application/json";
-  Pairs headers;
+  Pairs headers{};
   // Waits this long before answering (for time-out tests).
   std::chrono::milliseconds delay{0};
 };
