@@ -321,7 +321,6 @@ std::string buildText(std::string_view structure) {
     bool unnamed;
   };
   std::string text;
-  text.reserve(structure.size() / 2);
   std::vector<Segment> segments;
 
   const std::size_t catalogCount = root->obtainArraySize();

@@ -11,11 +11,12 @@
 #include <utility>
 #include <vector>
 
-#include "yl/yl_assert.h"
 #include "yl/yl_variant.h"
 
 // RapidJSON's SIMD paths scan white space and unescaped string runs 16 bytes at a time. SSE2 is
 // part of every x86-64; the parse buffer below is padded so that the aligned loads stay inside it.
+// RapidJSON is header-only: any other file of the library that includes it must make the same
+// choice, or the two would disagree on the same inline functions.
 #if defined(__SSE2__) && !defined(RAPIDJSON_SSE2)
 #define RAPIDJSON_SSE2
 #endif
@@ -43,11 +44,15 @@ constexpr std::size_t kLargestBlockSize = std::size_t{1} << 20;
 
 const char kEmptyBytes[1] = {'\0'};
 
+// Index slots for a member table: a power of two, at most half full.
 std::uint32_t slotCountFor(std::uint32_t capacity) {
-  std::uint32_t slots = 32;
-  while (slots < capacity * 2u)
+  std::uint64_t slots = 32;
+  while (slots < std::uint64_t{capacity} * 2)
     slots *= 2;
-  return slots;
+  // Beyond 2^31 members (tens of gigabytes) the object simply goes without an index.
+  return slots <= std::numeric_limits<std::uint32_t>::max() / 2 + 1
+             ? static_cast<std::uint32_t>(slots)
+             : 0;
 }
 
 bool sameKey(const char* bytes, std::size_t size, std::string_view key) {
@@ -123,16 +128,17 @@ bool isJsonSpace(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
-}  // namespace
-
 // A key's first four bytes, zero-padded. Kept in the member table, they settle most comparisons
 // without a visit to the key's bytes, which lie elsewhere in memory; keys of up to four bytes
 // ("name", "type") never need that visit.
-static std::uint32_t keyPrefix(std::string_view key) {
+std::uint32_t keyPrefix(std::string_view key) {
   std::uint32_t prefix = 0;
-  std::memcpy(&prefix, key.data(), std::min<std::size_t>(key.size(), sizeof prefix));
+  if (!key.empty())
+    std::memcpy(&prefix, key.data(), std::min<std::size_t>(key.size(), sizeof prefix));
   return prefix;
 }
+
+}  // namespace
 
 struct YLJsonValue::Member {
   // Keys of 4 GiB and more are only made by addKeyValue; their size is kept in the 8 bytes before
@@ -177,9 +183,15 @@ struct YLJson::Arena {
   Arena() = default;
   Arena(const Arena&) = delete;
   Arena& operator=(const Arena&) = delete;
-  ~Arena() {
+  ~Arena() { clear(); }
+
+  void clear() {
     for (void* block : blocks)
       ::operator delete(block);
+    blocks.clear();
+    cursor = nullptr;
+    limit = nullptr;
+    nextBlockSize = kFirstBlockSize;
   }
 
   void* allocate(std::size_t size, std::size_t alignment) {
@@ -236,6 +248,7 @@ struct YLJson::Arena {
 // member tables and their hash index, and the SAX handler that parses straight into the arena.
 struct YLJsonBuilder {
   using Member = YLJsonValue::Member;
+  static constexpr std::uint64_t kMaxCapacity = std::numeric_limits<std::uint32_t>::max();
   static constexpr std::size_t kNotFound = std::numeric_limits<std::size_t>::max();
 
   static YLJsonValue* newNode(YLJson& document) {
@@ -305,7 +318,8 @@ struct YLJsonBuilder {
   // Moves the members to a table with room for at least one more.
   static void growMembers(YLJsonValue& object) {
     const YLJsonValue::ObjectData old = object.data_.object;
-    const std::uint32_t capacity = old.capacity < 4 ? 4 : old.capacity * 2;
+    const auto capacity = static_cast<std::uint32_t>(
+        std::clamp<std::uint64_t>(std::uint64_t{old.capacity} * 2, 4, kMaxCapacity));
     const std::uint32_t slots = capacity > kLinearMemberLimit ? slotCountFor(capacity) : 0;
     YLJsonValue::ObjectData grown = allocateMembers(*object.document_->arena_, capacity, slots);
     if (object.count_ != 0) {
@@ -517,7 +531,8 @@ struct YLJsonBuilder {
         continue;
       }
       table.members[size] = Member::make(members[i].key, members[i].keySize, members[i].value);
-      indexMember(table, size);
+      if (table.indexSlots != 0)
+        indexMember(table, size);
       ++size;
     }
     object.data_.object = table;
@@ -778,11 +793,15 @@ void YLJsonValue::appendJsonString(std::string& out) const {
 YLJson::YLJson() : YLJsonValue(this), arena_(std::make_unique<Arena>()) {}
 
 YLJson::YLJson(std::string_view text) : YLJsonValue(this), arena_(std::make_unique<Arena>()) {
-  valid_ = YLJsonBuilder::parse(*this, text);
+  try {
+    valid_ = YLJsonBuilder::parse(*this, text);
+  } catch (const std::bad_alloc&) {
+    valid_ = false;  // a text too large for the memory at hand is treated as a bad one
+  }
   if (!valid_) {
     // Nothing of a failed parse stays reachable: drop it all, the copy of the text included.
     YLJsonBuilder::makeNull(*this);
-    arena_ = std::make_unique<Arena>();
+    arena_->clear();
   }
 }
 

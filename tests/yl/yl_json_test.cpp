@@ -141,7 +141,8 @@ TEST(Json, NestingLimit) {
   std::string objects;
   for (std::size_t i = 0; i <= YLJson::kMaxDepth; ++i)
     objects += "{\"a\":";
-  objects += "1" + std::string(YLJson::kMaxDepth + 1, '}');
+  objects += '1';
+  objects.append(YLJson::kMaxDepth + 1, '}');
   EXPECT_FALSE(YLJson(objects).getIsValidJson());
 
   // A built document may be deeper than parsing accepts; writing it must not recurse.

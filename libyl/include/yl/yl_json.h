@@ -5,7 +5,8 @@
 // Parsing never throws. It accepts any bytes inside strings (invalid UTF-8 is passed through
 // unchanged), lets the last of duplicate keys win as ECMAScript does (the member keeps the place
 // of its first occurrence), and rejects nesting deeper than YLJson::kMaxDepth: such a text gives
-// an invalid document, never a crash.
+// an invalid document, never a crash. A \u escape of a high surrogate must be followed by its low
+// partner, or the text is invalid; a lone low surrogate is kept as its three-byte form.
 //
 // Writing gives compact JSON (no white space). Only what JSON requires is escaped: the quote, the
 // backslash and control bytes below 0x20; every other byte is passed through. Integers are written
