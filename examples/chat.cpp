@@ -40,8 +40,7 @@ int main(int argc, char** argv) {
   });
 
   auto [models, listFailure] = assistant->obtainAvailableModels();
-  if (!listFailure.empty())
-    std::fprintf(stderr, "models: %s\n", listFailure.c_str());
+  if (!listFailure.empty()) std::fprintf(stderr, "models: %s\n", listFailure.c_str());
   for (const std::string& name : models)
     std::printf("model: %s\n", name.c_str());
 

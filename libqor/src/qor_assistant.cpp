@@ -34,45 +34,37 @@ IQORAssistantMemory* QORAssistant::detachMemory() {
 void QORAssistant::attachMemory(IQORAssistantMemory* memory) {
   // Every exchange uses the memory without a test, so a null one is refused.
   YL_ASSERT(memory != nullptr, "qor_assistant");
-  if (memory == nullptr)
-    return;
+  if (memory == nullptr) return;
   // Attaching the memory in use changes nothing; deleting it first would leave it dangling.
-  if (memory == this->memory)
-    return;
+  if (memory == this->memory) return;
   ownedMemory.reset();
   this->memory = memory;
   properties->memory = memory;
 }
 
 std::string QORAssistant::updateProperties(std::function<void(IQORProperties*)> update) {
-  if (!update)
-    throw std::bad_function_call();
+  if (!update) throw std::bad_function_call();
   update(properties.get());
 
   QORAssistantProperties& record = *properties;
   if (record.hasChanged("temperature")) {
-    if (record.temperature > 2.0)
-      record.temperature = 2.0;
-    if (record.temperature < 0.0)
-      record.temperature = 0.0;
+    if (record.temperature > 2.0) record.temperature = 2.0;
+    if (record.temperature < 0.0) record.temperature = 0.0;
     switch (temperatureRule_) {
       case TemperatureRule::ZeroToTwo:
         break;
       case TemperatureRule::ZeroToOne:
-        if (record.temperature > 1.0)
-          record.temperature = 1.0;
+        if (record.temperature > 1.0) record.temperature = 1.0;
         break;
       case TemperatureRule::ZeroToBelowTwo:
-        if (record.temperature >= 2.0)
-          record.temperature = 1.99;
+        if (record.temperature >= 2.0) record.temperature = 1.99;
         break;
     }
   }
   if (record.hasChanged("api_host")) {
     record.apiHost = ylTrimAsString(record.apiHost);
     // Nothing the host can set leaves the host empty, but an empty host must never be used.
-    if (record.apiHost.empty())
-      record.normaliseHost({}, record.defaultHost);
+    if (record.apiHost.empty()) record.normaliseHost({}, record.defaultHost);
   }
   return {};
 }

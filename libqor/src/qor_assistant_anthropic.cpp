@@ -1,5 +1,7 @@
 #include "qor_assistant_anthropic.h"
 
+#include <algorithm>
+#include <limits>
 #include <memory>
 
 #include "qor_assistant_properties_anthropic.h"
@@ -33,8 +35,8 @@ QORAssistant_ANTHROPIC::QORAssistant_ANTHROPIC(IYLHTTPPoolCenter* pool, const st
 }
 
 std::pair<std::vector<std::string>, std::string> QORAssistant_ANTHROPIC::obtainAvailableModels() {
-  std::unique_ptr<YLDateTimeConverter> converter(
-      YL::obtainAppFactory()->obtainDateTimeFactory()->createDateTimeConverter());
+  // Made when the first model is read, once the reply has shown its list.
+  std::unique_ptr<YLDateTimeConverter> converter;
   ListingRules rules = {.pathSegments = {"v1", "models"},
                         .failureTail = ": g/v1/models",
                         .gate = ListingRules::Gate::ReplyFirst,
@@ -42,18 +44,24 @@ std::pair<std::vector<std::string>, std::string> QORAssistant_ANTHROPIC::obtainA
                         .errorReader = obtainErrorMessage,
                         .newestFirst = true};
   rules.readItem = [&converter](const YLJsonValue* item, ModelEntry& entry) {
-    if (item == nullptr)
-      return false;
+    if (item == nullptr) return false;
     const YLJsonValue* id = member(item, "id", YLJsonValueType::String);
     const YLJsonValue* createdAt = member(item, "created_at", YLJsonValueType::String);
     if (id == nullptr || createdAt == nullptr ||
         !isStringEqual(item->obtainKeyValue("type"), "model")) {
       return false;
     }
+    if (!converter) {
+      converter.reset(YL::obtainAppFactory()->obtainDateTimeFactory()->createDateTimeConverter());
+    }
     // A date that does not fit the format gives an invalid record, which converts to 0.
     const std::unique_ptr<YLDateTime> date(
         YLDateTime::dateTimeFromString(createdAt->obtainStringValue(), kCreatedAtFormat));
-    entry.created = static_cast<std::int32_t>(converter->timestampFromDateTime(date.get(), 0));
+    // Cut to 32 bits by saturation, so that dates after 2038 still sort as the newest.
+    const std::int64_t seconds = converter->timestampFromDateTime(date.get(), 0);
+    entry.created = static_cast<std::int32_t>(
+        std::clamp<std::int64_t>(seconds, std::numeric_limits<std::int32_t>::min(),
+                                 std::numeric_limits<std::int32_t>::max()));
     entry.name = id->obtainStringValue();
     return true;
   };
@@ -62,8 +70,7 @@ std::pair<std::vector<std::string>, std::string> QORAssistant_ANTHROPIC::obtainA
 
 std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::addMessage(std::string text) {
   auto& record = static_cast<QORAssistantProperties_ANTHROPIC&>(*properties);
-  if (record.model.empty())
-    return {nullptr, failure(kModelIsEmpty, chatRules().failureTail)};
+  if (record.model.empty()) return {nullptr, failure(kModelIsEmpty, chatRules().failureTail)};
 
   YLJson body;
   body.addKeyValue("model")->setStringValue(record.model);
@@ -75,8 +82,7 @@ std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::addMessage(std::str
                         ? record.maxTokens
                         : QORAssistantProperties_ANTHROPIC::kDefaultMaxTokens);
   const std::string instructions = record.obtainCombinedInstructions();
-  if (!instructions.empty())
-    body.addKeyValue("system")->setStringValue(instructions);
+  if (!instructions.empty()) body.addKeyValue("system")->setStringValue(instructions);
   IYLJsonValue* messages = body.addKeyValue("messages");
   messages->setArrayType();
   appendConversation(messages, nullptr, std::string(), obtainRecentHistory(*this), text);
@@ -85,8 +91,7 @@ std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::addMessage(std::str
 
 bool QORAssistant_ANTHROPIC::readContentBlocks(const YLJsonValue& reply, std::string& text) {
   const YLJsonValue* blocks = member(&reply, "content", YLJsonValueType::Array);
-  if (blocks == nullptr)
-    return false;
+  if (blocks == nullptr) return false;
   const std::size_t count = blocks->obtainArraySize();
   for (std::size_t i = 0; i < count; ++i) {
     const YLJsonValue* block = blocks->obtainArrayItem(i);

@@ -21,8 +21,7 @@ QORAssistantChatCompletions::obtainAvailableModels() {
 
 std::pair<IQORMessage*, std::string> QORAssistantChatCompletions::addMessage(std::string text) {
   const QORAssistantProperties& record = *properties;
-  if (record.model.empty())
-    return {nullptr, failure(kModelIsEmpty, profile_.chat.failureTail)};
+  if (record.model.empty()) return {nullptr, failure(kModelIsEmpty, profile_.chat.failureTail)};
 
   YLJson body;
   body.addKeyValue("model")->setStringValue(record.model);
@@ -37,35 +36,29 @@ std::pair<IQORMessage*, std::string> QORAssistantChatCompletions::addMessage(std
 }
 
 bool QORAssistantChatCompletions::readUndatedModel(const YLJsonValue* item, ModelEntry& entry) {
-  if (item == nullptr)
-    return false;
+  if (item == nullptr) return false;
   const YLJsonValue* id = member(item, "id", YLJsonValueType::String);
-  if (id == nullptr || !isStringEqual(item->obtainKeyValue("object"), "model"))
-    return false;
+  if (id == nullptr || !isStringEqual(item->obtainKeyValue("object"), "model")) return false;
   entry.name = id->obtainStringValue();
   return true;
 }
 
 bool QORAssistantChatCompletions::readDatedModel(const YLJsonValue* item, ModelEntry& entry) {
-  if (item == nullptr)
-    return false;
+  if (item == nullptr) return false;
   const YLJsonValue* created = member(item, "created", YLJsonValueType::Number);
-  if (created == nullptr || !readUndatedModel(item, entry))
-    return false;
+  if (created == nullptr || !readUndatedModel(item, entry)) return false;
   entry.created = created->obtainIntValue();
   return true;
 }
 
 bool QORAssistantChatCompletions::readChoices(const YLJsonValue& reply, std::string& text) {
   const YLJsonValue* choices = member(&reply, "choices", YLJsonValueType::Array);
-  if (choices == nullptr)
-    return false;
+  if (choices == nullptr) return false;
   const std::size_t count = choices->obtainArraySize();
   for (std::size_t i = 0; i < count; ++i) {
     const YLJsonValue* message =
         member(choices->obtainArrayItem(i), "message", YLJsonValueType::Object);
-    if (message == nullptr)
-      continue;
+    if (message == nullptr) continue;
     const YLJsonValue* content = member(message, "content", YLJsonValueType::String);
     if (content != nullptr && isStringEqual(message->obtainKeyValue("role"), "assistant")) {
       text += content->obtainStringView();

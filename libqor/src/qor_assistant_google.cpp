@@ -70,8 +70,7 @@ std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessage(std::string
 
 std::string QORAssistant_GOOGLE::obtainErrorMessage(const YLRestResourceResponse* response) {
   const YLJson* json = response->responseJson;
-  if (json == nullptr || !json->getIsValidJson())
-    return {};
+  if (json == nullptr || !json->getIsValidJson()) return {};
   const YLJsonValue* message =
       member(member(json, "error", YLJsonValueType::Object), "message", YLJsonValueType::String);
   return message != nullptr ? message->obtainStringValue() : std::string();
@@ -79,20 +78,17 @@ std::string QORAssistant_GOOGLE::obtainErrorMessage(const YLRestResourceResponse
 
 bool QORAssistant_GOOGLE::readCandidates(const YLJsonValue& reply, std::string& text) {
   const YLJsonValue* candidates = member(&reply, "candidates", YLJsonValueType::Array);
-  if (candidates == nullptr)
-    return false;
+  if (candidates == nullptr) return false;
   const std::size_t count = candidates->obtainArraySize();
   for (std::size_t c = 0; c < count; ++c) {
     const YLJsonValue* content =
         member(candidates->obtainArrayItem(c), "content", YLJsonValueType::Object);
     const YLJsonValue* parts = member(content, "parts", YLJsonValueType::Array);
-    if (parts == nullptr || !isStringEqual(content->obtainKeyValue("role"), "model"))
-      continue;
+    if (parts == nullptr || !isStringEqual(content->obtainKeyValue("role"), "model")) continue;
     const std::size_t partCount = parts->obtainArraySize();
     for (std::size_t p = 0; p < partCount; ++p) {
       const YLJsonValue* part = member(parts->obtainArrayItem(p), "text", YLJsonValueType::String);
-      if (part != nullptr)
-        text += part->obtainStringView();
+      if (part != nullptr) text += part->obtainStringView();
     }
   }
   return true;
@@ -101,18 +97,15 @@ bool QORAssistant_GOOGLE::readCandidates(const YLJsonValue& reply, std::string& 
 bool QORAssistant_GOOGLE::readModel(const YLJsonValue* item, ModelEntry& entry) {
   const YLJsonValue* name = member(item, "name", YLJsonValueType::String);
   const YLJsonValue* methods = member(item, "supportedGenerationMethods", YLJsonValueType::Array);
-  if (name == nullptr || methods == nullptr)
-    return false;
+  if (name == nullptr || methods == nullptr) return false;
   bool generates = false;
   const std::size_t count = methods->obtainArraySize();
   for (std::size_t i = 0; i < count && !generates; ++i) {
     generates = isStringEqual(methods->obtainArrayItem(i), "generateContent");
   }
-  if (!generates)
-    return false;
+  if (!generates) return false;
   std::string_view text = name->obtainStringView();
-  if (text.starts_with(kModelPrefix))
-    text.remove_prefix(kModelPrefix.size());
+  if (text.starts_with(kModelPrefix)) text.remove_prefix(kModelPrefix.size());
   entry.name.assign(text);
   return true;
 }

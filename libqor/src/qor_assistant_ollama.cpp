@@ -15,8 +15,7 @@ const ListingRules& listingRules() {
       .arrayKey = "models",
       .readItem = [](const YLJsonValue* item, ModelEntry& entry) {
         const YLJsonValue* name = member(item, "name", YLJsonValueType::String);
-        if (name == nullptr)
-          return false;
+        if (name == nullptr) return false;
         entry.name = name->obtainStringValue();
         return true;
       }};
@@ -43,8 +42,7 @@ std::pair<std::vector<std::string>, std::string> QORAssistant_OLLAMA::obtainAvai
 
 std::pair<IQORMessage*, std::string> QORAssistant_OLLAMA::addMessage(std::string text) {
   const QORAssistantProperties& record = *properties;
-  if (record.model.empty())
-    return {nullptr, failure(kModelIsEmpty, chatRules().failureTail)};
+  if (record.model.empty()) return {nullptr, failure(kModelIsEmpty, chatRules().failureTail)};
 
   YLJson body;
   body.addKeyValue("model")->setStringValue(record.model);

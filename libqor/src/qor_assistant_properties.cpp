@@ -53,28 +53,20 @@ std::vector<std::pair<std::string, std::string>> QORAssistantProperties::obtainP
 }
 
 YLVariant QORAssistantProperties::obtainValue(const std::string& key) {
-  if (key == "api_host")
-    return YLVariant(apiHost);
-  if (key == "model")
-    return YLVariant(model);
-  if (key == "temperature")
-    return YLVariant(temperature);
-  if (key == "user_instructions")
-    return YLVariant(userInstructions);
-  if (key == "system_instructions")
-    return YLVariant(systemInstructions);
-  if (key == "db_structure")
-    return YLVariant(obtainDatabaseTree());
-  if (key == "combined_instructions")
-    return YLVariant(obtainCombinedInstructions());
+  if (key == "api_host") return YLVariant(apiHost);
+  if (key == "model") return YLVariant(model);
+  if (key == "temperature") return YLVariant(temperature);
+  if (key == "user_instructions") return YLVariant(userInstructions);
+  if (key == "system_instructions") return YLVariant(systemInstructions);
+  if (key == "db_structure") return YLVariant(obtainDatabaseTree());
+  if (key == "combined_instructions") return YLVariant(obtainCombinedInstructions());
   return YLVariant();
 }
 
 bool QORAssistantProperties::setValue(const std::string& key, const YLVariant& value) {
   if (key == "api_host" || key == "model" || key == "user_instructions") {
     YL_ASSERT(value.getValueType() == YLVariant::ValueType::String, kSourceName);
-    if (value.getValueType() != ValueType::String)
-      return false;
+    if (value.getValueType() != ValueType::String) return false;
     if (key == "api_host") {
       // A blank host goes back to the service's own host.
       normaliseHost(ylTrimAsString(*value.stringPtr()), defaultHost);
@@ -85,18 +77,15 @@ bool QORAssistantProperties::setValue(const std::string& key, const YLVariant& v
     }
   } else if (key == "temperature") {
     YL_ASSERT(value.getValueType() == YLVariant::ValueType::Double, kSourceName);
-    if (value.getValueType() != ValueType::Double)
-      return false;
+    if (value.getValueType() != ValueType::Double) return false;
     // Stored as it comes; updateProperties brings it into the service's range.
     temperature = value.doubleValue();
   } else if (key == "system_instructions") {
     YL_ASSERT(value.getValueType() == YLVariant::ValueType::Map, kSourceName);
-    if (value.getValueType() != ValueType::Map)
-      return false;
+    if (value.getValueType() != ValueType::Map) return false;
     for (const auto& kv : *value.mapPtr()) {
       YL_ASSERT(kv.second.getValueType() == YLVariant::ValueType::String, kSourceName);
-      if (kv.second.getValueType() != ValueType::String)
-        continue;
+      if (kv.second.getValueType() != ValueType::String) continue;
       // An empty text clears the entry, so the property holds only non-empty instructions.
       if (kv.second.stringPtr()->empty()) {
         systemInstructions.erase(kv.first);
@@ -110,12 +99,10 @@ bool QORAssistantProperties::setValue(const std::string& key, const YLVariant& v
     } else if (value.getValueType() == ValueType::String) {
       const std::string& text = *value.stringPtr();
       // The empty string does not clear a structure; the empty list does.
-      if (text.empty())
-        return false;
+      if (text.empty()) return false;
       const YLJson json(text);
       YL_ASSERT(json.getIsValidJson(), kSourceName);
-      if (!json.getIsValidJson())
-        return false;
+      if (!json.getIsValidJson()) return false;
       // The host's own text is kept, not the parser's rendering of it.
       memory->setDatabaseStructure(text);
     }
@@ -132,11 +119,9 @@ bool QORAssistantProperties::setValue(const std::string& key, const YLVariant& v
 
 void QORAssistantProperties::normaliseHost(std::string_view value, std::string_view fallback) {
   std::string host = ylTrimAsString(value);
-  if (host.empty())
-    host.assign(fallback);
+  if (host.empty()) host.assign(fallback);
   static const std::regex scheme("^https?://");
-  if (!std::regex_search(host, scheme))
-    host.insert(0, "https://");
+  if (!std::regex_search(host, scheme)) host.insert(0, "https://");
   apiHost = std::move(host);
 }
 
@@ -157,8 +142,7 @@ std::string QORAssistantProperties::obtainCombinedInstructions() const {
     text += "\n\n";
   }
   for (const auto& [key, instruction] : systemInstructions) {
-    if (const std::string* line = instruction.stringPtr())
-      text += *line;
+    if (const std::string* line = instruction.stringPtr()) text += *line;
     text += '\n';
   }
   if (!digest.empty()) {
@@ -177,11 +161,9 @@ std::string QORAssistantProperties::composeCreateStatement(std::string schemaNam
 
 void QORAssistantProperties::appendInstructionLines(std::string& stream, const YLVariant& lines) {
   const YLVariantList* list = lines.listPtr();
-  if (list == nullptr)
-    return;
+  if (list == nullptr) return;
   for (const YLVariant& line : *list) {
-    if (const std::string* text = line.stringPtr())
-      stream += *text;
+    if (const std::string* text = line.stringPtr()) stream += *text;
     stream += '\n';
   }
 }

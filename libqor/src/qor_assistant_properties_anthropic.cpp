@@ -12,14 +12,12 @@ QORAssistantProperties_ANTHROPIC::obtainPropertyCatalogue() {
 }
 
 YLVariant QORAssistantProperties_ANTHROPIC::obtainValue(const std::string& key) {
-  if (key == kMaxTokensKey)
-    return YLVariant(maxTokens);
+  if (key == kMaxTokensKey) return YLVariant(maxTokens);
   return QORAssistantProperties::obtainValue(key);
 }
 
 bool QORAssistantProperties_ANTHROPIC::setValue(const std::string& key, const YLVariant& value) {
-  if (key != kMaxTokensKey)
-    return QORAssistantProperties::setValue(key, value);
+  if (key != kMaxTokensKey) return QORAssistantProperties::setValue(key, value);
   YL_ASSERT(value.getValueType() == YLVariant::ValueType::Int, "qor_assistant_anthropic");
   maxTokens = value.intValue();
   changedKeys.insert(key);

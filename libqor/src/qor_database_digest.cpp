@@ -38,18 +38,15 @@ bool appendColumnList(std::string& out, const YLJsonValue* columns) {
   const std::size_t count = columns->obtainArraySize();
   for (std::size_t i = 0; i < count; ++i) {
     const YLJsonValue* column = columns->obtainArrayItem(i);
-    if (!isString(column))
-      return false;
-    if (i > 0)
-      out += ", ";
+    if (!isString(column)) return false;
+    if (i > 0) out += ", ";
     appendQuoted(out, column->obtainStringView());
   }
   return true;
 }
 
 bool appendForeignKey(std::string& out, const YLJsonValue* foreignKey) {
-  if (!isObject(foreignKey))
-    return false;
+  if (!isObject(foreignKey)) return false;
   const YLJsonValue* fields = foreignKey->obtainKeyValue("fields");
   const YLJsonValue* refSchema = foreignKey->obtainKeyValue("ref_schema");
   const YLJsonValue* refTable = foreignKey->obtainKeyValue("ref_table");
@@ -59,12 +56,10 @@ bool appendForeignKey(std::string& out, const YLJsonValue* foreignKey) {
     return false;
   }
   // A key without columns on either side says nothing: no clause, and its lists are not read.
-  if (fields->obtainArraySize() == 0 || refFields->obtainArraySize() == 0)
-    return true;
+  if (fields->obtainArraySize() == 0 || refFields->obtainArraySize() == 0) return true;
 
   out += ", FOREIGN KEY(";
-  if (!appendColumnList(out, fields))
-    return false;
+  if (!appendColumnList(out, fields)) return false;
   out += ") REFERENCES ";
   // Presence alone decides here: an empty ref_schema still qualifies the table.
   if (refSchema != nullptr) {
@@ -73,16 +68,14 @@ bool appendForeignKey(std::string& out, const YLJsonValue* foreignKey) {
   }
   appendQuoted(out, refTable->obtainStringView());
   out += '(';
-  if (!appendColumnList(out, refFields))
-    return false;
+  if (!appendColumnList(out, refFields)) return false;
   out += ')';
   return true;
 }
 
 bool appendStatement(std::string& out, std::string_view schemaName, std::string_view kind,
                      const YLJsonValue* description) {
-  if (!isObject(description))
-    return false;
+  if (!isObject(description)) return false;
   const YLJsonValue* name = description->obtainKeyValue("name");
   const YLJsonValue* fields = description->obtainKeyValue("fields");
   const YLJsonValue* primaryKeys = description->obtainKeyValue("pkeys");
@@ -109,14 +102,11 @@ bool appendStatement(std::string& out, std::string_view schemaName, std::string_
   }
   for (std::size_t i = 0; i < fieldCount; ++i) {
     const YLJsonValue* field = fields->obtainArrayItem(i);
-    if (!isObject(field))
-      return false;
+    if (!isObject(field)) return false;
     const YLJsonValue* fieldName = field->obtainKeyValue("name");
     const YLJsonValue* fieldType = field->obtainKeyValue("type");
-    if (!isString(fieldName) || !isString(fieldType))
-      return false;
-    if (i > 0)
-      out += ", ";
+    if (!isString(fieldName) || !isString(fieldType)) return false;
+    if (i > 0) out += ", ";
     appendQuoted(out, fieldName->obtainStringView());
     out += ' ';
     out += fieldType->obtainStringView();
@@ -124,16 +114,14 @@ bool appendStatement(std::string& out, std::string_view schemaName, std::string_
 
   if (primaryKeys != nullptr && primaryKeys->obtainArraySize() > 0) {
     out += ", PRIMARY KEY(";
-    if (!appendColumnList(out, primaryKeys))
-      return false;
+    if (!appendColumnList(out, primaryKeys)) return false;
     out += ')';
   }
 
   if (foreignKeys != nullptr) {
     const std::size_t count = foreignKeys->obtainArraySize();
     for (std::size_t i = 0; i < count; ++i) {
-      if (!appendForeignKey(out, foreignKeys->obtainArrayItem(i)))
-        return false;
+      if (!appendForeignKey(out, foreignKeys->obtainArrayItem(i))) return false;
     }
   }
 
@@ -187,8 +175,7 @@ bool readSchema(const YLJsonValue* item, SchemaFields& schema) {
     schema.objects[kind] = item->obtainKeyValue(kObjectKeys[kind]);
     valid = valid && absentOr(schema.objects[kind], YLJsonValueType::Array);
   }
-  if (!valid)
-    YL_ASSERT(false, kSourceName);
+  if (!valid) YL_ASSERT(false, kSourceName);
   return valid;
 }
 
@@ -207,21 +194,45 @@ std::vector<Item> orderCatalogs(std::vector<Item> catalogs, LacksName lacksNameO
   std::vector<Item> ordered;
   ordered.reserve(catalogs.size());
   for (std::size_t i = catalogs.size(); i-- > 0;) {
-    if (lacksNameOf(catalogs[i]))
-      ordered.push_back(std::move(catalogs[i]));
+    if (lacksNameOf(catalogs[i])) ordered.push_back(std::move(catalogs[i]));
   }
   for (Item& catalog : catalogs) {
-    if (!lacksNameOf(catalog))
-      ordered.push_back(std::move(catalog));
+    if (!lacksNameOf(catalog)) ordered.push_back(std::move(catalog));
   }
   return ordered;
 }
 
-const YLJsonValue* rootArray(const YLJson& document) {
-  if (!document.getIsValidJson() || document.obtainType() != YLJsonValueType::Array) {
-    return nullptr;
+// Parses the structure once and hands the builder every accepted catalog and schema and every
+// object description, in input order. Bad catalogs and schemas are reported and passed over;
+// an object description is the builder's to judge.
+template <typename Builder>
+void walkStructure(std::string structure, Builder& builder) {
+  const YLJson document(std::move(structure));
+  // Not JSON, or not an array: the normal outcome for a memory that holds nothing.
+  if (!document.getIsValidJson() || document.obtainType() != YLJsonValueType::Array) return;
+
+  const std::size_t catalogCount = document.obtainArraySize();
+  for (std::size_t c = 0; c < catalogCount; ++c) {
+    CatalogFields catalog;
+    if (!readCatalog(document.obtainArrayItem(c), catalog)) continue;
+    builder.beginCatalog(catalog);
+    const std::size_t schemaCount = catalog.schemas->obtainArraySize();
+    for (std::size_t s = 0; s < schemaCount; ++s) {
+      SchemaFields schema;
+      if (!readSchema(catalog.schemas->obtainArrayItem(s), schema)) continue;
+      builder.beginSchema(schema);
+      for (int kind = 0; kind < 3; ++kind) {
+        const YLJsonValue* objects = schema.objects[kind];
+        if (objects == nullptr) continue;
+        const std::size_t count = objects->obtainArraySize();
+        for (std::size_t o = 0; o < count; ++o) {
+          builder.object(schemaNameOf(schema), kObjectKinds[kind], objects->obtainArrayItem(o));
+        }
+      }
+      builder.endSchema();
+    }
+    builder.endCatalog(catalog);
   }
-  return &document;
 }
 
 }  // namespace
@@ -230,11 +241,9 @@ namespace QORDatabaseDigest {
 
 bool lacksCatalogName(const YLVariant& catalog) {
   const YLVariantMap* map = catalog.mapPtr();
-  if (map == nullptr)
-    return true;
+  if (map == nullptr) return true;
   const auto name = map->find("catalog_name");
-  if (name == map->end())
-    return true;
+  if (name == map->end()) return true;
   const std::string* text = name->second.stringPtr();
   return text == nullptr || text->empty();
 }
@@ -242,77 +251,57 @@ bool lacksCatalogName(const YLVariant& catalog) {
 bool appendCreateStatement(std::string& out, std::string_view schemaName, std::string_view kind,
                            const YLJsonValue* description) {
   const std::size_t start = out.size();
-  if (appendStatement(out, schemaName, kind, description))
-    return true;
+  if (appendStatement(out, schemaName, kind, description)) return true;
   out.resize(start);
   YL_ASSERT(false, kSourceName);
   return false;
 }
 
-YLVariantList buildTree(std::string_view structure) {
-  const YLJson document(structure);
-  const YLJsonValue* root = rootArray(document);
-  if (root == nullptr)
-    return {};
+YLVariantList buildTree(std::string structure) {
+  // One map per catalog, its statements grouped by schema.
+  struct TreeBuilder {
+    YLVariantList catalogs;
+    YLVariantMap catalog;
+    YLVariantList schemas;
+    YLVariantMap schema;
+    YLVariantList statements;
 
-  YLVariantList catalogs;
-  const std::size_t catalogCount = root->obtainArraySize();
-  for (std::size_t c = 0; c < catalogCount; ++c) {
-    CatalogFields catalog;
-    if (!readCatalog(root->obtainArrayItem(c), catalog))
-      continue;
-
-    YLVariantMap catalogMap;
-    YLVariantList catalogLines;
-    if (catalog.id != nullptr)
-      catalogMap["catalog_id"] = catalog.id->obtainStringValue();
-    if (catalog.name != nullptr) {
-      catalogMap["catalog_name"] = catalog.name->obtainStringValue();
-      catalogLines.emplace_back("USE CATALOG `" + catalog.name->obtainStringValue() + "`");
-    }
-
-    YLVariantList schemaMaps;
-    const std::size_t schemaCount = catalog.schemas->obtainArraySize();
-    for (std::size_t s = 0; s < schemaCount; ++s) {
-      SchemaFields schema;
-      if (!readSchema(catalog.schemas->obtainArrayItem(s), schema))
-        continue;
-
-      YLVariantMap schemaMap;
-      if (schema.id != nullptr)
-        schemaMap["schema_id"] = schema.id->obtainStringValue();
-      if (schema.name != nullptr)
-        schemaMap["schema_name"] = schema.name->obtainStringValue();
-      YLVariantList statements;
-      for (int kind = 0; kind < 3; ++kind) {
-        const YLJsonValue* objects = schema.objects[kind];
-        if (objects == nullptr)
-          continue;
-        const std::size_t count = objects->obtainArraySize();
-        for (std::size_t o = 0; o < count; ++o) {
-          std::string statement;
-          appendCreateStatement(statement, schemaNameOf(schema), kObjectKinds[kind],
-                                objects->obtainArrayItem(o));
-          statements.emplace_back(std::move(statement));
-        }
+    void beginCatalog(const CatalogFields& fields) {
+      catalog.clear();
+      YLVariantList lines;
+      if (fields.id != nullptr) catalog["catalog_id"] = fields.id->obtainStringValue();
+      if (fields.name != nullptr) {
+        catalog["catalog_name"] = fields.name->obtainStringValue();
+        lines.emplace_back("USE CATALOG `" + fields.name->obtainStringValue() + "`");
       }
-      schemaMap["instructions"] = std::move(statements);
-      schemaMaps.emplace_back(std::move(schemaMap));
+      catalog["instructions"] = std::move(lines);
     }
+    void beginSchema(const SchemaFields& fields) {
+      schema.clear();
+      if (fields.id != nullptr) schema["schema_id"] = fields.id->obtainStringValue();
+      if (fields.name != nullptr) schema["schema_name"] = fields.name->obtainStringValue();
+    }
+    void object(std::string_view schemaName, std::string_view kind, const YLJsonValue* item) {
+      std::string statement;
+      appendCreateStatement(statement, schemaName, kind, item);
+      statements.emplace_back(std::move(statement));
+    }
+    void endSchema() {
+      schema["instructions"] = std::exchange(statements, {});
+      schemas.emplace_back(std::exchange(schema, {}));
+    }
+    void endCatalog(const CatalogFields&) {
+      catalog["schemas"] = std::exchange(schemas, {});
+      catalogs.emplace_back(std::exchange(catalog, {}));
+    }
+  };
 
-    catalogMap["instructions"] = std::move(catalogLines);
-    catalogMap["schemas"] = std::move(schemaMaps);
-    catalogs.emplace_back(std::move(catalogMap));
-  }
-  return orderCatalogs(std::move(catalogs), lacksCatalogName);
+  TreeBuilder builder;
+  walkStructure(std::move(structure), builder);
+  return orderCatalogs(std::move(builder.catalogs), lacksCatalogName);
 }
 
-std::string buildText(std::string_view structure) {
-  const YLJson document(structure);
-  const YLJsonValue* root = rootArray(document);
-  if (root == nullptr)
-    return {};
-
+std::string buildText(std::string structure) {
   // Each accepted catalog's lines are written in input order into one buffer; the catalogs are
   // put in their final order at the end, which costs nothing when it is the input order.
   struct Segment {
@@ -320,53 +309,47 @@ std::string buildText(std::string_view structure) {
     std::size_t end;
     bool unnamed;
   };
-  std::string text;
-  std::vector<Segment> segments;
+  struct TextBuilder {
+    std::string text;
+    std::vector<Segment> segments;
+    std::size_t catalogBegin = 0;
 
-  const std::size_t catalogCount = root->obtainArraySize();
-  for (std::size_t c = 0; c < catalogCount; ++c) {
-    CatalogFields catalog;
-    if (!readCatalog(root->obtainArrayItem(c), catalog))
-      continue;
-    const std::size_t begin = text.size();
-    if (catalog.name != nullptr) {
-      text += "USE CATALOG `";
-      text += catalog.name->obtainStringView();
-      text += "`\n";
-    }
-    const std::size_t schemaCount = catalog.schemas->obtainArraySize();
-    for (std::size_t s = 0; s < schemaCount; ++s) {
-      SchemaFields schema;
-      if (!readSchema(catalog.schemas->obtainArrayItem(s), schema))
-        continue;
-      for (int kind = 0; kind < 3; ++kind) {
-        const YLJsonValue* objects = schema.objects[kind];
-        if (objects == nullptr)
-          continue;
-        const std::size_t count = objects->obtainArraySize();
-        for (std::size_t o = 0; o < count; ++o) {
-          appendCreateStatement(text, schemaNameOf(schema), kObjectKinds[kind],
-                                objects->obtainArrayItem(o));
-          text += '\n';
-        }
+    void beginCatalog(const CatalogFields& fields) {
+      catalogBegin = text.size();
+      if (fields.name != nullptr) {
+        text += "USE CATALOG `";
+        text += fields.name->obtainStringView();
+        text += "`\n";
       }
     }
-    segments.push_back(Segment{begin, text.size(), lacksName(catalog)});
-  }
+    void beginSchema(const SchemaFields&) {}
+    void object(std::string_view schemaName, std::string_view kind, const YLJsonValue* item) {
+      appendCreateStatement(text, schemaName, kind, item);
+      text += '\n';
+    }
+    void endSchema() {}
+    void endCatalog(const CatalogFields& fields) {
+      segments.push_back(Segment{catalogBegin, text.size(), lacksName(fields)});
+    }
+  };
 
+  TextBuilder builder;
+  // The statements are shorter than the JSON they come from, but for schema names repeated in
+  // every statement: one buffer of that size saves the copies and the peak of growing by doubling.
+  builder.text.reserve(structure.size());
+  walkStructure(std::move(structure), builder);
   const std::vector<Segment> ordered =
-      orderCatalogs(segments, [](const Segment& segment) { return segment.unnamed; });
+      orderCatalogs(builder.segments, [](const Segment& segment) { return segment.unnamed; });
   bool inputOrder = true;
   for (std::size_t i = 0; i < ordered.size() && inputOrder; ++i) {
-    inputOrder = ordered[i].begin == segments[i].begin;
+    inputOrder = ordered[i].begin == builder.segments[i].begin;
   }
-  if (inputOrder)
-    return text;
+  if (inputOrder) return std::move(builder.text);
 
   std::string reordered;
-  reordered.reserve(text.size());
+  reordered.reserve(builder.text.size());
   for (const Segment& segment : ordered) {
-    reordered.append(text, segment.begin, segment.end - segment.begin);
+    reordered.append(builder.text, segment.begin, segment.end - segment.begin);
   }
   return reordered;
 }

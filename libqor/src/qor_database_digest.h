@@ -21,10 +21,11 @@
 
 namespace QORDatabaseDigest {
 
-// The digest tree of a stored structure text.
-YLVariantList buildTree(std::string_view structure);
+// The digest tree of a stored structure text. The text is parsed in its own buffer, so a caller
+// that no longer needs it moves it in.
+YLVariantList buildTree(std::string structure);
 // The digest text of a stored structure text: the lines of the tree, each ended by a line feed.
-std::string buildText(std::string_view structure);
+std::string buildText(std::string structure);
 // True for a catalog map of the tree without a catalog_name or with an empty one.
 bool lacksCatalogName(const YLVariant& catalog);
 // Appends one statement to out; on rejection restores out, raises the assertion, returns false.

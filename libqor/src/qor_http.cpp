@@ -1,19 +1,23 @@
 #include "qor_http.h"
 
+#include <type_traits>
+
 #include "qor_library.h"
 
 namespace {
 
 template <typename Request, typename Execute>
 HTTP::Result exchange(YLRestSession* session, Request& request, const std::string& url,
-                      const YLParamList& queryParams, const YLParamList& headerParams,
-                      Execute execute) {
+                      const IYLJsonValue* json, const YLParamList& queryParams,
+                      const YLParamList& headerParams, Execute execute) {
   request.requestTag = HTTP::kRequestTag;
   request.setURL(url);
-  if (!queryParams.empty())
-    request.addQueryParams(queryParams);
-  if (!headerParams.empty())
-    request.addHeaderParams(headerParams);
+  if constexpr (std::is_same_v<Request, YLRestPostRequest>) {
+    // The body is the document as it is now; it stays the caller's.
+    if (json != nullptr) request.updateJson(json);
+  }
+  if (!queryParams.empty()) request.addQueryParams(queryParams);
+  if (!headerParams.empty()) request.addHeaderParams(headerParams);
 
   IYLAppFactory* factory = YL::obtainAppFactory();
   std::unique_ptr<IYLRestClient> client(factory->obtainRestClientFactory()->createRestClient(
@@ -23,10 +27,8 @@ HTTP::Result exchange(YLRestSession* session, Request& request, const std::strin
   const std::int32_t code = execute(*client, &request, &response);
   std::unique_ptr<YLRestResourceResponse> owned(response);
   // The client always leaves a response; an empty one stands in should it ever not.
-  if (!owned)
-    owned = std::make_unique<YLRestResourceResponse>();
-  if (code == 0)
-    return {std::move(owned), std::string()};
+  if (!owned) owned = std::make_unique<YLRestResourceResponse>();
+  if (code == 0) return {std::move(owned), std::string()};
 
   const YLErrorRecord record =
       YL::obtainAppFactory()->obtainErrorService()->obtainErrorCatalogue()->obtainErrorRecord(code);
@@ -40,7 +42,7 @@ namespace HTTP {
 Result Get(YLRestSession* session, const std::string& url, const YLParamList& queryParams,
            const YLParamList& headerParams) {
   YLRestGetRequest request;
-  return exchange(session, request, url, queryParams, headerParams,
+  return exchange(session, request, url, nullptr, queryParams, headerParams,
                   [](IYLRestClient& client, YLRestGetRequest* r, YLRestResourceResponse** out) {
                     return client.executeGet(r, out);
                   });
@@ -49,9 +51,7 @@ Result Get(YLRestSession* session, const std::string& url, const YLParamList& qu
 Result Post(YLRestSession* session, const std::string& url, const IYLJsonValue* json,
             const YLParamList& queryParams, const YLParamList& headerParams) {
   YLRestPostRequest request;
-  if (json != nullptr)
-    request.updateJson(json);
-  return exchange(session, request, url, queryParams, headerParams,
+  return exchange(session, request, url, json, queryParams, headerParams,
                   [](IYLRestClient& client, YLRestPostRequest* r, YLRestResourceResponse** out) {
                     return client.executePost(r, out);
                   });

@@ -25,11 +25,9 @@ void qorSetRegisteredCallback(QORCallback callback) {
 }
 
 std::string obtainLocalizedText(std::string_view text) {
-  if (text.empty())
-    return {};
+  if (text.empty()) return {};
   QORCallback callback = registeredCallback;
-  if (callback == nullptr)
-    return std::string(text);
+  if (callback == nullptr) return std::string(text);
 
   // The callback reads a NUL-terminated sentence; a view need not be one.
   const std::string source(text);
@@ -40,7 +38,6 @@ std::string obtainLocalizedText(std::string_view text) {
 
   // A callback that filled all 1024 bytes without a NUL still gives at most 1024 bytes.
   const std::size_t length = strnlen(info.translation, sizeof info.translation);
-  if (length == 0)
-    return source;
+  if (length == 0) return source;
   return std::string(info.translation, length);
 }

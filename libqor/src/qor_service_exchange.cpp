@@ -39,8 +39,7 @@ std::string failure(std::string_view sentence, std::string_view tail) {
 }
 
 const YLJsonValue* member(const YLJsonValue* value, std::string_view key, YLJsonValueType type) {
-  if (value == nullptr)
-    return nullptr;
+  if (value == nullptr) return nullptr;
   const YLJsonValue* found = value->obtainKeyValue(key);
   return found != nullptr && found->obtainType() == type ? found : nullptr;
 }
@@ -62,13 +61,10 @@ std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assist
   const YLRestResourceResponse& response = *result.first;
 
   if (rules.gate == ListingRules::Gate::ExchangeFirst) {
-    if (!result.second.empty())
-      return {{}, failedExchangeText(rules.errorReader, result)};
-    if (!hasUsableJson(response))
-      return {{}, failure(kInvalidResponse, rules.failureTail)};
+    if (!result.second.empty()) return {{}, failedExchangeText(rules.errorReader, result)};
+    if (!hasUsableJson(response)) return {{}, failure(kInvalidResponse, rules.failureTail)};
   } else {
-    if (!hasUsableJson(response))
-      return {{}, result.second};
+    if (!hasUsableJson(response)) return {{}, result.second};
     const YLJsonValue* error = response.responseJson->obtainKeyValue("error");
     if (error != nullptr) {
       if (rules.errorKey == ListingRules::ErrorKey::AnyType) {
@@ -82,16 +78,14 @@ std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assist
   }
 
   const YLJsonValue* items = member(response.responseJson, rules.arrayKey, YLJsonValueType::Array);
-  if (items == nullptr)
-    return {{}, failure(kUnsupportedDataFormat, rules.failureTail)};
+  if (items == nullptr) return {{}, failure(kUnsupportedDataFormat, rules.failureTail)};
 
   std::vector<ModelEntry> entries;
   const std::size_t count = items->obtainArraySize();
   entries.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     ModelEntry entry;
-    if (rules.readItem(items->obtainArrayItem(i), entry))
-      entries.push_back(std::move(entry));
+    if (rules.readItem(items->obtainArrayItem(i), entry)) entries.push_back(std::move(entry));
   }
   if (rules.newestFirst) {
     std::stable_sort(entries.begin(), entries.end(), [](const ModelEntry& a, const ModelEntry& b) {
@@ -111,12 +105,10 @@ std::pair<IQORMessage*, std::string> exchangeChat(QORAssistant& assistant, const
   const HTTP::Result result =
       HTTP::Post(assistant.session.get(), urlFor(assistant, rules.pathSegments), &body,
                  rules.queryParams, YLParamList());
-  if (!result.second.empty())
-    return {nullptr, failedExchangeText(rules.errorReader, result)};
+  if (!result.second.empty()) return {nullptr, failedExchangeText(rules.errorReader, result)};
 
   const YLRestResourceResponse& response = *result.first;
-  if (!hasUsableJson(response))
-    return {nullptr, failure(kInvalidResponse, rules.failureTail)};
+  if (!hasUsableJson(response)) return {nullptr, failure(kInvalidResponse, rules.failureTail)};
 
   std::string reply;
   if (!rules.readReply(*response.responseJson, reply)) {
@@ -137,8 +129,7 @@ void appendConversation(IYLJsonValue* messages, const char* instructionRole,
     item->addKeyValue("role")->setStringValue(role);
     item->addKeyValue("content")->setStringValue(content);
   };
-  if (instructionRole != nullptr && !instructions.empty())
-    append(instructionRole, instructions);
+  if (instructionRole != nullptr && !instructions.empty()) append(instructionRole, instructions);
   for (const QORHistoryEntry& entry : history) {
     append(entry.role == kChatRoleAssistant ? "assistant" : "user", entry.text);
   }

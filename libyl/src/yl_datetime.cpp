@@ -23,14 +23,11 @@ class Reader {
   bool readFormat(std::string_view format) {
     for (std::size_t i = 0; i < format.size(); ++i) {
       if (format[i] != '%') {
-        if (!readLiteral(format[i]))
-          return false;
+        if (!readLiteral(format[i])) return false;
         continue;
       }
-      if (++i == format.size())
-        return false;  // a lone % ends the format
-      if (!readConversion(format[i]))
-        return false;
+      if (++i == format.size()) return false;  // a lone % ends the format
+      if (!readConversion(format[i])) return false;
     }
     return true;
   }
@@ -65,8 +62,7 @@ class Reader {
   }
 
   bool readLiteral(char c) {
-    if (position_ == text_.size() || text_[position_] != c)
-      return false;
+    if (position_ == text_.size() || text_[position_] != c) return false;
     ++position_;
     return true;
   }
@@ -81,8 +77,7 @@ class Reader {
       ++position_;
       ++digits;
     }
-    if (digits < fewest)
-      return false;
+    if (digits < fewest) return false;
     value = number;
     return true;
   }
@@ -126,8 +121,7 @@ YLDateTime* YLDateTime::dateTimeFromString(const std::string& text, const std::s
 
 std::int64_t YLDateTimeConverter::timestampFromDateTime(const YLDateTime* dateTime,
                                                         std::int32_t /*mode*/) const {
-  if (dateTime == nullptr || !dateTime->isValid())
-    return 0;
+  if (dateTime == nullptr || !dateTime->isValid()) return 0;
   const std::int64_t days = daysFromCivil(dateTime->year, dateTime->month, dateTime->day);
   return days * 86400 + std::int64_t{dateTime->hour} * 3600 + std::int64_t{dateTime->minute} * 60 +
          dateTime->second;

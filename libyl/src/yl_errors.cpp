@@ -282,8 +282,7 @@ YLErrorRecord YLErrorCatalogue::obtainErrorRecord(std::int32_t code) const {
     default:
       break;
   }
-  if (code >= 100 && code <= 599)
-    return httpStatusRecord(code);
+  if (code >= 100 && code <= 599) return httpStatusRecord(code);
   if (code > YLErrorCode::kCurlCodeBase && code < YLErrorCode::kCurlCodeBase + CURL_LAST) {
     return curlRecord(code);
   }

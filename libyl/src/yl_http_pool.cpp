@@ -8,11 +8,9 @@
 // installed: the pool is documented to serve one thread at a time, and libcurl does not support
 // sharing the connection cache between concurrent threads anyway.
 YLHTTPPoolCenter::YLHTTPPoolCenter() {
-  if (!ylEnsureCurlGlobalInit())
-    return;
+  if (!ylEnsureCurlGlobalInit()) return;
   CURLSH* share = curl_share_init();
-  if (share == nullptr)
-    return;
+  if (share == nullptr) return;
   for (curl_lock_data data :
        {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_DNS, CURL_LOCK_DATA_SSL_SESSION}) {
     if (curl_share_setopt(share, CURLSHOPT_SHARE, data) != CURLSHE_OK) {
@@ -26,8 +24,7 @@ YLHTTPPoolCenter::YLHTTPPoolCenter() {
 }
 
 YLHTTPPoolCenter::~YLHTTPPoolCenter() {
-  if (share_ == nullptr)
-    return;
+  if (share_ == nullptr) return;
   // Clients attach the share only for the length of an exchange, so it is free here unless the
   // pool is destroyed while one of its exchanges runs, which the one-thread rule excludes.
   const CURLSHcode result = curl_share_cleanup(static_cast<CURLSH*>(share_));

@@ -2,21 +2,23 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <functional>
 #include <limits>
 #include <new>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include "yl/yl_variant.h"
 
-// RapidJSON's SIMD paths scan white space and unescaped string runs 16 bytes at a time. SSE2 is
-// part of every x86-64; the parse buffer below is padded so that the aligned loads stay inside it.
-// RapidJSON is header-only: any other file of the library that includes it must make the same
-// choice, or the two would disagree on the same inline functions.
+// RapidJSON's SIMD paths scan white space and unescaped string runs 16 bytes at a time, with
+// aligned loads that may reach up to 15 bytes past the terminating NUL. SSE2 is part of every
+// x86-64. RapidJSON is header-only: any other file of the library that includes it must make the
+// same choice, or the two would disagree on the same inline functions.
 #if defined(__SSE2__) && !defined(RAPIDJSON_SSE2)
 #define RAPIDJSON_SSE2
 #endif
@@ -25,42 +27,191 @@
 
 namespace {
 
-enum NumberKind : std::uint32_t {
-  kInt64 = 0,
-  kUint64 = 1,
-  kDouble = 2,
+// RapidJSON picks its 16-byte scanners by the exact type of the stream; this type gets the
+// byte-by-byte code, which reads nothing past the terminating NUL. It parses a text in place when
+// its buffer has no room after the NUL for the wide loads, instead of copying the text.
+struct BytewiseInsituStream : rapidjson::InsituStringStream {
+  using rapidjson::InsituStringStream::InsituStringStream;
 };
 
-// Objects up to this size are searched by a scan of their members: for a handful of keys that
-// beats hashing. Larger objects carry a hash index so that lookups stay constant-time.
+}  // namespace
+
+namespace rapidjson {
+template <>
+struct StreamTraits<BytewiseInsituStream> {
+  enum { copyOptimization = 1 };
+};
+}  // namespace rapidjson
+
+namespace {
+
+// A value is its virtual table pointer, a word and a payload. The word holds the kind in bits 0-3,
+// the mark of the document itself in bit 4 and, in bits 16-31, the count of a container or the
+// size of a string when that is below kWordCountLimit. Larger counts and sizes are kept in a record
+// in the data, which costs nothing next to what they describe.
+enum Kind : std::uint32_t {
+  kNull = 0,
+  kBool = 1,           // payload: 0 or 1
+  kInt32 = 2,          // payload: the value
+  kInt64 = 3,          // payload: data unit of the value
+  kUint64 = 4,         // payload: data unit of the value, which is above the int64 range
+  kDouble = 5,         // payload: data unit of the value
+  kTextString = 6,     // payload: offset of the bytes in the parsed text
+  kDataString = 7,     // payload: data unit of the bytes
+  kLongString = 8,     // payload: data unit of a LongString
+  kRunArray = 9,       // payload: slot of the first item, the others follow it
+  kLongRunArray = 10,  // payload: data unit of a RunHeader
+  kTableArray = 11,    // payload: data unit of an ArrayTable; made by addArrayItem
+  kRunObject = 12,     // payload: data unit of the first value's slot, the keys' offsets and
+                       // maybe an index
+  kWideObject = 13,    // payload: data unit of a RunHeader, its TextKeys and maybe an index
+  kTableObject = 14,   // payload: data unit of an ObjectTable, or kNoTable when empty; made by
+                       // addKeyValue
+};
+
+constexpr std::uint32_t kKindMask = 0xF;
+constexpr std::uint32_t kRootBit = 0x10;
+constexpr unsigned kCountShift = 16;
+constexpr std::size_t kWordCountLimit = std::size_t{1} << 16;
+
+constexpr std::uint32_t makeWord(Kind kind, std::size_t count = 0) {
+  return static_cast<std::uint32_t>(count) << kCountShift | kind;
+}
+
+constexpr std::array<YLJsonValueType, 16> kTypeOfKind = {
+    YLJsonValueType::Null,   YLJsonValueType::Bool,   YLJsonValueType::Number,
+    YLJsonValueType::Number, YLJsonValueType::Number, YLJsonValueType::Number,
+    YLJsonValueType::String, YLJsonValueType::String, YLJsonValueType::String,
+    YLJsonValueType::Array,  YLJsonValueType::Array,  YLJsonValueType::Array,
+    YLJsonValueType::Object, YLJsonValueType::Object, YLJsonValueType::Object,
+    YLJsonValueType::Null};
+
+// Values live in 4 KiB segments aligned to their size, 16 bytes to a slot. Slot 0 of a segment is
+// a header that points to the document's storage: a value finds it by rounding its own address
+// down, which is why a value need not carry a pointer to its document. A slot's number is its
+// segment's number times 256 plus its place in the segment (1 to 255). A run of values may go on
+// from the last slot of one segment to slot 1 of the next one.
+constexpr std::size_t kSegmentBytes = 4096;
+constexpr unsigned kSlotShift = 8;
+constexpr std::uint32_t kSlotsPerSegment = 256;
+constexpr std::uint32_t kValuesPerSegment = kSlotsPerSegment - 1;
+constexpr std::size_t kSlotBytes = kSegmentBytes / kSlotsPerSegment;
+
+// Everything else a document keeps besides its text (numbers, built strings and keys, the key
+// tables of objects, item and member tables, hash indexes) is data, addressed in 4-byte units.
+// Blocks of data are contiguous and registered as 4 KiB pieces, so that unit u is at
+// dataSegments[u / 1024] + u % 1024 * 4 and a record never straddles two blocks. Records hold
+// 32-bit fields; wider ones are read and written with memcpy.
+constexpr unsigned kUnitShift = 10;
+constexpr std::uint32_t kUnitsPerSegment = 1024;
+constexpr std::size_t kUnitBytes = kSegmentBytes / kUnitsPerSegment;
+
+// Slot and unit numbers are 32 bits: at most 2^24 segments of values and 2^22 of data (64 GiB and
+// 16 GiB).
+constexpr std::size_t kMaxValueSegments = std::size_t{1} << 24;
+constexpr std::size_t kMaxDataSegments = std::size_t{1} << 22;
+
+// Blocks start at one segment and double up to this size: a small document stays small, and the
+// unused end of the last blocks stays small next to a large one.
+constexpr std::size_t kLargestBlockBytes = std::size_t{1} << 18;
+
+// While a text is parsed, once this much of it has been read, a new block is sized for what the
+// rest of the text will likely need, judged from what the part read so far needed, with a sixteenth
+// to spare: a large document is then made of a few large allocations, and little room stays unused
+// at the end. A guess gone wrong leaves at most one such block of each kind partly unused.
+constexpr std::size_t kForesightSample = std::size_t{1} << 16;
+constexpr std::size_t kSmallestForeseenBlockBytes = std::size_t{1} << 14;
+constexpr std::size_t kLargestForeseenBlockBytes = std::size_t{1} << 22;
+
+// Offsets into the parsed text are 32 bits.
+constexpr std::size_t kMaxTextSize = std::numeric_limits<std::uint32_t>::max();
+
+// What SkipWhitespace_SIMD and the string scanners may load past the NUL after the text.
+constexpr std::size_t kWideLoadSlack = 15;
+
+// Objects up to this size are searched by a scan of their keys: for a handful of keys that beats
+// hashing. Larger objects carry a hash index so that lookups stay constant-time.
 constexpr std::uint32_t kLinearMemberLimit = 16;
 
-// Bytes of zeros after the copy of a text being parsed: the terminating NUL plus room for the
-// 16-byte loads of RapidJSON's SIMD scanners.
-constexpr std::size_t kParsePadding = 32;
+// A parsed container's items, and the members of a parsed object, are one run of values.
+//
+// A parsed object's keys stay in the text. In situ, each key was decoded in place and ended with a
+// NUL, so the usual object only keeps each key's offset: its record is the first value's slot,
+// then the offsets, then, beyond kLinearMemberLimit members, an index of slotCountFor(count)
+// entries. An object with a key that holds a NUL itself, or with too many members for the word,
+// is wide: a RunHeader, then TextKeys, then the index.
+struct RunHeader {
+  std::uint32_t count;
+  std::uint32_t first;  // slot of the first value
+};
+struct TextKey {
+  std::uint32_t offset;
+  std::uint32_t size;
+};
+// A built array: the slots of its items follow.
+struct ArrayTable {
+  std::uint32_t count;
+  std::uint32_t capacity;
+};
+// A built object: capacity TableMembers follow, then indexSlots index entries.
+struct ObjectTable {
+  std::uint32_t count;
+  std::uint32_t capacity;
+  std::uint32_t indexSlots;  // 0: no index, lookups scan the members
+  std::uint32_t unused;
+};
+struct TableMember {
+  std::uint32_t key;      // data unit of the key's bytes
+  std::uint32_t keySize;  // kLongKey: the size is in the 8 bytes before the key
+  std::uint32_t value;    // slot
+  std::uint32_t prefix;   // the key's first four bytes, see keyPrefix
+};
+// Read and written with memcpy: data is only aligned to 4 bytes.
+struct LongString {
+  const char* bytes;
+  std::uint64_t size;
+};
 
-constexpr std::size_t kFirstBlockSize = 4096;
-constexpr std::size_t kLargestBlockSize = std::size_t{1} << 20;
+constexpr std::uint32_t kNoTable = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint32_t kLongKey = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint32_t kMaxCount = std::numeric_limits<std::uint32_t>::max();
 
-const char kEmptyBytes[1] = {'\0'};
-
-// Index slots for a member table: a power of two, at most half full.
-std::uint32_t slotCountFor(std::uint32_t capacity) {
-  std::uint64_t slots = 32;
-  while (slots < std::uint64_t{capacity} * 2)
-    slots *= 2;
-  // Beyond 2^31 members (tens of gigabytes) the object simply goes without an index.
+// Index slots for a table: a power of two, at most half full.
+std::uint32_t slotCountFor(std::uint64_t capacity) {
+  const std::uint64_t slots = std::max<std::uint64_t>(32, std::bit_ceil(capacity * 2));
+  // Beyond 2^31 members (tens of gigabytes) a built object simply goes without an index; a parsed
+  // one cannot have that many.
   return slots <= std::numeric_limits<std::uint32_t>::max() / 2 + 1
              ? static_cast<std::uint32_t>(slots)
              : 0;
 }
 
-bool sameKey(const char* bytes, std::size_t size, std::string_view key) {
-  return size == key.size() && (size == 0 || std::memcmp(bytes, key.data(), size) == 0);
+std::size_t hashKey(std::string_view key) {
+  return std::hash<std::string_view>{}(key);
 }
 
-std::size_t hashKey(const char* bytes, std::size_t size) {
-  return std::hash<std::string_view>{}(std::string_view(bytes, size));
+// Equal bytes, for two views of the same size: memcmp must not be given a null pointer.
+bool sameBytes(const char* bytes, std::string_view other) {
+  return other.empty() || std::memcmp(bytes, other.data(), other.size()) == 0;
+}
+
+// A key's first four bytes, zero-padded. Kept in a built object's members, they settle most
+// comparisons without a visit to the key's bytes, which lie elsewhere in memory.
+std::uint32_t keyPrefix(std::string_view key) {
+  std::uint32_t prefix = 0;
+  if (!key.empty())
+    std::memcpy(&prefix, key.data(), std::min<std::size_t>(key.size(), sizeof prefix));
+  return prefix;
+}
+
+std::uint32_t keySizeField(std::size_t size) {
+  return size >= kLongKey ? kLongKey : static_cast<std::uint32_t>(size);
+}
+
+template <typename Vector>
+void reserveMore(Vector& vector, std::size_t extra) {
+  if (vector.capacity() - vector.size() < extra)
+    vector.reserve(std::max(vector.size() + extra, vector.capacity() * 2));
 }
 
 constexpr std::array<char, 256> makeEscapeTable() {
@@ -86,8 +237,7 @@ void appendQuoted(std::string& out, const char* bytes, std::size_t size) {
   std::size_t runStart = 0;
   for (std::size_t i = 0; i < size; ++i) {
     const char escape = kEscapes[static_cast<unsigned char>(bytes[i])];
-    if (escape == 0)
-      continue;
+    if (escape == 0) continue;
     out.append(bytes + runStart, i - runStart);
     runStart = i + 1;
     if (escape == 'u') {
@@ -113,8 +263,7 @@ void appendDouble(std::string& out, double value) {
   const std::string_view text(buffer, static_cast<std::size_t>(result.ptr - buffer));
   out += text;
   // Keep the value a double when read back: "1" would come back as an integer.
-  if (text.find_first_of(".e") == std::string_view::npos)
-    out += ".0";
+  if (text.find_first_of(".e") == std::string_view::npos) out += ".0";
 }
 
 template <typename Integer>
@@ -128,426 +277,848 @@ bool isJsonSpace(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
-// A key's first four bytes, zero-padded. Kept in the member table, they settle most comparisons
-// without a visit to the key's bytes, which lie elsewhere in memory; keys of up to four bytes
-// ("name", "type") never need that visit.
-std::uint32_t keyPrefix(std::string_view key) {
-  std::uint32_t prefix = 0;
-  if (!key.empty())
-    std::memcpy(&prefix, key.data(), std::min<std::size_t>(key.size(), sizeof prefix));
-  return prefix;
-}
-
 }  // namespace
 
-struct YLJsonValue::Member {
-  // Keys of 4 GiB and more are only made by addKeyValue; their size is kept in the 8 bytes before
-  // their first byte.
-  static constexpr std::uint32_t kLongKey = std::numeric_limits<std::uint32_t>::max();
-
-  static std::uint32_t sizeField(std::size_t size) {
-    return size >= kLongKey ? kLongKey : static_cast<std::uint32_t>(size);
-  }
-
-  static Member make(const char* key, std::size_t size, YLJsonValue* value) {
-    return Member{key, sizeField(size), keyPrefix(std::string_view(key, size)), value};
-  }
-
-  std::string_view keyView() const {
-    if (keySize != kLongKey)
-      return std::string_view(key, keySize);
-    std::size_t size;
-    std::memcpy(&size, key - sizeof size, sizeof size);
-    return std::string_view(key, size);
-  }
-
-  bool matches(std::string_view other, std::uint32_t otherPrefix) const {
-    if (prefix != otherPrefix || keySize != sizeField(other.size()))
-      return false;
-    if (keySize == kLongKey)
-      return keyView() == other;
-    return keySize <= sizeof prefix ||
-           std::memcmp(key + sizeof prefix, other.data() + sizeof prefix,
-                       keySize - sizeof prefix) == 0;
-  }
-
-  const char* key;
-  std::uint32_t keySize;
-  std::uint32_t prefix;
-  YLJsonValue* value;
-};
-
-// Bump allocation in blocks that live as long as the document: nodes never move and nothing is
-// freed one by one.
+// Where a document keeps its text and its values: blocks that live as long as the document, so
+// that nothing moves and nothing is freed one by one.
 struct YLJson::Arena {
-  Arena() = default;
+  struct SegmentHeader {
+    Arena* arena;
+  };
+  struct Block {
+    void* memory;
+    std::size_t bytes;
+    bool aligned;
+  };
+
+  explicit Arena(YLJson* owner) : document(owner) {}
   Arena(const Arena&) = delete;
   Arena& operator=(const Arena&) = delete;
-  ~Arena() { clear(); }
+  ~Arena() { release(); }
 
-  void clear() {
-    for (void* block : blocks)
-      ::operator delete(block);
-    blocks.clear();
-    cursor = nullptr;
-    limit = nullptr;
-    nextBlockSize = kFirstBlockSize;
-  }
-
-  void* allocate(std::size_t size, std::size_t alignment) {
-    const std::size_t padding = (0 - reinterpret_cast<std::uintptr_t>(cursor)) & (alignment - 1);
-    if (padding + size <= static_cast<std::size_t>(limit - cursor)) {
-      char* result = cursor + padding;
-      cursor = result + size;
-      return result;
+  // Frees everything, the text too: the arena is as new.
+  void release() {
+    for (const Block& block : blocks) {
+      if (block.aligned) {
+        ::operator delete (block.memory, block.bytes, std::align_val_t{kSegmentBytes});
+      } else {
+        ::operator delete(block.memory, block.bytes);
+      }
     }
-    return allocateSlow(size, alignment);
+    std::vector<Block>().swap(blocks);
+    std::vector<char*>().swap(valueSegments);
+    std::vector<char*>().swap(dataSegments);
+    std::string().swap(text);
+    nextValue = 1;
+    freeValues = 0;
+    valueBlockSegments = 1;
+    nextUnit = 0;
+    unitLimit = 0;
+    dataBlockBytes = kSegmentBytes;
+    dataUsed = 0;
+    parseSize = 0;
+    parsePosition = 0;
+    parseWaiting = 0;
   }
 
-  void* allocateSlow(std::size_t size, std::size_t alignment) {
-    // Blocks from operator new are aligned for every type a document stores.
-    if (size + alignment > nextBlockSize / 4) {
-      void* block = ::operator new(size);
-      blocks.push_back(block);
-      return block;
+  // ---- Values
+
+  char* slotAddress(std::uint32_t slot) const {
+    return valueSegments[slot >> kSlotShift] + (slot & (kSlotsPerSegment - 1)) * kSlotBytes;
+  }
+
+  // The value constructed in the slot.
+  YLJsonValue* value(std::uint32_t slot) const {
+    return std::launder(reinterpret_cast<YLJsonValue*>(slotAddress(slot)));
+  }
+
+  // The slot at index in a run that starts at first.
+  static std::uint32_t runSlot(std::uint32_t first, std::size_t index) {
+    const std::size_t position = (first & (kSlotsPerSegment - 1)) - 1 + index;
+    const std::size_t segment = (first >> kSlotShift) + position / kValuesPerSegment;
+    return static_cast<std::uint32_t>(segment << kSlotShift | (position % kValuesPerSegment + 1));
+  }
+
+  YLJsonValue* runItem(std::uint32_t first, std::size_t index) const {
+    return value(runSlot(first, index));
+  }
+
+  // Slots for count values in a row (count > 0); the caller constructs the values.
+  std::uint32_t allocateValues(std::size_t count) {
+    if (count > freeValues) addValueSegments(count - freeValues);
+    const std::uint32_t first = nextValue;
+    nextValue = runSlot(first, count);
+    freeValues -= count;
+    return first;
+  }
+
+  // Appends segments for at least missing more values. While no slot is free, nextValue is slot 1
+  // of the segment that comes next, so a run may go on into the new block.
+  void addValueSegments(std::size_t missing) {
+    const std::size_t needed = (missing + kValuesPerSegment - 1) / kValuesPerSegment;
+    const std::size_t used = valueSegments.size() * kValuesPerSegment - freeValues;
+    const std::size_t count =
+        std::max(needed, blockBytesFor(used * kSlotBytes, parseWaiting * kSlotBytes,
+                                       valueBlockSegments * kSegmentBytes) /
+                             kSegmentBytes);
+    if (count >= kMaxValueSegments - valueSegments.size()) throw std::bad_alloc();
+    reserveMore(blocks, 1);
+    reserveMore(valueSegments, count);
+    const std::size_t bytes = count * kSegmentBytes;
+    auto* memory = static_cast<char*>(::operator new (bytes, std::align_val_t{kSegmentBytes}));
+    blocks.push_back(Block{memory, bytes, true});
+    for (std::size_t i = 0; i < count; ++i) {
+      char* segment = memory + i * kSegmentBytes;
+      new (segment) SegmentHeader{this};
+      valueSegments.push_back(segment);
     }
-    char* block = static_cast<char*>(::operator new(nextBlockSize));
-    blocks.push_back(block);
-    cursor = block;
-    limit = block + nextBlockSize;
-    nextBlockSize = std::min(nextBlockSize * 2, kLargestBlockSize);
-    return allocate(size, alignment);
+    freeValues += count * kValuesPerSegment;
+    valueBlockSegments = std::min(valueBlockSegments * 2, kLargestBlockBytes / kSegmentBytes);
   }
 
-  // A key as Member expects it: a long one carries its size in front.
-  const char* copyKey(std::string_view key) {
-    if (key.size() < YLJsonValue::Member::kLongKey)
-      return copyBytes(key.data(), key.size());
-    const std::size_t size = key.size();
-    char* copy = static_cast<char*>(allocate(sizeof size + size, alignof(std::size_t)));
-    std::memcpy(copy, &size, sizeof size);
-    std::memcpy(copy + sizeof size, key.data(), size);
-    return copy + sizeof size;
+  // ---- Data
+
+  char* data(std::uint32_t unit) const {
+    return dataSegments[unit >> kUnitShift] + (unit & (kUnitsPerSegment - 1)) * kUnitBytes;
   }
 
-  const char* copyBytes(const char* bytes, std::size_t size) {
-    if (size == 0)
-      return kEmptyBytes;
-    char* copy = static_cast<char*>(allocate(size, 1));
-    std::memcpy(copy, bytes, size);
-    return copy;
+  template <typename Record>
+  Record* record(std::uint32_t unit) const {
+    return reinterpret_cast<Record*>(data(unit));
   }
 
-  std::vector<void*> blocks;
-  char* cursor = nullptr;
-  char* limit = nullptr;
-  std::size_t nextBlockSize = kFirstBlockSize;
+  // Contiguous room for the bytes, aligned to 4. Nothing may be read through the unit of an
+  // empty allocation.
+  std::uint32_t allocateData(std::size_t bytes) {
+    const std::size_t units = (bytes + kUnitBytes - 1) / kUnitBytes;
+    dataUsed += units * kUnitBytes;
+    if (units <= unitLimit - nextUnit) {
+      const std::uint32_t unit = nextUnit;
+      nextUnit += static_cast<std::uint32_t>(units);
+      return unit;
+    }
+    return allocateDataBlock(units);
+  }
+
+  std::uint32_t allocateDataBlock(std::size_t units) {
+    const std::size_t bytes = units * kUnitBytes;
+    const std::size_t usual = blockBytesFor(dataUsed - bytes, 0, dataBlockBytes);
+    // A large record gets a block of its own, and the current block keeps its free room.
+    const bool alone = bytes > usual / 4;
+    const std::size_t blockBytes =
+        alone ? (bytes + kSegmentBytes - 1) / kSegmentBytes * kSegmentBytes : usual;
+    const std::size_t segments = blockBytes / kSegmentBytes;
+    if (segments >= kMaxDataSegments - dataSegments.size()) throw std::bad_alloc();
+    reserveMore(blocks, 1);
+    reserveMore(dataSegments, segments);
+    auto* memory = static_cast<char*>(::operator new(blockBytes));
+    blocks.push_back(Block{memory, blockBytes, false});
+    const auto first = static_cast<std::uint32_t>(dataSegments.size() << kUnitShift);
+    for (std::size_t i = 0; i < segments; ++i)
+      dataSegments.push_back(memory + i * kSegmentBytes);
+    if (alone) return first;
+    nextUnit = first + static_cast<std::uint32_t>(units);
+    unitLimit = first + static_cast<std::uint32_t>(blockBytes / kUnitBytes);
+    dataBlockBytes = std::min(dataBlockBytes * 2, kLargestBlockBytes);
+    return first;
+  }
+
+  // The size of the next block, given the bytes of its kind handed out so far, those that the
+  // parser holds back and will surely ask for, and the size the block has outside a parse: a
+  // multiple of the segment size.
+  std::size_t blockBytesFor(std::size_t used, std::size_t waiting, std::size_t usual) const {
+    if (parsePosition < kForesightSample || parsePosition >= parseSize) return usual;
+    const double rest = static_cast<double>(parseSize - parsePosition) /
+                        static_cast<double>(parsePosition) * static_cast<double>(used + waiting);
+    const double wanted = std::clamp((static_cast<double>(waiting) + rest) * 17 / 16,
+                                     static_cast<double>(kSmallestForeseenBlockBytes),
+                                     static_cast<double>(kLargestForeseenBlockBytes));
+    return (static_cast<std::size_t>(wanted) + kSegmentBytes - 1) / kSegmentBytes * kSegmentBytes;
+  }
+
+  std::size_t storageSize() const {
+    std::size_t bytes = sizeof(Arena) + text.capacity() + blocks.capacity() * sizeof(Block) +
+                        (valueSegments.capacity() + dataSegments.capacity()) * sizeof(char*);
+    for (const Block& block : blocks)
+      bytes += block.bytes;
+    return bytes;
+  }
+
+  YLJson* document;
+  // The parsed text, in which strings and keys were decoded in place.
+  std::string text;
+  std::vector<Block> blocks;
+  std::vector<char*> valueSegments;
+  std::vector<char*> dataSegments;
+  std::uint32_t nextValue = 1;
+  std::size_t freeValues = 0;
+  std::size_t valueBlockSegments = 1;
+  std::uint32_t nextUnit = 0;
+  std::uint32_t unitLimit = 0;
+  std::size_t dataBlockBytes = kSegmentBytes;
+  std::size_t dataUsed = 0;  // bytes handed out
+  // While a text is parsed: its size, the offset of the last string or key read, and the values
+  // that wait for their container to close.
+  std::size_t parseSize = 0;
+  std::size_t parsePosition = 0;
+  std::size_t parseWaiting = 0;
 };
 
-// Everything that touches the representation from outside a single value: node allocation, the
-// member tables and their hash index, and the SAX handler that parses straight into the arena.
+static_assert(sizeof(YLJsonValue) <= kSlotBytes && alignof(YLJsonValue) <= kSlotBytes);
+
+// Everything that touches the representation from outside a single value: reading children,
+// building tables and their hash index, and the SAX handler that parses straight into the arena.
 struct YLJsonBuilder {
-  using Member = YLJsonValue::Member;
-  static constexpr std::uint64_t kMaxCapacity = std::numeric_limits<std::uint32_t>::max();
+  using Arena = YLJson::Arena;
   static constexpr std::size_t kNotFound = std::numeric_limits<std::size_t>::max();
 
-  static YLJsonValue* newNode(YLJson& document) {
-    void* memory = document.arena_->allocate(sizeof(YLJsonValue), alignof(YLJsonValue));
-    return new (memory) YLJsonValue(&document);
+  struct Encoded {
+    std::uint32_t word;
+    std::uint32_t payload;
+  };
+
+  // ---- Reading ------------------------------------------------------------------------------
+
+  static Kind kindOf(const YLJsonValue& value) {
+    return static_cast<Kind>(value.word_ & kKindMask);
+  }
+  static std::uint32_t wordCount(const YLJsonValue& value) { return value.word_ >> kCountShift; }
+
+  static Arena& arenaOf(const YLJsonValue& value) {
+    if ((value.word_ & kRootBit) != 0) return *static_cast<const YLJson&>(value).arena_;
+    const auto segment =
+        reinterpret_cast<std::uintptr_t>(&value) & ~std::uintptr_t{kSegmentBytes - 1};
+    return *std::launder(reinterpret_cast<const Arena::SegmentHeader*>(segment))->arena;
   }
 
-  static void makeNull(YLJsonValue& value) {
-    value.type_ = YLJsonValueType::Null;
-    value.count_ = 0;
-    value.data_ = YLJsonValue::Data{};
+  template <typename Number>
+  static Number numberAt(const Arena& arena, std::uint32_t unit) {
+    Number number;
+    std::memcpy(&number, arena.data(unit), sizeof number);
+    return number;
   }
 
-  static void makeEmptyObject(YLJsonValue& value) {
-    makeNull(value);
-    value.type_ = YLJsonValueType::Object;
+  static std::string_view stringOf(const Arena& arena, const YLJsonValue& value) {
+    switch (kindOf(value)) {
+      case kTextString:
+        return std::string_view(arena.text.data() + value.payload_, wordCount(value));
+      case kDataString:
+        if (wordCount(value) == 0) return {};
+        return std::string_view(arena.data(value.payload_), wordCount(value));
+      case kLongString: {
+        LongString string;
+        std::memcpy(&string, arena.data(value.payload_), sizeof string);
+        return std::string_view(string.bytes, string.size);
+      }
+      default:
+        return {};
+    }
   }
 
-  static std::uint32_t* indexOf(const YLJsonValue::ObjectData& object) {
-    return reinterpret_cast<std::uint32_t*>(object.members + object.capacity);
+  static std::size_t itemCount(const Arena& arena, const YLJsonValue& value) {
+    switch (kindOf(value)) {
+      case kRunArray:
+        return wordCount(value);
+      case kLongRunArray:
+        return arena.record<RunHeader>(value.payload_)->count;
+      case kTableArray:
+        return arena.record<ArrayTable>(value.payload_)->count;
+      default:
+        return 0;
+    }
   }
 
-  // A member table with room for capacity members, and an empty index when slots is not 0.
-  static YLJsonValue::ObjectData allocateMembers(YLJson::Arena& arena, std::uint32_t capacity,
-                                                 std::uint32_t slots) {
-    const std::size_t bytes = capacity * sizeof(Member) + slots * sizeof(std::uint32_t);
-    YLJsonValue::ObjectData object{static_cast<Member*>(arena.allocate(bytes, alignof(Member))),
-                                   capacity, slots};
-    if (slots != 0)
-      std::memset(indexOf(object), 0, slots * sizeof(std::uint32_t));
-    return object;
+  // The item at an index below itemCount().
+  static YLJsonValue* itemAt(const Arena& arena, const YLJsonValue& array, std::size_t index) {
+    switch (kindOf(array)) {
+      case kRunArray:
+        return arena.runItem(array.payload_, index);
+      case kLongRunArray:
+        return arena.runItem(arena.record<RunHeader>(array.payload_)->first, index);
+      default: {
+        const auto* table = arena.record<ArrayTable>(array.payload_);
+        return arena.value(reinterpret_cast<const std::uint32_t*>(table + 1)[index]);
+      }
+    }
   }
 
-  // Finds the key among the first count members.
-  static std::size_t findMember(const YLJsonValue::ObjectData& object, std::uint32_t count,
-                                std::string_view key) {
-    const std::uint32_t prefix = keyPrefix(key);
-    if (object.indexSlots == 0) {
-      for (std::uint32_t i = 0; i < count; ++i) {
-        if (object.members[i].matches(key, prefix))
-          return i;
+  static std::size_t memberCount(const Arena& arena, const YLJsonValue& value) {
+    switch (kindOf(value)) {
+      case kRunObject:
+        return wordCount(value);
+      case kWideObject:
+        return arena.record<RunHeader>(value.payload_)->count;
+      case kTableObject:
+        return value.payload_ == kNoTable ? 0 : arena.record<ObjectTable>(value.payload_)->count;
+      default:
+        return 0;
+    }
+  }
+
+  // A parsed object, either form.
+  struct ParsedObject {
+    std::uint32_t count;
+    std::uint32_t first;
+    const std::uint32_t* offsets;  // the usual form: offsets of NUL-terminated keys
+    const TextKey* keys;           // the wide form
+    const std::uint32_t* index;    // beyond kLinearMemberLimit members
+  };
+
+  static bool isParsedObject(const YLJsonValue& value) {
+    return kindOf(value) == kRunObject || kindOf(value) == kWideObject;
+  }
+
+  static ParsedObject parsedObject(const Arena& arena, const YLJsonValue& object) {
+    if (kindOf(object) == kRunObject) {
+      const auto* record = arena.record<std::uint32_t>(object.payload_);
+      const std::uint32_t count = wordCount(object);
+      return ParsedObject{count, record[0], record + 1, nullptr, record + 1 + count};
+    }
+    const auto* header = arena.record<RunHeader>(object.payload_);
+    const auto* keys = reinterpret_cast<const TextKey*>(header + 1);
+    return ParsedObject{header->count, header->first, nullptr, keys,
+                        reinterpret_cast<const std::uint32_t*>(keys + header->count)};
+  }
+
+  static std::string_view parsedKey(const Arena& arena, const ParsedObject& object,
+                                    std::size_t index) {
+    const char* text = arena.text.data();
+    if (object.offsets != nullptr) return std::string_view(text + object.offsets[index]);
+    return std::string_view(text + object.keys[index].offset, object.keys[index].size);
+  }
+
+  static bool parsedKeyIs(const Arena& arena, const ParsedObject& object, std::size_t index,
+                          std::string_view key) {
+    const char* text = arena.text.data();
+    if (object.offsets != nullptr) {
+      // The key ends at its first NUL. The first byte settles most comparisons.
+      const char* stored = text + object.offsets[index];
+      return (key.empty() || stored[0] == key[0]) && std::strlen(stored) == key.size() &&
+             sameBytes(stored, key);
+    }
+    const TextKey& stored = object.keys[index];
+    return stored.size == key.size() && sameBytes(text + stored.offset, key);
+  }
+
+  static std::size_t findParsedKey(const Arena& arena, const ParsedObject& object,
+                                   std::string_view key) {
+    if (object.count <= kLinearMemberLimit) {
+      for (std::uint32_t i = 0; i < object.count; ++i) {
+        if (parsedKeyIs(arena, object, i, key)) return i;
       }
       return kNotFound;
     }
-    const std::uint32_t* index = indexOf(object);
-    const std::size_t mask = object.indexSlots - 1;
-    for (std::size_t slot = hashKey(key.data(), key.size()) & mask; index[slot] != 0;
+    const std::size_t mask = slotCountFor(object.count) - 1;
+    for (std::size_t slot = hashKey(key) & mask; object.index[slot] != 0;
          slot = (slot + 1) & mask) {
-      const Member& member = object.members[index[slot] - 1];
-      if (member.matches(key, prefix))
-        return index[slot] - 1;
+      if (parsedKeyIs(arena, object, object.index[slot] - 1, key)) return object.index[slot] - 1;
     }
     return kNotFound;
   }
 
-  static void indexMember(const YLJsonValue::ObjectData& object, std::uint32_t position) {
-    std::uint32_t* index = indexOf(object);
-    const std::size_t mask = object.indexSlots - 1;
-    const Member& member = object.members[position];
-    const std::string_view key = member.keyView();
-    std::size_t slot = hashKey(key.data(), key.size()) & mask;
+  static TableMember* tableMembers(const ObjectTable* table) {
+    return reinterpret_cast<TableMember*>(const_cast<ObjectTable*>(table) + 1);
+  }
+  static std::uint32_t* tableIndex(const ObjectTable* table) {
+    return reinterpret_cast<std::uint32_t*>(tableMembers(table) + table->capacity);
+  }
+
+  static std::string_view tableKey(const Arena& arena, const TableMember& member) {
+    if (member.keySize == 0) return {};
+    const char* bytes = arena.data(member.key);
+    if (member.keySize != kLongKey) return std::string_view(bytes, member.keySize);
+    std::uint64_t size;
+    std::memcpy(&size, bytes - sizeof size, sizeof size);
+    return std::string_view(bytes, size);
+  }
+
+  // The key at an index below memberCount().
+  static std::string_view keyAt(const Arena& arena, const YLJsonValue& object, std::size_t index) {
+    if (isParsedObject(object)) return parsedKey(arena, parsedObject(arena, object), index);
+    return tableKey(arena, tableMembers(arena.record<ObjectTable>(object.payload_))[index]);
+  }
+
+  // The value at an index below memberCount().
+  static YLJsonValue* memberAt(const Arena& arena, const YLJsonValue& object, std::size_t index) {
+    if (isParsedObject(object)) return arena.runItem(parsedObject(arena, object).first, index);
+    return arena.value(tableMembers(arena.record<ObjectTable>(object.payload_))[index].value);
+  }
+
+  static std::size_t findMember(const Arena& arena, const YLJsonValue& object,
+                                std::string_view key) {
+    if (isParsedObject(object)) return findParsedKey(arena, parsedObject(arena, object), key);
+    if (kindOf(object) == kTableObject && object.payload_ != kNoTable)
+      return findTableKey(arena, *arena.record<ObjectTable>(object.payload_), key);
+    return kNotFound;
+  }
+
+  static bool memberMatches(const Arena& arena, const TableMember& member, std::string_view key,
+                            std::uint32_t prefix) {
+    if (member.prefix != prefix || member.keySize != keySizeField(key.size())) return false;
+    if (member.keySize == kLongKey) return tableKey(arena, member) == key;
+    // Keys of up to four bytes are settled by the prefix and the size.
+    return member.keySize <= sizeof prefix ||
+           std::memcmp(arena.data(member.key) + sizeof prefix, key.data() + sizeof prefix,
+                       member.keySize - sizeof prefix) == 0;
+  }
+
+  static std::size_t findTableKey(const Arena& arena, const ObjectTable& table,
+                                  std::string_view key) {
+    const TableMember* members = tableMembers(&table);
+    const std::uint32_t prefix = keyPrefix(key);
+    if (table.indexSlots == 0) {
+      for (std::uint32_t i = 0; i < table.count; ++i) {
+        if (memberMatches(arena, members[i], key, prefix)) return i;
+      }
+      return kNotFound;
+    }
+    const std::uint32_t* index = tableIndex(&table);
+    const std::size_t mask = table.indexSlots - 1;
+    for (std::size_t slot = hashKey(key) & mask; index[slot] != 0; slot = (slot + 1) & mask) {
+      if (memberMatches(arena, members[index[slot] - 1], key, prefix)) return index[slot] - 1;
+    }
+    return kNotFound;
+  }
+
+  // ---- Changing values ----------------------------------------------------------------------
+
+  // Gives the value a new content; the mark of the document itself stays.
+  static void set(YLJsonValue& value, Encoded encoded) {
+    value.word_ = (value.word_ & kRootBit) | encoded.word;
+    value.payload_ = encoded.payload;
+  }
+  static void makeNull(YLJsonValue& value) { set(value, Encoded{makeWord(kNull), 0}); }
+  static void makeEmptyObject(YLJsonValue& value) {
+    set(value, Encoded{makeWord(kTableObject), kNoTable});
+  }
+  static void makeEmptyArray(YLJsonValue& value) { set(value, Encoded{makeWord(kRunArray), 0}); }
+
+  template <typename Number>
+  static std::uint32_t storeNumber(Arena& arena, Number number) {
+    const std::uint32_t unit = arena.allocateData(sizeof number);
+    std::memcpy(arena.data(unit), &number, sizeof number);
+    return unit;
+  }
+
+  static Encoded encodeInteger(Arena& arena, std::int64_t number) {
+    if (number >= std::numeric_limits<std::int32_t>::min() &&
+        number <= std::numeric_limits<std::int32_t>::max()) {
+      return Encoded{makeWord(kInt32), static_cast<std::uint32_t>(number)};
+    }
+    return Encoded{makeWord(kInt64), storeNumber(arena, number)};
+  }
+
+  static Encoded encodeDouble(Arena& arena, double number) {
+    return Encoded{makeWord(kDouble), storeNumber(arena, number)};
+  }
+
+  // A long string's record, for bytes that stay where they are.
+  static Encoded encodeLongString(Arena& arena, const char* bytes, std::size_t size) {
+    const std::uint32_t unit = arena.allocateData(sizeof(LongString));
+    const LongString string{bytes, size};
+    std::memcpy(arena.data(unit), &string, sizeof string);
+    return Encoded{makeWord(kLongString), unit};
+  }
+
+  static Encoded copyString(Arena& arena, std::string_view text) {
+    if (text.empty()) return Encoded{makeWord(kDataString), 0};
+    if (text.size() < kWordCountLimit) {
+      const std::uint32_t unit = arena.allocateData(text.size());
+      std::memcpy(arena.data(unit), text.data(), text.size());
+      return Encoded{makeWord(kDataString, text.size()), unit};
+    }
+    const std::uint32_t unit = arena.allocateData(sizeof(LongString) + text.size());
+    char* bytes = arena.data(unit) + sizeof(LongString);
+    std::memcpy(bytes, text.data(), text.size());
+    const LongString string{bytes, text.size()};
+    std::memcpy(arena.data(unit), &string, sizeof string);
+    return Encoded{makeWord(kLongString), unit};
+  }
+
+  // A key as TableMember expects it: a long one carries its size in front.
+  static std::uint32_t copyKey(Arena& arena, std::string_view key) {
+    if (key.empty()) return 0;
+    if (key.size() < kLongKey) {
+      const std::uint32_t unit = arena.allocateData(key.size());
+      std::memcpy(arena.data(unit), key.data(), key.size());
+      return unit;
+    }
+    const std::uint64_t size = key.size();
+    const std::uint32_t unit = arena.allocateData(sizeof size + key.size());
+    std::memcpy(arena.data(unit), &size, sizeof size);
+    std::memcpy(arena.data(unit) + sizeof size, key.data(), key.size());
+    return unit + sizeof size / kUnitBytes;
+  }
+
+  static YLJsonValue* construct(const Arena& arena, std::uint32_t slot) {
+    return new (arena.slotAddress(slot)) YLJsonValue();
+  }
+
+  // Gives the array an item table with room for capacity items, holding the items it has.
+  static void makeItemTable(Arena& arena, YLJsonValue& array, std::size_t capacity) {
+    const std::size_t count = itemCount(arena, array);
+    const std::uint32_t unit =
+        arena.allocateData(sizeof(ArrayTable) + capacity * sizeof(std::uint32_t));
+    auto* table = arena.record<ArrayTable>(unit);
+    auto* slots = reinterpret_cast<std::uint32_t*>(table + 1);
+    switch (kindOf(array)) {
+      case kTableArray: {
+        const auto* old = arena.record<ArrayTable>(array.payload_);
+        std::memcpy(slots, old + 1, count * sizeof(std::uint32_t));
+        break;
+      }
+      case kRunArray:
+      case kLongRunArray: {
+        const std::uint32_t first = kindOf(array) == kRunArray
+                                        ? array.payload_
+                                        : arena.record<RunHeader>(array.payload_)->first;
+        for (std::size_t i = 0; i < count; ++i)
+          slots[i] = Arena::runSlot(first, i);
+        break;
+      }
+      default:
+        break;
+    }
+    table->count = static_cast<std::uint32_t>(count);
+    table->capacity = static_cast<std::uint32_t>(capacity);
+    set(array, Encoded{makeWord(kTableArray), unit});
+  }
+
+  static YLJsonValue* appendItem(Arena& arena, YLJsonValue& array) {
+    if (kindOf(array) != kTableArray || arena.record<ArrayTable>(array.payload_)->count ==
+                                            arena.record<ArrayTable>(array.payload_)->capacity) {
+      const std::size_t count = itemCount(arena, array);
+      if (count == kMaxCount) throw std::length_error("a JSON array is full");
+      makeItemTable(arena, array, std::clamp<std::size_t>(count * 2, 4, kMaxCount));
+    }
+    const std::uint32_t slot = arena.allocateValues(1);
+    YLJsonValue* item = construct(arena, slot);
+    auto* table = arena.record<ArrayTable>(array.payload_);
+    reinterpret_cast<std::uint32_t*>(table + 1)[table->count++] = slot;
+    return item;
+  }
+
+  static void indexMember(const Arena& arena, const ObjectTable* table, std::uint32_t position) {
+    std::uint32_t* index = tableIndex(table);
+    const std::size_t mask = table->indexSlots - 1;
+    std::size_t slot = hashKey(tableKey(arena, tableMembers(table)[position])) & mask;
     while (index[slot] != 0)
       slot = (slot + 1) & mask;
     index[slot] = position + 1;
   }
 
-  // Moves the members to a table with room for at least one more.
-  static void growMembers(YLJsonValue& object) {
-    const YLJsonValue::ObjectData old = object.data_.object;
-    const auto capacity = static_cast<std::uint32_t>(
-        std::clamp<std::uint64_t>(std::uint64_t{old.capacity} * 2, 4, kMaxCapacity));
+  // Gives the object a member table with room for capacity members, holding the members it has.
+  // Keys of a parsed object are copied into it; values stay where they are.
+  static void makeMemberTable(Arena& arena, YLJsonValue& object, std::size_t capacity) {
+    const std::size_t count = memberCount(arena, object);
     const std::uint32_t slots = capacity > kLinearMemberLimit ? slotCountFor(capacity) : 0;
-    YLJsonValue::ObjectData grown = allocateMembers(*object.document_->arena_, capacity, slots);
-    if (object.count_ != 0) {
-      std::memcpy(static_cast<void*>(grown.members), old.members, object.count_ * sizeof(Member));
+    const std::uint32_t unit =
+        arena.allocateData(sizeof(ObjectTable) + capacity * sizeof(TableMember) +
+                           std::size_t{slots} * sizeof(std::uint32_t));
+    auto* table = arena.record<ObjectTable>(unit);
+    *table = ObjectTable{0, static_cast<std::uint32_t>(capacity), slots, 0};
+    TableMember* members = tableMembers(table);
+    if (isParsedObject(object)) {
+      const ParsedObject parsed = parsedObject(arena, object);
+      for (std::size_t i = 0; i < count; ++i) {
+        const std::string_view key = parsedKey(arena, parsed, i);
+        members[i] = TableMember{copyKey(arena, key), keySizeField(key.size()),
+                                 Arena::runSlot(parsed.first, i), keyPrefix(key)};
+      }
+    } else if (count != 0) {
+      std::memcpy(static_cast<void*>(members),
+                  tableMembers(arena.record<ObjectTable>(object.payload_)),
+                  count * sizeof(TableMember));
     }
+    table->count = static_cast<std::uint32_t>(count);
     if (slots != 0) {
-      for (std::uint32_t i = 0; i < object.count_; ++i)
-        indexMember(grown, i);
+      std::memset(tableIndex(table), 0, std::size_t{slots} * sizeof(std::uint32_t));
+      for (std::uint32_t i = 0; i < table->count; ++i)
+        indexMember(arena, table, i);
     }
-    object.data_.object = grown;
+    set(object, Encoded{makeWord(kTableObject), unit});
   }
 
-  static void growItems(YLJsonValue& array) {
-    const YLJsonValue::ArrayData old = array.data_.array;
-    const std::size_t capacity = old.capacity < 4 ? 4 : old.capacity * 2;
-    auto** items = static_cast<YLJsonValue**>(
-        array.document_->arena_->allocate(capacity * sizeof(YLJsonValue*), alignof(YLJsonValue*)));
-    if (array.count_ != 0)
-      std::memcpy(items, old.items, array.count_ * sizeof(YLJsonValue*));
-    array.data_.array = YLJsonValue::ArrayData{items, capacity};
+  // Adds a key that the object does not have.
+  static YLJsonValue* appendMember(Arena& arena, YLJsonValue& object, std::string_view key) {
+    if (kindOf(object) != kTableObject || object.payload_ == kNoTable ||
+        arena.record<ObjectTable>(object.payload_)->count ==
+            arena.record<ObjectTable>(object.payload_)->capacity) {
+      const std::size_t count = memberCount(arena, object);
+      if (count == kMaxCount) throw std::length_error("a JSON object is full");
+      makeMemberTable(arena, object, std::clamp<std::size_t>(count * 2, 4, kMaxCount));
+    }
+    const std::uint32_t keyUnit = copyKey(arena, key);
+    const std::uint32_t slot = arena.allocateValues(1);
+    YLJsonValue* value = construct(arena, slot);
+    auto* table = arena.record<ObjectTable>(object.payload_);
+    tableMembers(table)[table->count] =
+        TableMember{keyUnit, keySizeField(key.size()), slot, keyPrefix(key)};
+    if (table->indexSlots != 0) indexMember(arena, table, table->count);
+    ++table->count;
+    return value;
   }
 
   // ---- Parsing: the SAX handler -----------------------------------------------------------
+  //
+  // A container's children wait on a stack until it closes; then they are placed as one run of
+  // values, and the container itself waits among its parent's children. The root is the document.
 
   struct Pending {
-    const char* key;
-    std::size_t keySize;
-    YLJsonValue* value;
+    std::uint32_t word;
+    std::uint32_t payload;
+    std::uint32_t keyOffset;
+    std::uint32_t keySize;
   };
   struct Frame {
-    YLJsonValue* node;
     std::size_t firstPending;
+    std::uint32_t keyOffset;  // the container's own key in its parent
+    std::uint32_t keySize;
   };
 
-  explicit YLJsonBuilder(YLJson& document) : document_(document) {
+  YLJsonBuilder(YLJson& document, const char* text)
+      : document_(document), arena_(*document.arena_), text_(text) {
     frames_.reserve(64);
     pending_.reserve(256);
   }
 
-  static bool parse(YLJson& document, std::string_view text) {
-    YLJson::Arena& arena = *document.arena_;
-    // In-situ parsing decodes strings inside this copy, so the copy is also where the document's
-    // strings and keys live: no string is copied twice.
-    char* buffer = static_cast<char*>(arena.allocate(text.size() + kParsePadding, 16));
-    if (!text.empty())
-      std::memcpy(buffer, text.data(), text.size());
-    std::memset(buffer + text.size(), 0, kParsePadding);
+  // Fills the document's text store, then parses it in place. On failure nothing stays, the text
+  // included.
+  template <typename Fill>
+  static void parseDocument(YLJson& document, Fill&& fill) {
+    try {
+      fill(document.arena_->text);
+      document.valid_ = parse(document);
+    } catch (const std::bad_alloc&) {
+      document.valid_ = false;  // a text too large for the memory at hand is treated as a bad one
+    }
+    if (!document.valid_) {
+      makeNull(document);
+      document.arena_->release();
+    }
+  }
 
+  static bool parse(YLJson& document) {
+    std::string& text = document.arena_->text;
+    const std::size_t size = text.size();
+    if (size > kMaxTextSize) return false;
+    // The wide loads are aligned, so they reach at most to the end of the 16-byte block that holds
+    // the terminating NUL. When the buffer reaches that far, they are safe.
+    const auto start = reinterpret_cast<std::uintptr_t>(text.data());
+    const std::size_t lastLoaded = ((start + size) | kWideLoadSlack) - start;
+    if (lastLoaded <= text.capacity()) {
+      text.resize(lastLoaded);  // zeros within the capacity: no reallocation
+      return parseWith<rapidjson::InsituStringStream>(document, size);
+    }
+    return parseWith<BytewiseInsituStream>(document, size);
+  }
+
+  template <typename Stream>
+  static bool parseWith(YLJson& document, std::size_t size) {
+    Arena& arena = *document.arena_;
+    char* buffer = arena.text.data();
+    arena.parseSize = size;
     // Iterative: the parser keeps its own stack, so deep nesting cannot exhaust the call stack.
-    // Standard JSON only: no comments, trailing commas, NaN or Infinity.
+    // Standard JSON only: no comments, trailing commas, NaN or Infinity. In situ, strings and keys
+    // are decoded inside the buffer and handed over there, never as copies.
     constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag |
                                 rapidjson::kParseFullPrecisionFlag |
                                 rapidjson::kParseStopWhenDoneFlag;
-    rapidjson::InsituStringStream stream(buffer);
-    YLJsonBuilder builder(document);
+    Stream stream(buffer);
+    YLJsonBuilder builder(document, buffer);
     rapidjson::Reader reader;
-    if (reader.Parse<kFlags>(stream, builder).IsError())
-      return false;
+    const bool failed = reader.Parse<kFlags>(stream, builder).IsError();
+    arena.parseSize = 0;
+    arena.parsePosition = 0;
+    arena.parseWaiting = 0;
+    if (failed) return false;
 
     // The parser takes a NUL byte for the end of the text; only white space may follow the root
     // up to the text's real end.
-    for (std::size_t position = stream.Tell(); position < text.size(); ++position) {
-      if (!isJsonSpace(text[position]))
-        return false;
+    for (std::size_t position = stream.Tell(); position < size; ++position) {
+      if (!isJsonSpace(buffer[position])) return false;
     }
     return true;
   }
 
-  bool Null() {
-    place();
-    return true;
-  }
-  bool Bool(bool value) {
-    YLJsonValue* node = place();
-    node->type_ = YLJsonValueType::Bool;
-    node->data_.boolean = value;
-    return true;
-  }
+  bool Null() { return add(Encoded{makeWord(kNull), 0}); }
+  bool Bool(bool value) { return add(Encoded{makeWord(kBool), value ? 1u : 0u}); }
   bool Int(int value) { return Int64(value); }
   bool Uint(unsigned value) { return Int64(value); }
-  bool Int64(std::int64_t value) {
-    YLJsonValue* node = place();
-    node->type_ = YLJsonValueType::Number;
-    node->count_ = kInt64;
-    node->data_.integer = value;
-    return true;
-  }
+  bool Int64(std::int64_t value) { return add(encodeInteger(arena_, value)); }
   bool Uint64(std::uint64_t value) {
-    if (value <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+    if (value <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
       return Int64(static_cast<std::int64_t>(value));
-    }
-    YLJsonValue* node = place();
-    node->type_ = YLJsonValueType::Number;
-    node->count_ = kUint64;
-    node->data_.unsignedInteger = value;
-    return true;
+    return add(Encoded{makeWord(kUint64), storeNumber(arena_, value)});
   }
-  bool Double(double value) {
-    YLJsonValue* node = place();
-    node->type_ = YLJsonValueType::Number;
-    node->count_ = kDouble;
-    node->data_.real = value;
-    return true;
-  }
+  bool Double(double value) { return add(encodeDouble(arena_, value)); }
   bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
-  bool String(const char* bytes, rapidjson::SizeType size, bool copy) {
-    YLJsonValue* node = place();
-    node->type_ = YLJsonValueType::String;
-    node->data_.string = {copy ? document_.arena_->copyBytes(bytes, size) : bytes, size};
-    return true;
+  bool String(const char* bytes, rapidjson::SizeType size, bool) {
+    arena_.parsePosition = offsetOf(bytes);
+    if (size < kWordCountLimit) {
+      return add(
+          Encoded{makeWord(kTextString, size), static_cast<std::uint32_t>(arena_.parsePosition)});
+    }
+    return add(encodeLongString(arena_, bytes, size));
   }
-  bool Key(const char* bytes, rapidjson::SizeType size, bool copy) {
-    key_ = copy ? document_.arena_->copyBytes(bytes, size) : bytes;
+  bool Key(const char* bytes, rapidjson::SizeType size, bool) {
+    keyOffset_ = offsetOf(bytes);
     keySize_ = size;
+    arena_.parsePosition = keyOffset_;
     return true;
   }
-  bool StartObject() { return open(YLJsonValueType::Object); }
-  bool StartArray() { return open(YLJsonValueType::Array); }
-
-  bool EndObject(rapidjson::SizeType) {
-    const Frame frame = frames_.back();
-    frames_.pop_back();
-    finishObject(*frame.node, pending_.data() + frame.firstPending,
-                 pending_.size() - frame.firstPending);
-    pending_.resize(frame.firstPending);
-    return true;
-  }
+  bool StartObject() { return open(); }
+  bool StartArray() { return open(); }
 
   bool EndArray(rapidjson::SizeType) {
-    const Frame frame = frames_.back();
-    frames_.pop_back();
+    const Frame frame = close();
     const std::size_t count = pending_.size() - frame.firstPending;
-    YLJsonValue& array = *frame.node;
-    array.count_ = static_cast<std::uint32_t>(count);
-    if (count == 0)
-      return true;
-    auto** items = static_cast<YLJsonValue**>(
-        document_.arena_->allocate(count * sizeof(YLJsonValue*), alignof(YLJsonValue*)));
-    const Pending* children = pending_.data() + frame.firstPending;
-    for (std::size_t i = 0; i < count; ++i)
-      items[i] = children[i].value;
-    array.data_.array = YLJsonValue::ArrayData{items, count};
+    Encoded array{makeWord(kRunArray), 0};
+    if (count != 0) {
+      const std::uint32_t first = placeRun(pending_.data() + frame.firstPending, count);
+      if (count < kWordCountLimit) {
+        array = Encoded{makeWord(kRunArray, count), first};
+      } else {
+        const std::uint32_t unit = arena_.allocateData(sizeof(RunHeader));
+        *arena_.record<RunHeader>(unit) = RunHeader{static_cast<std::uint32_t>(count), first};
+        array = Encoded{makeWord(kLongRunArray), unit};
+      }
+    }
     pending_.resize(frame.firstPending);
-    return true;
+    return add(array);
+  }
+
+  // The keys stay in the text; the object's record says where, and where its run of values starts.
+  // Of duplicate keys the last value wins and the member stays where the key first appeared.
+  bool EndObject(rapidjson::SizeType) {
+    const Frame frame = close();
+    Pending* members = pending_.data() + frame.firstPending;
+    std::size_t count = pending_.size() - frame.firstPending;
+    Encoded object{makeWord(kTableObject), kNoTable};
+    if (count != 0) {
+      const std::uint32_t slots = count > kLinearMemberLimit ? slotCountFor(count) : 0;
+      count = slots != 0 ? mergeIndexed(members, count, slots) : mergeSmall(members, count);
+      const std::uint32_t finalSlots = count > kLinearMemberLimit ? slotCountFor(count) : 0;
+      bool wide = count >= kWordCountLimit;
+      for (std::size_t i = 0; i < count && !wide; ++i)
+        wide = std::memchr(text_ + members[i].keyOffset, 0, members[i].keySize) != nullptr;
+      const std::size_t keyBytes =
+          wide ? sizeof(RunHeader) + count * sizeof(TextKey) : (1 + count) * sizeof(std::uint32_t);
+      const std::uint32_t unit =
+          arena_.allocateData(keyBytes + std::size_t{finalSlots} * sizeof(std::uint32_t));
+      char* record = arena_.data(unit);
+      auto* words = reinterpret_cast<std::uint32_t*>(record);
+      auto* keys = reinterpret_cast<TextKey*>(record + sizeof(RunHeader));
+      for (std::size_t i = 0; i < count; ++i) {
+        if (wide) {
+          keys[i] = TextKey{members[i].keyOffset, members[i].keySize};
+        } else {
+          words[1 + i] = members[i].keyOffset;
+        }
+      }
+      auto* index = reinterpret_cast<std::uint32_t*>(record + keyBytes);
+      if (finalSlots == slots) {
+        // Built from the same keys in the same order: the merge's index is the one wanted.
+        std::copy(scratchIndex_.begin(), scratchIndex_.begin() + slots, index);
+      } else if (finalSlots != 0) {
+        std::fill(index, index + finalSlots, 0u);
+        const std::size_t mask = finalSlots - 1;
+        for (std::size_t i = 0; i < count; ++i) {
+          std::size_t slot = hashKey(keyOf(members[i])) & mask;
+          while (index[slot] != 0)
+            slot = (slot + 1) & mask;
+          index[slot] = static_cast<std::uint32_t>(i + 1);
+        }
+      }
+      const std::uint32_t first = placeRun(members, count);
+      if (wide) {
+        *reinterpret_cast<RunHeader*>(record) = RunHeader{static_cast<std::uint32_t>(count), first};
+        object = Encoded{makeWord(kWideObject), unit};
+      } else {
+        words[0] = first;
+        object = Encoded{makeWord(kRunObject, count), unit};
+      }
+    }
+    pending_.resize(frame.firstPending);
+    return add(object);
   }
 
  private:
-  // The node for the value that starts now: the document itself for the root, otherwise a new
-  // node that joins the open container under the last key read.
-  YLJsonValue* place() {
-    if (!rootPlaced_) {
-      rootPlaced_ = true;
-      return &document_;
-    }
-    YLJsonValue* node = newNode(document_);
-    pending_.push_back(Pending{key_, keySize_, node});
-    return node;
+  std::uint32_t offsetOf(const char* bytes) const {
+    return static_cast<std::uint32_t>(bytes - text_);
   }
 
-  bool open(YLJsonValueType type) {
-    if (frames_.size() >= YLJson::kMaxDepth)
-      return false;
-    YLJsonValue* node = place();
-    node->type_ = type;
-    frames_.push_back(Frame{node, pending_.size()});
+  std::string_view keyOf(const Pending& member) const {
+    return std::string_view(text_ + member.keyOffset, member.keySize);
+  }
+
+  // A finished value: the document itself at the top, otherwise a child of the open container,
+  // under the last key read.
+  bool add(Encoded value) {
+    if (frames_.empty()) {
+      set(document_, value);
+      return true;
+    }
+    pending_.push_back(Pending{value.word, value.payload, keyOffset_, keySize_});
     return true;
   }
 
-  // Builds the member table from the pending members. Of duplicate keys the last value wins and
-  // the member stays where the key first appeared.
-  void finishObject(YLJsonValue& object, Pending* members, std::size_t count) {
-    if (count == 0)
-      return;
-    YLJson::Arena& arena = *document_.arena_;
-    if (count <= kLinearMemberLimit) {
-      // A cheap fingerprint of each key rules out duplicates in the common case without
-      // comparing every pair.
-      std::uint64_t seen = 0;
-      bool maybeDuplicate = false;
-      for (std::size_t i = 0; i < count; ++i) {
-        const Pending& member = members[i];
-        const unsigned last =
-            member.keySize ? static_cast<unsigned char>(member.key[member.keySize - 1]) : 0;
-        const unsigned first = member.keySize ? static_cast<unsigned char>(member.key[0]) : 0;
-        const std::uint64_t bit = std::uint64_t{1}
-                                  << ((member.keySize + first * 7 + last * 13) & 63);
-        maybeDuplicate |= (seen & bit) != 0;
-        seen |= bit;
-      }
-      if (maybeDuplicate)
-        count = mergeDuplicates(members, count);
-      const auto size = static_cast<std::uint32_t>(count);
-      YLJsonValue::ObjectData table = allocateMembers(arena, size, 0);
-      for (std::size_t i = 0; i < count; ++i) {
-        table.members[i] = Member::make(members[i].key, members[i].keySize, members[i].value);
-      }
-      object.data_.object = table;
-      object.count_ = size;
-      return;
-    }
-    const auto capacity = static_cast<std::uint32_t>(count);
-    YLJsonValue::ObjectData table = allocateMembers(arena, capacity, slotCountFor(capacity));
-    std::uint32_t size = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-      const std::string_view key(members[i].key, members[i].keySize);
-      const std::size_t existing = findMember(table, size, key);
-      if (existing != kNotFound) {
-        table.members[existing].value = members[i].value;
-        continue;
-      }
-      table.members[size] = Member::make(members[i].key, members[i].keySize, members[i].value);
-      if (table.indexSlots != 0)
-        indexMember(table, size);
-      ++size;
-    }
-    object.data_.object = table;
-    object.count_ = size;
+  bool open() {
+    if (frames_.size() >= YLJson::kMaxDepth) return false;
+    frames_.push_back(Frame{pending_.size(), keyOffset_, keySize_});
+    return true;
   }
 
-  static std::size_t mergeDuplicates(Pending* members, std::size_t count) {
+  // Ends the innermost container; its own key is the last key read again.
+  Frame close() {
+    const Frame frame = frames_.back();
+    frames_.pop_back();
+    keyOffset_ = frame.keyOffset;
+    keySize_ = frame.keySize;
+    return frame;
+  }
+
+  // Constructs the values of the entries as one run and gives its first slot.
+  std::uint32_t placeRun(const Pending* entries, std::size_t count) {
+    arena_.parseWaiting = pending_.size();
+    const std::uint32_t first = arena_.allocateValues(count);
+    std::size_t segment = first >> kSlotShift;
+    std::uint32_t position = first & (kSlotsPerSegment - 1);
+    char* base = arena_.valueSegments[segment];
+    for (std::size_t i = 0; i < count; ++i, ++position) {
+      if (position == kSlotsPerSegment) {
+        position = 1;
+        base = arena_.valueSegments[++segment];
+      }
+      auto* value = new (base + position * kSlotBytes) YLJsonValue();
+      value->word_ = entries[i].word;
+      value->payload_ = entries[i].payload;
+    }
+    return first;
+  }
+
+  // Up to kLinearMemberLimit members: a cheap fingerprint of each key rules out duplicates in the
+  // common case without comparing every pair.
+  std::size_t mergeSmall(Pending* members, std::size_t count) const {
+    std::uint64_t seen = 0;
+    bool maybeDuplicate = false;
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::string_view key = keyOf(members[i]);
+      const unsigned last = key.empty() ? 0 : static_cast<unsigned char>(key.back());
+      const unsigned first = key.empty() ? 0 : static_cast<unsigned char>(key.front());
+      const std::uint64_t bit = std::uint64_t{1} << ((key.size() + first * 7 + last * 13) & 63);
+      maybeDuplicate |= (seen & bit) != 0;
+      seen |= bit;
+    }
+    if (!maybeDuplicate) return count;
     std::size_t kept = 0;
     for (std::size_t i = 0; i < count; ++i) {
-      const std::string_view key(members[i].key, members[i].keySize);
       std::size_t j = 0;
-      while (j < kept && !sameKey(members[j].key, members[j].keySize, key))
+      while (j < kept && keyOf(members[j]) != keyOf(members[i]))
         ++j;
       if (j < kept) {
-        members[j].value = members[i].value;
+        members[j].word = members[i].word;
+        members[j].payload = members[i].payload;
       } else {
         members[kept++] = members[i];
       }
@@ -555,12 +1126,37 @@ struct YLJsonBuilder {
     return kept;
   }
 
+  // More members: duplicates are found through a hash index of the kept ones, which is left in
+  // scratchIndex_.
+  std::size_t mergeIndexed(Pending* members, std::size_t count, std::uint32_t slots) {
+    scratchIndex_.assign(slots, 0);
+    const std::size_t mask = slots - 1;
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::string_view key = keyOf(members[i]);
+      std::size_t slot = hashKey(key) & mask;
+      while (scratchIndex_[slot] != 0 && keyOf(members[scratchIndex_[slot] - 1]) != key)
+        slot = (slot + 1) & mask;
+      if (scratchIndex_[slot] != 0) {
+        Pending& earlier = members[scratchIndex_[slot] - 1];
+        earlier.word = members[i].word;
+        earlier.payload = members[i].payload;
+        continue;
+      }
+      members[kept] = members[i];
+      scratchIndex_[slot] = static_cast<std::uint32_t>(++kept);
+    }
+    return kept;
+  }
+
   YLJson& document_;
+  Arena& arena_;
+  const char* text_;
   std::vector<Frame> frames_;
   std::vector<Pending> pending_;
-  const char* key_ = kEmptyBytes;
-  std::size_t keySize_ = 0;
-  bool rootPlaced_ = false;
+  std::vector<std::uint32_t> scratchIndex_;
+  std::uint32_t keyOffset_ = 0;
+  std::uint32_t keySize_ = 0;
 };
 
 // ---- YLJsonValue ----------------------------------------------------------------------------
@@ -568,28 +1164,32 @@ struct YLJsonBuilder {
 YLJsonValue::~YLJsonValue() = default;
 
 bool YLJsonValue::getIsValidJson() const {
-  return document_->getIsValidJson();
+  return YLJsonBuilder::arenaOf(*this).document->getIsValidJson();
 }
 
 YLJsonValueType YLJsonValue::obtainType() const {
-  return type_;
+  return kTypeOfKind[word_ & kKindMask];
 }
 
 YLJsonValue* YLJsonValue::obtainKeyValue(std::string_view key) const {
-  if (type_ != YLJsonValueType::Object)
-    return nullptr;
-  const std::size_t position = YLJsonBuilder::findMember(data_.object, count_, key);
-  return position == YLJsonBuilder::kNotFound ? nullptr : data_.object.members[position].value;
+  if (obtainType() != YLJsonValueType::Object) return nullptr;
+  const YLJson::Arena& arena = YLJsonBuilder::arenaOf(*this);
+  const std::size_t position = YLJsonBuilder::findMember(arena, *this, key);
+  return position == YLJsonBuilder::kNotFound ? nullptr
+                                              : YLJsonBuilder::memberAt(arena, *this, position);
 }
 
 std::size_t YLJsonValue::obtainArraySize() const {
-  return type_ == YLJsonValueType::Array ? count_ : 0;
+  if (YLJsonBuilder::kindOf(*this) == kRunArray) return YLJsonBuilder::wordCount(*this);
+  if (obtainType() != YLJsonValueType::Array) return 0;
+  return YLJsonBuilder::itemCount(YLJsonBuilder::arenaOf(*this), *this);
 }
 
 YLJsonValue* YLJsonValue::obtainArrayItem(std::size_t index) const {
-  if (type_ != YLJsonValueType::Array || index >= count_)
-    return nullptr;
-  return data_.array.items[index];
+  if (obtainType() != YLJsonValueType::Array) return nullptr;
+  const YLJson::Arena& arena = YLJsonBuilder::arenaOf(*this);
+  if (index >= YLJsonBuilder::itemCount(arena, *this)) return nullptr;
+  return YLJsonBuilder::itemAt(arena, *this, index);
 }
 
 std::string YLJsonValue::obtainStringValue() const {
@@ -597,128 +1197,111 @@ std::string YLJsonValue::obtainStringValue() const {
 }
 
 std::string_view YLJsonValue::obtainStringView() const {
-  if (type_ != YLJsonValueType::String)
-    return {};
-  return std::string_view(data_.string.bytes, data_.string.size);
+  if (obtainType() != YLJsonValueType::String) return {};
+  return YLJsonBuilder::stringOf(YLJsonBuilder::arenaOf(*this), *this);
 }
 
 std::int32_t YLJsonValue::obtainIntValue() const {
   constexpr std::int32_t kMin = std::numeric_limits<std::int32_t>::min();
   constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
-  if (type_ != YLJsonValueType::Number)
-    return 0;
-  switch (count_) {
-    case kInt64:
-      return static_cast<std::int32_t>(std::clamp<std::int64_t>(data_.integer, kMin, kMax));
+  switch (YLJsonBuilder::kindOf(*this)) {
+    case kInt32:
+      return static_cast<std::int32_t>(payload_);
+    case kInt64: {
+      const auto value =
+          YLJsonBuilder::numberAt<std::int64_t>(YLJsonBuilder::arenaOf(*this), payload_);
+      return static_cast<std::int32_t>(std::clamp<std::int64_t>(value, kMin, kMax));
+    }
     case kUint64:
       return kMax;  // only integers above the signed 64-bit range are kept unsigned
-    default: {
-      const double value = data_.real;
-      if (std::isnan(value))
-        return 0;
-      if (value <= static_cast<double>(kMin))
-        return kMin;
-      if (value >= static_cast<double>(kMax))
-        return kMax;
+    case kDouble: {
+      const auto value = YLJsonBuilder::numberAt<double>(YLJsonBuilder::arenaOf(*this), payload_);
+      if (std::isnan(value)) return 0;
+      if (value <= static_cast<double>(kMin)) return kMin;
+      if (value >= static_cast<double>(kMax)) return kMax;
       return static_cast<std::int32_t>(value);
     }
+    default:
+      return 0;
   }
 }
 
 double YLJsonValue::obtainDoubleValue() const {
-  if (type_ != YLJsonValueType::Number)
-    return 0.0;
-  switch (count_) {
+  switch (YLJsonBuilder::kindOf(*this)) {
+    case kInt32:
+      return static_cast<std::int32_t>(payload_);
     case kInt64:
-      return static_cast<double>(data_.integer);
+      return static_cast<double>(
+          YLJsonBuilder::numberAt<std::int64_t>(YLJsonBuilder::arenaOf(*this), payload_));
     case kUint64:
-      return static_cast<double>(data_.unsignedInteger);
+      return static_cast<double>(
+          YLJsonBuilder::numberAt<std::uint64_t>(YLJsonBuilder::arenaOf(*this), payload_));
+    case kDouble:
+      return YLJsonBuilder::numberAt<double>(YLJsonBuilder::arenaOf(*this), payload_);
     default:
-      return data_.real;
+      return 0.0;
   }
 }
 
 bool YLJsonValue::obtainBoolValue() const {
-  return type_ == YLJsonValueType::Bool && data_.boolean;
+  return YLJsonBuilder::kindOf(*this) == kBool && payload_ != 0;
 }
 
 std::size_t YLJsonValue::obtainMemberCount() const {
-  return type_ == YLJsonValueType::Object ? count_ : 0;
+  if (obtainType() != YLJsonValueType::Object) return 0;
+  return YLJsonBuilder::memberCount(YLJsonBuilder::arenaOf(*this), *this);
 }
 
 std::string_view YLJsonValue::obtainMemberKey(std::size_t index) const {
-  if (type_ != YLJsonValueType::Object || index >= count_)
-    return {};
-  return data_.object.members[index].keyView();
+  if (obtainType() != YLJsonValueType::Object) return {};
+  const YLJson::Arena& arena = YLJsonBuilder::arenaOf(*this);
+  if (index >= YLJsonBuilder::memberCount(arena, *this)) return {};
+  return YLJsonBuilder::keyAt(arena, *this, index);
 }
 
 YLJsonValue* YLJsonValue::obtainMemberValue(std::size_t index) const {
-  if (type_ != YLJsonValueType::Object || index >= count_)
-    return nullptr;
-  return data_.object.members[index].value;
+  if (obtainType() != YLJsonValueType::Object) return nullptr;
+  const YLJson::Arena& arena = YLJsonBuilder::arenaOf(*this);
+  if (index >= YLJsonBuilder::memberCount(arena, *this)) return nullptr;
+  return YLJsonBuilder::memberAt(arena, *this, index);
 }
 
 YLJsonValue* YLJsonValue::addKeyValue(std::string_view key) {
-  if (type_ != YLJsonValueType::Object)
-    YLJsonBuilder::makeEmptyObject(*this);
-  const std::size_t existing = YLJsonBuilder::findMember(data_.object, count_, key);
+  if (obtainType() != YLJsonValueType::Object) YLJsonBuilder::makeEmptyObject(*this);
+  YLJson::Arena& arena = YLJsonBuilder::arenaOf(*this);
+  const std::size_t existing = YLJsonBuilder::findMember(arena, *this, key);
   if (existing != YLJsonBuilder::kNotFound) {
-    YLJsonValue* value = data_.object.members[existing].value;
+    YLJsonValue* value = YLJsonBuilder::memberAt(arena, *this, existing);
     YLJsonBuilder::makeNull(*value);
     return value;
   }
-  if (count_ == data_.object.capacity)
-    YLJsonBuilder::growMembers(*this);
-  YLJson::Arena& arena = *document_->arena_;
-  Member& member = data_.object.members[count_];
-  member = Member::make(arena.copyKey(key), key.size(), YLJsonBuilder::newNode(*document_));
-  if (data_.object.indexSlots != 0)
-    YLJsonBuilder::indexMember(data_.object, count_);
-  ++count_;
-  return member.value;
+  return YLJsonBuilder::appendMember(arena, *this, key);
 }
 
 YLJsonValue* YLJsonValue::addArrayItem() {
-  if (type_ != YLJsonValueType::Array)
-    setArrayType();
-  if (count_ == data_.array.capacity)
-    YLJsonBuilder::growItems(*this);
-  YLJsonValue* item = YLJsonBuilder::newNode(*document_);
-  data_.array.items[count_++] = item;
-  return item;
+  if (obtainType() != YLJsonValueType::Array) setArrayType();
+  return YLJsonBuilder::appendItem(YLJsonBuilder::arenaOf(*this), *this);
 }
 
 void YLJsonValue::setArrayType() {
-  YLJsonBuilder::makeNull(*this);
-  type_ = YLJsonValueType::Array;
+  YLJsonBuilder::makeEmptyArray(*this);
 }
 
 void YLJsonValue::setStringValue(std::string_view value) {
-  // Copy first: the text may be a view of this very value.
-  const char* bytes = document_->arena_->copyBytes(value.data(), value.size());
-  YLJsonBuilder::makeNull(*this);
-  type_ = YLJsonValueType::String;
-  data_.string = StringData{bytes, value.size()};
+  // The text may be a view of this very value: its bytes stay valid while they are copied.
+  YLJsonBuilder::set(*this, YLJsonBuilder::copyString(YLJsonBuilder::arenaOf(*this), value));
 }
 
 void YLJsonValue::setIntValue(std::int64_t value) {
-  YLJsonBuilder::makeNull(*this);
-  type_ = YLJsonValueType::Number;
-  count_ = kInt64;
-  data_.integer = value;
+  YLJsonBuilder::set(*this, YLJsonBuilder::encodeInteger(YLJsonBuilder::arenaOf(*this), value));
 }
 
 void YLJsonValue::setDoubleValue(double value) {
-  YLJsonBuilder::makeNull(*this);
-  type_ = YLJsonValueType::Number;
-  count_ = kDouble;
-  data_.real = value;
+  YLJsonBuilder::set(*this, YLJsonBuilder::encodeDouble(YLJsonBuilder::arenaOf(*this), value));
 }
 
 void YLJsonValue::setBoolValue(bool value) {
-  YLJsonBuilder::makeNull(*this);
-  type_ = YLJsonValueType::Bool;
-  data_.boolean = value;
+  YLJsonBuilder::set(*this, YLJsonBuilder::Encoded{makeWord(kBool), value ? 1u : 0u});
 }
 
 std::string YLJsonValue::obtainJsonString() const {
@@ -728,37 +1311,55 @@ std::string YLJsonValue::obtainJsonString() const {
 }
 
 void YLJsonValue::appendJsonString(std::string& out) const {
+  using Builder = YLJsonBuilder;
+  const YLJson::Arena& arena = Builder::arenaOf(*this);
   // An explicit stack: a built document can be nested far deeper than the call stack allows.
   struct Frame {
     const YLJsonValue* container;
-    std::uint32_t next;
+    std::size_t next;
+    std::size_t count;
+    bool object;
   };
   std::vector<Frame> open;
   const YLJsonValue* value = this;
   while (value != nullptr) {
-    switch (value->type_) {
-      case YLJsonValueType::Null:
+    switch (Builder::kindOf(*value)) {
+      case kNull:
         out += "null";
         break;
-      case YLJsonValueType::Bool:
-        out += value->data_.boolean ? "true" : "false";
+      case kBool:
+        out += value->payload_ != 0 ? "true" : "false";
         break;
-      case YLJsonValueType::String:
-        appendQuoted(out, value->data_.string.bytes, value->data_.string.size);
+      case kInt32:
+        appendInteger(out, static_cast<std::int32_t>(value->payload_));
         break;
-      case YLJsonValueType::Number:
-        if (value->count_ == kInt64) {
-          appendInteger(out, value->data_.integer);
-        } else if (value->count_ == kUint64) {
-          appendInteger(out, value->data_.unsignedInteger);
-        } else {
-          appendDouble(out, value->data_.real);
-        }
+      case kInt64:
+        appendInteger(out, Builder::numberAt<std::int64_t>(arena, value->payload_));
         break;
-      case YLJsonValueType::Object:
-      case YLJsonValueType::Array:
-        out += value->type_ == YLJsonValueType::Object ? '{' : '[';
-        open.push_back(Frame{value, 0});
+      case kUint64:
+        appendInteger(out, Builder::numberAt<std::uint64_t>(arena, value->payload_));
+        break;
+      case kDouble:
+        appendDouble(out, Builder::numberAt<double>(arena, value->payload_));
+        break;
+      case kTextString:
+      case kDataString:
+      case kLongString: {
+        const std::string_view text = Builder::stringOf(arena, *value);
+        appendQuoted(out, text.data(), text.size());
+        break;
+      }
+      case kRunArray:
+      case kLongRunArray:
+      case kTableArray:
+        out += '[';
+        open.push_back(Frame{value, 0, Builder::itemCount(arena, *value), false});
+        break;
+      case kRunObject:
+      case kWideObject:
+      case kTableObject:
+        out += '{';
+        open.push_back(Frame{value, 0, Builder::memberCount(arena, *value), true});
         break;
     }
 
@@ -766,23 +1367,20 @@ void YLJsonValue::appendJsonString(std::string& out) const {
     value = nullptr;
     while (!open.empty()) {
       Frame& frame = open.back();
-      const YLJsonValue& container = *frame.container;
-      if (frame.next < container.count_) {
-        if (frame.next != 0)
-          out += ',';
-        if (container.type_ == YLJsonValueType::Object) {
-          const Member& member = container.data_.object.members[frame.next];
-          const std::string_view key = member.keyView();
+      if (frame.next < frame.count) {
+        if (frame.next != 0) out += ',';
+        if (frame.object) {
+          const std::string_view key = Builder::keyAt(arena, *frame.container, frame.next);
           appendQuoted(out, key.data(), key.size());
           out += ':';
-          value = member.value;
+          value = Builder::memberAt(arena, *frame.container, frame.next);
         } else {
-          value = container.data_.array.items[frame.next];
+          value = Builder::itemAt(arena, *frame.container, frame.next);
         }
         ++frame.next;
         break;
       }
-      out += container.type_ == YLJsonValueType::Object ? '}' : ']';
+      out += frame.object ? '}' : ']';
       open.pop_back();
     }
   }
@@ -790,25 +1388,36 @@ void YLJsonValue::appendJsonString(std::string& out) const {
 
 // ---- YLJson ---------------------------------------------------------------------------------
 
-YLJson::YLJson() : YLJsonValue(this), arena_(std::make_unique<Arena>()) {}
+YLJson::YLJson() : arena_(std::make_unique<Arena>(this)) {
+  word_ = kRootBit;
+}
 
-YLJson::YLJson(std::string_view text) : YLJsonValue(this), arena_(std::make_unique<Arena>()) {
-  try {
-    valid_ = YLJsonBuilder::parse(*this, text);
-  } catch (const std::bad_alloc&) {
-    valid_ = false;  // a text too large for the memory at hand is treated as a bad one
-  }
-  if (!valid_) {
-    // Nothing of a failed parse stays reachable: drop it all, the copy of the text included.
-    YLJsonBuilder::makeNull(*this);
-    arena_->clear();
-  }
+YLJson::YLJson(std::string_view text) : YLJson() {
+  YLJsonBuilder::parseDocument(*this, [text](std::string& store) {
+    // A new string reserves exactly what it is asked for: the text and room for the wide loads.
+    store.reserve(text.size() + kWideLoadSlack);
+    store.assign(text);
+  });
+}
+
+YLJson::YLJson(const char* text)
+    : YLJson(text != nullptr ? std::string_view(text) : std::string_view()) {}
+
+YLJson::YLJson(std::string&& text) : YLJson() {
+  YLJsonBuilder::parseDocument(*this, [&text](std::string& store) {
+    store = std::move(text);
+    text.clear();
+  });
 }
 
 YLJson::~YLJson() = default;
 
 bool YLJson::getIsValidJson() const {
   return valid_;
+}
+
+std::size_t YLJson::obtainStorageSize() const {
+  return arena_->storageSize();
 }
 
 // ---- From variants --------------------------------------------------------------------------

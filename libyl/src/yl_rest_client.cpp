@@ -23,19 +23,16 @@ char asciiLower(char c) {
 }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size())
-    return false;
+  if (a.size() != b.size()) return false;
   for (std::size_t i = 0; i < a.size(); ++i) {
-    if (asciiLower(a[i]) != asciiLower(b[i]))
-      return false;
+    if (asciiLower(a[i]) != asciiLower(b[i])) return false;
   }
   return true;
 }
 
 bool hasHeader(const YLParamList& headers, std::string_view name) {
   for (const auto& header : headers) {
-    if (equalsIgnoringCase(header.first, name))
-      return true;
+    if (equalsIgnoringCase(header.first, name)) return true;
   }
   return false;
 }
@@ -70,8 +67,7 @@ struct Exchange {
       return true;
     }
     const auto announced = static_cast<std::uint64_t>(length);
-    if (announced > maxBodyBytes)
-      return false;
+    if (announced > maxBodyBytes) return false;
     body.reserve(static_cast<std::size_t>(announced));
     return true;
   }
@@ -112,8 +108,7 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
     exchange->bodyStarted = false;
     return bytes;
   }
-  if (line.empty())
-    return bytes;
+  if (line.empty()) return bytes;
 
   exchange->headerBytes += bytes;
   if (exchange->headerBytes > kMaxHeaderBytes) {
@@ -130,8 +125,7 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
     return bytes;
   }
   const std::size_t colon = line.find(':');
-  if (colon == std::string_view::npos)
-    return bytes;
+  if (colon == std::string_view::npos) return bytes;
   exchange->headers.emplace_back(std::string(line.substr(0, colon)),
                                  ylTrimAsString(line.substr(colon + 1)));
   return bytes;
@@ -143,15 +137,12 @@ using CurlList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
 // break, a NUL, a colon or blank in the name) refuses the whole request rather than sending
 // something other than what the caller wrote.
 bool appendHeader(CurlList& list, std::string_view name, std::string_view value) {
-  if (name.empty())
-    return false;
+  if (name.empty()) return false;
   for (char c : name) {
-    if (c == ':' || c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\0')
-      return false;
+    if (c == ':' || c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\0') return false;
   }
   for (char c : value) {
-    if (c == '\r' || c == '\n' || c == '\0')
-      return false;
+    if (c == '\r' || c == '\n' || c == '\0') return false;
   }
   std::string line(name);
   // curl drops a header written "name:" with nothing after it; "name;" is its way to send one
@@ -163,19 +154,16 @@ bool appendHeader(CurlList& list, std::string_view name, std::string_view value)
     line += value;
   }
   curl_slist* grown = curl_slist_append(list.get(), line.c_str());
-  if (grown == nullptr)
-    return false;
+  if (grown == nullptr) return false;
   (void)list.release();
   list.reset(grown);
   return true;
 }
 
 std::optional<std::string> escape(CURL* easy, const std::string& text) {
-  if (text.size() > static_cast<std::size_t>(INT_MAX))
-    return std::nullopt;
+  if (text.size() > static_cast<std::size_t>(INT_MAX)) return std::nullopt;
   char* escaped = curl_easy_escape(easy, text.data(), static_cast<int>(text.size()));
-  if (escaped == nullptr)
-    return std::nullopt;
+  if (escaped == nullptr) return std::nullopt;
   std::string result(escaped);
   curl_free(escaped);
   return result;
@@ -185,8 +173,7 @@ std::optional<std::string> escape(CURL* easy, const std::string& text) {
 // (everything but letters, digits and "-._~"). A fragment stays at the end, where curl drops it.
 std::optional<std::string> buildUrl(CURL* easy, const YLRestRequest& request) {
   std::string url = request.url();
-  if (request.queryParams().empty())
-    return url;
+  if (request.queryParams().empty()) return url;
   std::string fragment;
   if (const std::size_t hash = url.find('#'); hash != std::string::npos) {
     fragment = url.substr(hash);
@@ -199,10 +186,8 @@ std::optional<std::string> buildUrl(CURL* easy, const YLRestRequest& request) {
   for (const auto& [name, value] : request.queryParams()) {
     const auto escapedName = escape(easy, name);
     const auto escapedValue = escape(easy, value);
-    if (!escapedName || !escapedValue)
-      return std::nullopt;
-    if (!(first && open))
-      url += separator;
+    if (!escapedName || !escapedValue) return std::nullopt;
+    if (!(first && open)) url += separator;
     url += *escapedName;
     url += '=';
     url += *escapedValue;
@@ -218,8 +203,7 @@ class CurlOptions {
 
   template <typename T>
   CurlOptions& set(CURLoption option, T value) {
-    if (result_ == CURLE_OK)
-      result_ = curl_easy_setopt(easy_, option, value);
+    if (result_ == CURLE_OK) result_ = curl_easy_setopt(easy_, option, value);
     return *this;
   }
   CurlOptions& set(CURLoption option, const std::string& value) {
@@ -262,8 +246,7 @@ CURLcode applySettings(CURL* easy, const YLRestGlobalSettings& settings) {
     options.set(CURLOPT_CAINFO, settings.caFile.empty() ? nullptr : settings.caFile.c_str())
         .set(CURLOPT_CAPATH, settings.caPath.empty() ? nullptr : settings.caPath.c_str());
   }
-  if (!settings.userAgent.empty())
-    options.set(CURLOPT_USERAGENT, settings.userAgent);
+  if (!settings.userAgent.empty()) options.set(CURLOPT_USERAGENT, settings.userAgent);
   return options.result();
 }
 
@@ -275,13 +258,11 @@ class YLCurlRestClient final : public IYLRestClient {
       ownSettings_ = std::make_unique<YLRestGlobalSettings>();
       settings_ = ownSettings_.get();
     }
-    if (ylEnsureCurlGlobalInit())
-      easy_ = curl_easy_init();
+    if (ylEnsureCurlGlobalInit()) easy_ = curl_easy_init();
   }
   ~YLCurlRestClient() override {
     // Closes the connections the client kept for itself; pooled ones stay with the pool.
-    if (easy_ != nullptr)
-      curl_easy_cleanup(easy_);
+    if (easy_ != nullptr) curl_easy_cleanup(easy_);
   }
   YLCurlRestClient(const YLCurlRestClient&) = delete;
   YLCurlRestClient& operator=(const YLCurlRestClient&) = delete;
@@ -308,18 +289,15 @@ class YLCurlRestClient final : public IYLRestClient {
 
 std::int32_t YLCurlRestClient::execute(const YLRestRequest* request, const YLRestPostRequest* post,
                                        YLRestResourceResponse** response) {
-  if (response == nullptr)
-    return YLErrorCode::kClientSetupFailed;
+  if (response == nullptr) return YLErrorCode::kClientSetupFailed;
   auto* fresh = new YLRestResourceResponse;
   *response = fresh;
-  if (request == nullptr || easy_ == nullptr)
-    return YLErrorCode::kClientSetupFailed;
+  if (request == nullptr || easy_ == nullptr) return YLErrorCode::kClientSetupFailed;
   return perform(*request, post, *fresh);
 }
 
 CURLSH* YLCurlRestClient::sessionShare() const {
-  if (session_ == nullptr)
-    return nullptr;
+  if (session_ == nullptr) return nullptr;
   const auto* pool = dynamic_cast<const YLHTTPPoolCenter*>(session_->connectionPool);
   return pool == nullptr ? nullptr : static_cast<CURLSH*>(pool->nativeShare());
 }
@@ -330,12 +308,10 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
   // reuses its connections; every option of the previous exchange is gone, though.
   curl_easy_reset(easy_);
   CURLcode setup = applySettings(easy_, *settings_);
-  if (setup != CURLE_OK)
-    return YLErrorCode::kCurlCodeBase + setup;
+  if (setup != CURLE_OK) return YLErrorCode::kCurlCodeBase + setup;
 
   const std::optional<std::string> url = buildUrl(easy_, request);
-  if (!url)
-    return YLErrorCode::kClientSetupFailed;
+  if (!url) return YLErrorCode::kClientSetupFailed;
 
   CurlList headers(nullptr, curl_slist_free_all);
   if (session_ != nullptr) {
@@ -344,13 +320,11 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
       return YLErrorCode::kClientSetupFailed;
     }
     for (const auto& [name, value] : session_->headerParams()) {
-      if (!appendHeader(headers, name, value))
-        return YLErrorCode::kClientSetupFailed;
+      if (!appendHeader(headers, name, value)) return YLErrorCode::kClientSetupFailed;
     }
   }
   for (const auto& [name, value] : request.headerParams()) {
-    if (!appendHeader(headers, name, value))
-      return YLErrorCode::kClientSetupFailed;
+    if (!appendHeader(headers, name, value)) return YLErrorCode::kClientSetupFailed;
   }
   if (post != nullptr) {
     const bool typeGiven =
@@ -362,8 +336,7 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
     // "Expect:" with nothing after it removes the header: waiting for 100 Continue would only add
     // a round trip, or a whole second against servers that never send it.
     curl_slist* grown = curl_slist_append(headers.get(), "Expect:");
-    if (grown == nullptr)
-      return YLErrorCode::kClientSetupFailed;
+    if (grown == nullptr) return YLErrorCode::kClientSetupFailed;
     (void)headers.release();
     headers.reset(grown);
   }
@@ -387,20 +360,17 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
   } else {
     options.set(CURLOPT_HTTPGET, 1L);
   }
-  if (options.result() != CURLE_OK)
-    return YLErrorCode::kCurlCodeBase + options.result();
+  if (options.result() != CURLE_OK) return YLErrorCode::kCurlCodeBase + options.result();
 
   // The pool is attached only while the exchange runs, so that it can be destroyed between
   // exchanges without waiting for its clients; curl_easy_reset would not detach it.
   CURLSH* share = sessionShare();
   if (share != nullptr) {
     setup = curl_easy_setopt(easy_, CURLOPT_SHARE, share);
-    if (setup != CURLE_OK)
-      return YLErrorCode::kCurlCodeBase + setup;
+    if (setup != CURLE_OK) return YLErrorCode::kCurlCodeBase + setup;
   }
   const YLDefer detach([this, share] {
-    if (share != nullptr)
-      curl_easy_setopt(easy_, CURLOPT_SHARE, nullptr);
+    if (share != nullptr) curl_easy_setopt(easy_, CURLOPT_SHARE, nullptr);
   });
 
   const CURLcode result = curl_easy_perform(easy_);
@@ -416,16 +386,13 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
     response.headers = std::move(exchange.headers);
     return YLErrorCode::kResponseTooLarge;
   }
-  if (result != CURLE_OK)
-    return YLErrorCode::kCurlCodeBase + result;
+  if (result != CURLE_OK) return YLErrorCode::kCurlCodeBase + result;
 
   response.statusCode = status;
   response.headers = std::move(exchange.headers);
   response.setBody(std::move(exchange.body));
-  if (status >= 200 && status <= 299)
-    return YLErrorCode::kSuccess;
-  if (status >= 100 && status <= 599)
-    return static_cast<std::int32_t>(status);
+  if (status >= 200 && status <= 299) return YLErrorCode::kSuccess;
+  if (status >= 100 && status <= 599) return static_cast<std::int32_t>(status);
   return YLErrorCode::kCurlCodeBase + CURLE_WEIRD_SERVER_REPLY;
 }
 

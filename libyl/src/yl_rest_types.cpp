@@ -15,8 +15,7 @@ void YLRestRequest::addHeaderParams(const YLParamList& params) {
 }
 
 void YLRestPostRequest::updateJson(const IYLJsonValue* json) {
-  if (json == nullptr)
-    return;
+  if (json == nullptr) return;
   body_ = json->obtainJsonString();
 }
 
@@ -28,9 +27,7 @@ void YLRestResourceResponse::setBody(std::string body) {
   body_ = std::move(body);
   delete responseJson;
   responseJson = nullptr;
-  if (body_.empty())
-    return;
+  if (body_.empty()) return;
   auto json = std::make_unique<YLJson>(body_);
-  if (json->getIsValidJson())
-    responseJson = json.release();
+  if (json->getIsValidJson()) responseJson = json.release();
 }

@@ -22,8 +22,7 @@ std::string ylConcatURL(const std::vector<std::string>& parts) {
   std::string url;
   for (const std::string& part : parts) {
     std::string_view piece(part);
-    if (piece.empty())
-      continue;
+    if (piece.empty()) continue;
     if (url.empty()) {
       url.assign(piece);
       continue;

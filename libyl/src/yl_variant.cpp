@@ -33,24 +33,18 @@ std::string YLVariant::stringValue() const {
 }
 
 std::int32_t YLVariant::intValue() const {
-  if (type_ == ValueType::Int)
-    return int_;
-  if (type_ != ValueType::Double || std::isnan(double_))
-    return 0;
+  if (type_ == ValueType::Int) return int_;
+  if (type_ != ValueType::Double || std::isnan(double_)) return 0;
   constexpr double kMin = std::numeric_limits<std::int32_t>::min();
   constexpr double kMax = std::numeric_limits<std::int32_t>::max();
-  if (double_ <= kMin)
-    return std::numeric_limits<std::int32_t>::min();
-  if (double_ >= kMax)
-    return std::numeric_limits<std::int32_t>::max();
+  if (double_ <= kMin) return std::numeric_limits<std::int32_t>::min();
+  if (double_ >= kMax) return std::numeric_limits<std::int32_t>::max();
   return static_cast<std::int32_t>(double_);
 }
 
 double YLVariant::doubleValue() const {
-  if (type_ == ValueType::Double)
-    return double_;
-  if (type_ == ValueType::Int)
-    return int_;
+  if (type_ == ValueType::Double) return double_;
+  if (type_ == ValueType::Int) return int_;
   return 0.0;
 }
 
@@ -70,8 +64,7 @@ YLVariantList& YLVariant::listRef() {
 }
 
 bool operator==(const YLVariant& a, const YLVariant& b) {
-  if (a.type_ != b.type_)
-    return false;
+  if (a.type_ != b.type_) return false;
   switch (a.type_) {
     case YLVariant::ValueType::Null:
       return true;

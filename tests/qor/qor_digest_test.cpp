@@ -104,8 +104,7 @@ TEST_F(Digest, UnnamedCatalogsComeFirstInReverseOrder) {
   std::string expectedNamed;
   for (int i = 0; i < 40; ++i) {
     const std::string n = std::to_string(i);
-    if (i > 0)
-      many += ",";
+    if (i > 0) many += ",";
     if (i % 3 == 0) {
       many += R"~({"schemas": [{"tables": [{"name": "t)~" + n + R"~(", "fields": []}]}]})~";
       expectedUnnamed.insert(0, "CREATE TABLE `t" + n + "` ()\n");

@@ -1,10 +1,18 @@
 #pragma once
 // Helpers shared by the assistant tests.
 
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "qor.h"
+#include "qor_assistant.h"
+#include "support/loopback_server.h"
 #include "yl/yl.h"
 
 namespace qortest {
@@ -38,5 +46,148 @@ inline constexpr bool kAssertionsReported = true;
 #else
 inline constexpr bool kAssertionsReported = false;
 #endif
+
+struct Free {
+  void operator()(IQORObject* object) const { QORFreeObject(object); }
+};
+using AssistantPtr = std::unique_ptr<IQORAssistant, Free>;
+using MessagePtr = std::unique_ptr<IQORMessage, Free>;
+using PropertiesPtr = std::unique_ptr<IQORProperties, Free>;
+using Listing = std::pair<std::vector<std::string>, std::string>;
+using Turns = std::vector<std::pair<ChatRole, std::string>>;
+
+// The text the client gives for a failed exchange with this HTTP status and no usable body.
+inline std::string httpStatusText(std::int32_t status) {
+  return YL::obtainAppFactory()
+      ->obtainErrorService()
+      ->obtainErrorCatalogue()
+      ->obtainErrorRecord(status)
+      .text;
+}
+
+// A store of the host's: it records the limits it is asked for and gives its whole history.
+class HostMemory final : public IQORAssistantMemory {
+ public:
+  void setDatabaseStructure(const std::string& structure) override { structure_ = structure; }
+  std::string obtainDatabaseStructure() override { return structure_; }
+  void addHistoryEntry(ChatRole role, const std::string& text) override {
+    history.push_back({role, text});
+  }
+  std::vector<QORHistoryEntry> obtainHistory(std::int32_t limit) override {
+    limits.push_back(limit);
+    return history;
+  }
+  std::vector<QORHistoryEntry> history;
+  std::vector<std::int32_t> limits;
+
+ private:
+  std::string structure_;
+};
+
+inline AssistantPtr create(QORAssistantType type, const std::string& host,
+                           IQORAssistantMemory* memory = nullptr, const std::string& key = "k") {
+  return AssistantPtr(QORCreateAssistant(type, new YLHTTPPoolCenter, key, host, memory));
+}
+// A host on which nothing listens.
+inline std::string offlineHost() {
+  return "http://127.0.0.1:" + std::to_string(closedLoopbackPort());
+}
+inline void setModel(IQORAssistant& assistant, const std::string& model = "m") {
+  assistant.updateProperties([&](IQORProperties* p) { p->setValue("model", YLVariant(model)); });
+}
+inline std::pair<MessagePtr, std::string> chat(IQORAssistant& assistant, const std::string& text) {
+  auto [message, failure] = assistant.addMessage(text);
+  return {MessagePtr(message), failure};
+}
+inline Turns historyOf(IQORAssistant& assistant) {
+  Turns turns;
+  for (const QORHistoryEntry& entry :
+       static_cast<QORAssistant&>(assistant).memory->obtainHistory(0))
+    turns.emplace_back(entry.role, entry.text);
+  return turns;
+}
+
+// A loopback service, and assistants of one type that talk to it.
+template <QORAssistantType kType>
+class AdapterTest : public ::testing::Test {
+ protected:
+  AssistantPtr make(IQORAssistantMemory* memory = nullptr, const std::string& key = "k") {
+    return create(kType, server.baseUrl(), memory, key);
+  }
+  // For a service without a key header: with an assistant made with each key, lists the models
+  // and chats once, all without a header on the session; gives the requests, two a key.
+  std::vector<RecordedRequest> listAndChatWith(const std::vector<std::string>& keys) {
+    for (const std::string& key : keys) {
+      AssistantPtr assistant = make(nullptr, key);
+      EXPECT_EQ(static_cast<QORAssistant&>(*assistant).session->headerParams(), YLParamList());
+      EXPECT_EQ(assistant->obtainAvailableModels(), Listing({}, "")) << key;
+      setModel(*assistant);
+      EXPECT_EQ(chat(*assistant, "hi").second, "") << key;
+    }
+    EXPECT_EQ(server.requestCount(), 2 * keys.size());
+    return server.requests();
+  }
+
+  LoopbackServer server;
+};
+
+// What a chat comes to: the reply's text, or the failure's text.
+struct Outcome {
+  bool replied;
+  std::string text;
+};
+inline const auto replied = [](std::string text) { return Outcome{true, std::move(text)}; };
+inline const auto failed = [](std::string text) { return Outcome{false, std::move(text)}; };
+
+// Sends "q" and checks: a reply is one text section of role 1, made now, and adds the question and
+// the reply to the memory; a failure gives no message and leaves the memory as it was.
+inline void expectChat(IQORAssistant& assistant, const Outcome& expected) {
+  Turns history = historyOf(assistant);
+  const std::int64_t before = std::time(nullptr);
+  auto [message, failure] = chat(assistant, "q");
+  EXPECT_EQ(failure, expected.replied ? std::string() : expected.text);
+  EXPECT_EQ(message != nullptr, expected.replied);
+  if (message != nullptr && expected.replied) {
+    EXPECT_EQ(message->obtainRole(), 1);
+    EXPECT_GE(message->obtainCreationTime(), before);
+    EXPECT_LE(message->obtainCreationTime(), std::time(nullptr));
+    ASSERT_EQ(message->obtainSections().size(), 1u);
+    EXPECT_EQ(message->obtainSections()[0]->obtainSectionType(), kQORMessageSectionText);
+    EXPECT_EQ(message->obtainSections()[0]->obtainText(), expected.text);
+    history.insert(history.end(), {{0, "q"}, {1, expected.text}});
+  }
+  EXPECT_EQ(historyOf(assistant), history) << "a reply adds two turns, a failure none";
+}
+
+// A table of replies for one path, each answered once, without a retry.
+template <typename Expected>
+struct ReplyCase {
+  ScriptedReply reply;
+  Expected expected;
+};
+using ChatCase = ReplyCase<Outcome>;
+using ListingCase = ReplyCase<Listing>;
+inline std::string traceOf(const ScriptedReply& reply) {
+  return std::to_string(reply.status) + " " + reply.body.substr(0, 120);
+}
+inline void expectChats(LoopbackServer& server, IQORAssistant& assistant, const std::string& path,
+                        const std::vector<ChatCase>& cases) {
+  for (const ChatCase& c : cases) {
+    SCOPED_TRACE(traceOf(c.reply));
+    server.answer("POST", path, c.reply);
+    const std::size_t before = server.requestCount();
+    expectChat(assistant, c.expected);
+    EXPECT_EQ(server.requestCount(), before + 1);
+  }
+}
+inline void expectListings(LoopbackServer& server, IQORAssistant& assistant,
+                           const std::string& path, const std::vector<ListingCase>& cases) {
+  for (const ListingCase& c : cases) {
+    server.answer("GET", path, c.reply);
+    const std::size_t before = server.requestCount();
+    EXPECT_EQ(assistant.obtainAvailableModels(), c.expected) << traceOf(c.reply);
+    EXPECT_EQ(server.requestCount(), before + 1) << traceOf(c.reply);
+  }
+}
 
 }  // namespace qortest

@@ -32,8 +32,7 @@ namespace qortest {
 namespace {
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size())
-    return false;
+  if (a.size() != b.size()) return false;
   for (std::size_t i = 0; i < a.size(); ++i) {
     if (std::tolower(static_cast<unsigned char>(a[i])) !=
         std::tolower(static_cast<unsigned char>(b[i]))) {
@@ -56,8 +55,7 @@ Pairs decodeQuery(const std::string& query) {
   std::size_t start = 0;
   while (start <= query.size() && !query.empty()) {
     std::size_t end = query.find('&', start);
-    if (end == std::string::npos)
-      end = query.size();
+    if (end == std::string::npos) end = query.size();
     const std::string item = query.substr(start, end - start);
     if (!item.empty()) {
       const std::size_t equals = item.find('=');
@@ -87,36 +85,29 @@ void addExtension(X509* cert, int nid, const char* value) {
   X509V3_set_ctx_nodb(&context);
   X509V3_set_ctx(&context, cert, cert, nullptr, nullptr, 0);
   X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
-  if (extension == nullptr)
-    fail("extension");
+  if (extension == nullptr) fail("extension");
   const int added = X509_add_ext(cert, extension, -1);
   X509_EXTENSION_free(extension);
-  if (added != 1)
-    fail("add extension");
+  if (added != 1) fail("add extension");
 }
 
 void writePem(const std::filesystem::path& path, const std::function<int(FILE*)>& write) {
   FILE* file = std::fopen(path.c_str(), "wb");
-  if (file == nullptr)
-    fail("open PEM file");
+  if (file == nullptr) fail("open PEM file");
   const int written = write(file);
-  if (std::fclose(file) != 0 || written != 1)
-    fail("write PEM file");
+  if (std::fclose(file) != 0 || written != 1) fail("write PEM file");
 }
 
 // A P-256 key and a self-signed certificate for 127.0.0.1 and localhost, valid from an hour ago
 // for a day, written as PEM files into the folder.
 void makeCertificate(const std::filesystem::path& certFile, const std::filesystem::path& keyFile) {
   KeyPtr key(EVP_EC_gen("P-256"));
-  if (!key)
-    fail("key");
+  if (!key) fail("key");
   CertPtr cert(X509_new());
-  if (!cert)
-    fail("certificate");
+  if (!cert) fail("certificate");
 
   std::uint64_t serial = 0;
-  if (RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) != 1)
-    fail("serial");
+  if (RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) != 1) fail("serial");
   serial >>= 1;  // positive, as serial numbers must be
   if (X509_set_version(cert.get(), X509_VERSION_3) != 1 ||
       ASN1_INTEGER_set_uint64(X509_get_serialNumber(cert.get()), serial) != 1 ||
@@ -137,8 +128,7 @@ void makeCertificate(const std::filesystem::path& certFile, const std::filesyste
   addExtension(cert.get(), NID_ext_key_usage, "serverAuth");
   addExtension(cert.get(), NID_subject_key_identifier, "hash");
   addExtension(cert.get(), NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost");
-  if (X509_sign(cert.get(), key.get(), EVP_sha256()) == 0)
-    fail("sign");
+  if (X509_sign(cert.get(), key.get(), EVP_sha256()) == 0) fail("sign");
 
   writePem(keyFile, [&](FILE* file) {
     return PEM_write_PrivateKey(file, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
@@ -153,8 +143,7 @@ std::filesystem::path makeTempFolder() {
     std::ostringstream name;
     name << "qor-loopback-" << ::getpid() << '-' << counter++ << '-' << std::hex << random();
     const std::filesystem::path path = std::filesystem::temp_directory_path() / name.str();
-    if (std::filesystem::create_directory(path))
-      return path;
+    if (std::filesystem::create_directory(path)) return path;
   }
   fail("temporary folder");
   return {};
@@ -164,24 +153,21 @@ std::filesystem::path makeTempFolder() {
 
 std::string RecordedRequest::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
-    if (equalsIgnoringCase(key, name))
-      return value;
+    if (equalsIgnoringCase(key, name)) return value;
   }
   return {};
 }
 
 bool RecordedRequest::hasHeader(std::string_view name) const {
   for (const auto& entry : headers) {
-    if (equalsIgnoringCase(entry.first, name))
-      return true;
+    if (equalsIgnoringCase(entry.first, name)) return true;
   }
   return false;
 }
 
 std::string RecordedRequest::queryParam(std::string_view name) const {
   for (const auto& [key, value] : queryParams) {
-    if (key == name)
-      return value;
+    if (key == name) return value;
   }
   return {};
 }
@@ -207,12 +193,10 @@ struct LoopbackServer::Impl {
     record.method = req.method;
     record.path = req.path;
     const std::size_t mark = req.target.find('?');
-    if (mark != std::string::npos)
-      record.query = req.target.substr(mark + 1);
+    if (mark != std::string::npos) record.query = req.target.substr(mark + 1);
     record.queryParams = decodeQuery(record.query);
     for (const auto& [name, value] : req.headers) {
-      if (!isHttplibPseudoHeader(name))
-        record.headers.emplace_back(name, value);
+      if (!isHttplibPseudoHeader(name)) record.headers.emplace_back(name, value);
     }
     record.body = req.body;
     record.remotePort = req.remote_port;
@@ -256,8 +240,7 @@ LoopbackServer::LoopbackServer(Transport transport) : impl_(std::make_unique<Imp
     impl_->server = std::make_unique<httplib::Server>();
   }
   httplib::Server& server = *impl_->server;
-  if (!server.is_valid())
-    fail("server setup");
+  if (!server.is_valid()) fail("server setup");
   // Short, so that a connection a test leaves open does not hold up the destructor for long.
   server.set_keep_alive_timeout(1);
 
@@ -272,15 +255,13 @@ LoopbackServer::LoopbackServer(Transport transport) : impl_(std::make_unique<Imp
   server.Options(".*", handler);
 
   impl_->port = server.bind_to_any_port("127.0.0.1");
-  if (impl_->port <= 0)
-    throw std::runtime_error("loopback: cannot bind to 127.0.0.1");
+  if (impl_->port <= 0) throw std::runtime_error("loopback: cannot bind to 127.0.0.1");
   impl_->thread = std::thread([&server] { server.listen_after_bind(); });
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   while (!server.is_running() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  if (!server.is_running())
-    ADD_FAILURE() << "the loopback server did not start";
+  if (!server.is_running()) ADD_FAILURE() << "the loopback server did not start";
 }
 
 LoopbackServer::~LoopbackServer() {
@@ -290,8 +271,7 @@ LoopbackServer::~LoopbackServer() {
   }
   impl_->stopped.notify_all();
   impl_->server->stop();
-  if (impl_->thread.joinable())
-    impl_->thread.join();
+  if (impl_->thread.joinable()) impl_->thread.join();
   impl_->server.reset();
   if (!impl_->folder.empty()) {
     std::error_code ignored;

@@ -6,6 +6,8 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "yl/yl_json.h"
 #include "yl/yl_variant.h"
@@ -234,6 +236,139 @@ TEST(Json, ChangingTypes) {
   s->setStringValue("abc");
   s->setStringValue(s->obtainStringView().substr(1));
   EXPECT_EQ(s->obtainStringView(), "bc");
+}
+
+TEST(Json, ParsingInPlaceTakesTheStringAndGivesTheSameDocument) {
+  // Texts of every length up to past a few 16-byte blocks, with long white space runs, escapes
+  // that move string bytes and strings that end at the text's end: once in a buffer without room
+  // after the text, once with room, once copied. All three must agree.
+  std::vector<std::string> texts = {"\"\"", "[]", " {} ", "\"" + std::string(40, 'x') + "\""};
+  for (std::size_t length = 0; length < 48; ++length) {
+    texts.push_back("[" + std::string(length, ' ') + "\"" + std::string(length, 'a') +
+                    "\\n\\u00e9" + std::string(length % 17, 'b') + "\"," + std::to_string(length) +
+                    "]");
+    texts.push_back("{\"" + std::string(length, 'k') + "\":\"" + std::string(length, 'v') + "\"}" +
+                    std::string(length % 5, '\n'));
+    texts.push_back("[" + std::string(length, '[') + std::string(length, ']') + "]");
+    texts.push_back("\"" + std::string(length, 'z'));  // unterminated
+  }
+  for (const std::string& text : texts) {
+    const std::string expected = reformat(text);
+    std::string exact(text.data(), text.size());
+    YLJson inExact(std::move(exact));
+    EXPECT_TRUE(exact.empty());
+    std::string roomy;
+    roomy.reserve(text.size() + 64);
+    roomy = text;
+    YLJson inRoomy(std::move(roomy));
+    for (const YLJson* document : {&inExact, &inRoomy}) {
+      EXPECT_EQ(document->getIsValidJson() ? document->obtainJsonString() : "<invalid>", expected)
+          << text;
+    }
+  }
+
+  // A string that is still needed is copied, never taken; a C string is parsed too.
+  const std::string kept = R"({"a":"b"})";
+  std::string named = kept;
+  const YLJson fromNamed(named);
+  EXPECT_EQ(named, kept);
+  EXPECT_EQ(fromNamed.obtainKeyValue("a")->obtainStringView(), "b");
+  const char* characters = "[true]";
+  EXPECT_TRUE(YLJson(characters).obtainArrayItem(0)->obtainBoolValue());
+  EXPECT_FALSE(YLJson(static_cast<const char*>(nullptr)).getIsValidJson());
+}
+
+TEST(Json, KeysAreFoundExactly) {
+  // Parsed keys are kept where they were decoded; a key that holds a NUL, a prefix of a key, a
+  // longer key and one that runs past the end of the text must not be confused.
+  YLJson document("{\"ab\":1,\"a\\u0000b\":2,\"\":3,\"abc\":4}");
+  EXPECT_EQ(document.obtainKeyValue("ab")->obtainIntValue(), 1);
+  EXPECT_EQ(document.obtainKeyValue("a\0b"s)->obtainIntValue(), 2);
+  EXPECT_EQ(document.obtainKeyValue("")->obtainIntValue(), 3);
+  EXPECT_EQ(document.obtainKeyValue("abc")->obtainIntValue(), 4);
+  EXPECT_EQ(document.obtainKeyValue("a"), nullptr);
+  EXPECT_EQ(document.obtainKeyValue("ab\0"s), nullptr);
+  EXPECT_EQ(document.obtainMemberKey(1), "a\0b"s);
+
+  YLJson plain(R"({"name":1,"type":2})");
+  EXPECT_EQ(plain.obtainKeyValue("nam"), nullptr);
+  EXPECT_EQ(plain.obtainKeyValue("type" + std::string(1000, 'x')), nullptr);
+  EXPECT_EQ(plain.obtainKeyValue("type\0"s), nullptr);
+  EXPECT_EQ(plain.obtainKeyValue("\0"s), nullptr);
+  EXPECT_EQ(plain.obtainMemberKey(1), "type");
+
+  // Many duplicates shrink an indexed object below the size its index was made for.
+  std::string text = "{";
+  for (int i = 0; i < 70; ++i)
+    text += "\"k" + std::to_string(i % 20) + "\":" + std::to_string(i) + ",";
+  text += "\"last\":true}";
+  YLJson merged(text);
+  ASSERT_EQ(merged.obtainMemberCount(), 21u);
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(merged.obtainMemberKey(i), "k" + std::to_string(i));
+    EXPECT_EQ(merged.obtainKeyValue("k" + std::to_string(i))->obtainIntValue(),
+              (i < 10 ? 60 : 40) + i);
+  }
+  EXPECT_TRUE(merged.obtainKeyValue("last")->obtainBoolValue());
+}
+
+TEST(Json, LargeContainersAndStrings) {
+  // Counts and sizes beyond what a value keeps in itself, parsed and built.
+  constexpr int kCount = 70000;
+  std::string items = "[";
+  std::string members = "{";
+  for (int i = 0; i < kCount; ++i) {
+    items += std::to_string(i) + ",";
+    members += "\"m" + std::to_string(i) + "\":" + std::to_string(i) + ",";
+  }
+  const std::string longText(kCount, 'L');
+  items += "\"" + longText + "\"]";
+  members += "\"m\\u0000\":-1}";
+
+  YLJson array(std::string{items});
+  ASSERT_EQ(array.obtainArraySize(), kCount + 1u);
+  YLJsonValue* first = array.obtainArrayItem(0);
+  for (int i = 0; i < kCount; i += 251)
+    EXPECT_EQ(array.obtainArrayItem(i)->obtainIntValue(), i);
+  EXPECT_EQ(array.obtainArrayItem(kCount)->obtainStringView(), longText);
+  EXPECT_EQ(array.obtainJsonString(), items);
+  array.addArrayItem()->setStringValue(longText + "!");
+  EXPECT_EQ(array.obtainArrayItem(0), first);
+  EXPECT_EQ(array.obtainArrayItem(kCount + 1)->obtainStringView(), longText + "!");
+
+  YLJson object(members);
+  ASSERT_EQ(object.obtainMemberCount(), kCount + 1u);
+  EXPECT_EQ(object.obtainKeyValue("m0")->obtainIntValue(), 0);
+  EXPECT_EQ(object.obtainKeyValue("m69999")->obtainIntValue(), 69999);
+  EXPECT_EQ(object.obtainKeyValue("m\0"s)->obtainIntValue(), -1);
+  EXPECT_EQ(object.obtainKeyValue("m70000"), nullptr);
+  EXPECT_EQ(object.obtainJsonString(), members);
+}
+
+TEST(Json, ParsedDocumentStaysCompact) {
+  // Strings and keys stay in the parsed text; beyond it a value takes 16 bytes, a member's key 4
+  // more, and an object 4: a budget that copied strings or wider entries would break.
+  std::string text = "[";
+  for (int t = 0; t < 3000; ++t) {
+    text += R"({"name":"table_)" + std::to_string(t) + R"(","fields":[{"name":"id","type":"int"},)";
+    text += R"({"name":"created_at","type":"timestamp"}],"keys":["id"]},)";
+  }
+  text.back() = ']';
+  text.shrink_to_fit();
+  const std::size_t size = text.size();
+  const std::size_t values = 3000 * 11 + 1;
+  const std::size_t objects = 3000 * 3;
+  const std::size_t members = 3000 * 7;
+  YLJson document(std::move(text));
+  ASSERT_TRUE(document.getIsValidJson());
+  EXPECT_LT(document.obtainStorageSize(),
+            size + 16 * values + 4 * (members + objects) + (size + 16 * values) / 16 + 32768);
+
+  // Every value still finds its document.
+  YLJsonValue* field = document.obtainArrayItem(2999)->obtainKeyValue("fields");
+  EXPECT_TRUE(field->obtainArrayItem(1)->getIsValidJson());
+  EXPECT_EQ(field->obtainArrayItem(1)->obtainKeyValue("type")->obtainStringView(), "timestamp");
+  EXPECT_TRUE(field->addArrayItem()->getIsValidJson());
 }
 
 TEST(Json, FromVariant) {

@@ -69,8 +69,7 @@ Outcome exchange(Request& request, const YLRestGlobalSettings& settings,
   }
   outcome.response.reset(response);
   EXPECT_NE(response, nullptr) << "every exchange must leave a response";
-  if (!outcome.response)
-    outcome.response = std::make_unique<YLRestResourceResponse>();
+  if (!outcome.response) outcome.response = std::make_unique<YLRestResourceResponse>();
   return outcome;
 }
 
@@ -84,16 +83,14 @@ Outcome get(const std::string& url, const YLRestGlobalSettings& settings = quick
 std::vector<std::string> headerValues(const qortest::Pairs& headers, const std::string& name) {
   std::vector<std::string> values;
   for (const auto& [key, value] : headers) {
-    if (key == name)
-      values.push_back(value);
+    if (key == name) values.push_back(value);
   }
   return values;
 }
 
 std::string responseHeader(const YLRestResourceResponse& response, const std::string& name) {
   for (const auto& [key, value] : response.headers) {
-    if (strcasecmp(key.c_str(), name.c_str()) == 0)
-      return value;
+    if (strcasecmp(key.c_str(), name.c_str()) == 0) return value;
   }
   return {};
 }
@@ -102,8 +99,7 @@ std::string responseHeader(const YLRestResourceResponse& response, const std::st
 class ScopedEnv {
  public:
   ScopedEnv(const char* name, const std::string& value) : name_(name) {
-    if (const char* old = std::getenv(name))
-      old_ = old;
+    if (const char* old = std::getenv(name)) old_ = old;
     setenv(name, value.c_str(), 1);
   }
   ~ScopedEnv() {

@@ -108,46 +108,23 @@ class YLJsonValue : public IYLJsonValue {
   void appendJsonString(std::string& out) const;
 
  protected:
-  explicit YLJsonValue(YLJson* document) : document_(document) {}
+  YLJsonValue() = default;
   ~YLJsonValue() override;
 
  private:
   friend class YLJson;
   friend struct YLJsonBuilder;
-  // Representation: owned by the JSON implementation. Every byte a value points at (string
-  // bytes, keys, child tables) lives in the document's arena.
-  struct Member;
-  struct StringData {
-    const char* bytes;
-    std::size_t size;
-  };
-  struct ArrayData {
-    YLJsonValue** items;
-    std::size_t capacity;
-  };
-  // An object with a hash index keeps the index's slots right after its member table.
-  struct ObjectData {
-    Member* members;
-    std::uint32_t capacity;
-    std::uint32_t indexSlots;  // 0: no index, lookups scan the members
-  };
-  union Data {
-    StringData string;
-    ArrayData array;
-    ObjectData object;
-    std::int64_t integer;
-    std::uint64_t unsignedInteger;
-    double real;
-    bool boolean;
-  };
-  YLJson* document_;
-  YLJsonValueType type_ = YLJsonValueType::Null;
-  // Arrays and objects: the number of children. Numbers: which member of data_ holds the value.
-  std::uint32_t count_ = 0;
-  Data data_{};
+  // Representation, owned by the JSON implementation: what kind of value this is, with a count or
+  // size when it is small, and a 32-bit reference into the document's storage. A value finds its
+  // document from its own address, so this is all it carries besides its virtual table.
+  std::uint32_t word_ = 0;
+  std::uint32_t payload_ = 0;
 };
 
 // A document, which is itself its root value.
+//
+// A parsed document keeps the text it was parsed from and decodes strings inside it: strings and
+// keys are views into that one buffer. Texts of 4 GiB and more are not parsed (invalid).
 class YLJson final : public YLJsonValue {
  public:
   // The deepest nesting of arrays and objects that parsing accepts.
@@ -155,11 +132,20 @@ class YLJson final : public YLJsonValue {
 
   // An empty document to build in; valid, its root is Null.
   YLJson();
-  // Parses the text. A bad text, the empty one too, gives getIsValidJson() false and a Null root.
+  // Parses a copy of the text. A bad text, the empty one too, gives getIsValidJson() false and a
+  // Null root.
   explicit YLJson(std::string_view text);
+  explicit YLJson(const char* text);
+  // Parses the text in its own buffer, which the document takes over: no copy is made. The string
+  // is left empty. A string that is still needed goes to the copying constructor: only an rvalue
+  // binds here.
+  explicit YLJson(std::string&& text);
   ~YLJson() override;
 
   bool getIsValidJson() const override;
+
+  // The bytes of memory the document holds: its text, its values and their tables.
+  std::size_t obtainStorageSize() const;
 
  private:
   friend class YLJsonValue;

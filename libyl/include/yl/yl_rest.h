@@ -29,7 +29,8 @@ struct YLRestGlobalSettings {
   std::string proxy;
   // Comma-separated hosts that bypass the proxy; "*" for all.
   std::string noProxy;
-  // A PEM file or a folder of certificates to trust instead of the system's; empty for the system's.
+  // A PEM file or a folder of certificates to trust instead of the system's; empty for the
+  // system's.
   std::string caFile;
   std::string caPath;
   bool verifyPeer = true;

@@ -23,8 +23,7 @@ class YLDefer {
   YLDefer(const YLDefer&) = delete;
   YLDefer& operator=(const YLDefer&) = delete;
   ~YLDefer() {
-    if (onExit_)
-      onExit_();
+    if (onExit_) onExit_();
   }
 
  private:
