@@ -11,7 +11,6 @@ QORAssistant::QORAssistant(IYLHTTPPoolCenter* pool, const std::string& host,
     memory = ownedMemory.get();
   }
   this->memory = memory;
-  this->pool.reset(pool);
   session = std::make_unique<YLRestSession>();
   session->connectionPool = pool;
   properties = std::make_unique<QORAssistantProperties>(memory, defaultHost);

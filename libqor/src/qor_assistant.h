@@ -35,10 +35,13 @@ class QORAssistant : public IQORAssistant {
   std::unique_ptr<YLRestSession> session;
 
   bool ownsMemory() const { return ownedMemory != nullptr; }
+  // Takes the pool over once construction has succeeded.
+  void adoptPool(IYLHTTPPoolCenter* adopted) noexcept { pool.reset(adopted); }
 
  protected:
-  // Takes the pool; a null memory makes a default one. defaultHost is the service's public host
-  // without a scheme; an empty host stands for it.
+  // The session uses the pool; the assistant owns it only once adoptPool() has run, so that a
+  // construction that fails leaves the pool to the caller. A null memory makes a default one.
+  // defaultHost is the service's public host without a scheme; an empty host stands for it.
   QORAssistant(IYLHTTPPoolCenter* pool, const std::string& host, IQORAssistantMemory* memory,
                const std::string& defaultHost, TemperatureRule temperatureRule);
 

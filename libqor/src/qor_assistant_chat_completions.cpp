@@ -30,8 +30,10 @@ std::pair<IQORMessage*, std::string> QORAssistantChatCompletions::addMessage(std
   }
   IYLJsonValue* messages = body.addKeyValue("messages");
   messages->setArrayType();
-  appendConversation(messages, profile_.instructionRole, record.obtainCombinedInstructions(),
-                     obtainRecentHistory(*this), text);
+  // The instructions read the memory before the history does.
+  const std::string instructions = record.obtainCombinedInstructions();
+  appendConversation(messages, profile_.instructionRole, instructions, obtainRecentHistory(*this),
+                     text);
   return exchangeChat(*this, profile_.chat, body, text);
 }
 

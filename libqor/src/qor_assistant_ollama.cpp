@@ -52,8 +52,9 @@ std::pair<IQORMessage*, std::string> QORAssistant_OLLAMA::addMessage(std::string
   }
   IYLJsonValue* messages = body.addKeyValue("messages");
   messages->setArrayType();
-  appendConversation(messages, "system", record.obtainCombinedInstructions(),
-                     obtainRecentHistory(*this), text);
+  // The instructions read the memory before the history does.
+  const std::string instructions = record.obtainCombinedInstructions();
+  appendConversation(messages, "system", instructions, obtainRecentHistory(*this), text);
   return exchangeChat(*this, chatRules(), body, text);
 }
 

@@ -189,7 +189,8 @@ TEST_P(ChatCompletions, AHostsMemoryIsSentWhole) {
   server.answer("POST", service().chatPath, {.body = reply("done")});
   ASSERT_EQ(chat(*assistant, "new").second, "");
   EXPECT_EQ(server.lastRequest().body, expected + R"~({"role":"user","content":"new"}]})~");
-  EXPECT_EQ(memory.limits, std::vector<std::int32_t>{20});
+  // The instructions read the structure before the history is asked for; turns are stored after.
+  EXPECT_EQ(memory.calls, (std::vector<std::string>{"structure", "history 20", "add", "add"}));
   ASSERT_EQ(memory.history.size(), 27u);
   EXPECT_EQ(memory.history[26].text, "done");
 }

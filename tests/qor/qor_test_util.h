@@ -69,16 +69,20 @@ inline std::string httpStatusText(std::int32_t status) {
 class HostMemory final : public IQORAssistantMemory {
  public:
   void setDatabaseStructure(const std::string& structure) override { structure_ = structure; }
-  std::string obtainDatabaseStructure() override { return structure_; }
+  std::string obtainDatabaseStructure() override {
+    calls.push_back("structure");
+    return structure_;
+  }
   void addHistoryEntry(ChatRole role, const std::string& text) override {
+    calls.push_back("add");
     history.push_back({role, text});
   }
   std::vector<QORHistoryEntry> obtainHistory(std::int32_t limit) override {
-    limits.push_back(limit);
+    calls.push_back("history " + std::to_string(limit));
     return history;
   }
   std::vector<QORHistoryEntry> history;
-  std::vector<std::int32_t> limits;
+  std::vector<std::string> calls;  // what the assistant asked of the memory, in order
 
  private:
   std::string structure_;
