@@ -15,19 +15,17 @@ namespace qortest {
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 struct RecordedRequest {
-  std::string method;  // "GET", "POST", ...
-  std::string path;    // without the query
-  std::string query;   // the raw query as received, without '?'
-  Pairs queryParams;   // decoded, in order
-  Pairs headers;       // as received
+  std::string method;
+  std::string path;   // without the query
+  std::string query;  // the raw query as received, without '?'
+  Pairs queryParams;  // decoded, in order
+  Pairs headers;      // as received
   std::string body;
   int remotePort = 0;  // the client's port: one value per connection
 
   // The first header of that name, compared without case; empty if none.
   std::string header(std::string_view name) const;
   bool hasHeader(std::string_view name) const;
-  // The first query parameter of that name; empty if none.
-  std::string queryParam(std::string_view name) const;
 };
 
 struct ScriptedReply {
@@ -35,8 +33,7 @@ struct ScriptedReply {
   std::string body{};
   std::string contentType = "application/json";
   Pairs headers{};
-  // Waits this long before answering (for time-out tests).
-  std::chrono::milliseconds delay{0};
+  std::chrono::milliseconds delay{0};  // before answering
 };
 
 class LoopbackServer {
@@ -50,27 +47,28 @@ class LoopbackServer {
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
-  // Requests with this method and path get this reply, every time (the last call wins).
+  // Requests with this method and path get this reply, every time (the last call wins); others
+  // get 404 with an empty body.
   void answer(std::string method, std::string path, ScriptedReply reply);
-  // Requests that match no answer() get this reply; by default 404 with an empty body.
-  void answerOthers(ScriptedReply reply);
 
-  int port() const;
-  std::string hostAndPort() const;  // "127.0.0.1:PORT"
-  std::string baseUrl() const;      // "http://127.0.0.1:PORT" or "https://..."
+  int port() const { return port_; }
+  std::string baseUrl() const { return scheme_ + "127.0.0.1:" + std::to_string(port_); }
   // The PEM certificate file to trust for a TLS server; empty for a plain one.
-  std::string certificateFile() const;
+  std::string certificateFile() const { return certFile_; }
 
   std::vector<RecordedRequest> requests() const;
   // The last request; fails the test if there was none.
   RecordedRequest lastRequest() const;
-  std::size_t requestCount() const;
+  std::size_t requestCount() const { return requests().size(); }
   // The number of distinct client connections seen so far.
   std::size_t connectionCount() const;
 
  private:
   struct Impl;
   std::unique_ptr<Impl> impl_;
+  int port_ = 0;
+  std::string scheme_ = "http://";
+  std::string certFile_;
 };
 
 // A loopback port on which nothing listens, so that connecting is refused.
