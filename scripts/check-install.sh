@@ -48,4 +48,9 @@ c++ -std=c++20 -Wall -Wextra -Wpedantic -Werror -I"$work/prefix/include" "$work/
   -L"$work/prefix/lib" -lqor -lyl -Wl,-rpath,"$work/prefix/lib" -o "$work/host/alone"
 "$work/host/alone"
 
+# qorchat runs from the prefix with its sample, finding the libraries beside it.
+"$work/prefix/bin/qorchat" --version
+"$work/prefix/bin/qorchat" --print-request "Which customers never ordered?" 2>/dev/null |
+  grep -q 'CREATE TABLE `order_items`' || { echo "installed qorchat cannot read its sample" >&2; exit 1; }
+
 echo "install check passed"

@@ -8,6 +8,7 @@ packages=(
   rapidjson-dev
   libgtest-dev libgmock-dev libcpp-httplib-dev libbenchmark-dev
   openssl ca-certificates locales
+  libcli11-dev libedit-dev libsqlite3-dev sqlite3 tmux
 )
 
 missing=()

@@ -279,6 +279,9 @@ YLErrorRecord YLErrorCatalogue::obtainErrorRecord(std::int32_t code) const {
       return {"kResponseTooLarge", "Response body exceeds the accepted size", code};
     case YLErrorCode::kClientSetupFailed:
       return {"kClientSetupFailed", "The HTTP client could not prepare the request", code};
+    case YLErrorCode::kCancelled:
+      // Shown as it is: a host tells its user that the request was cancelled in these words.
+      return {"kCancelled", "Cancelled", code};
     default:
       break;
   }

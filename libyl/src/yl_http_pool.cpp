@@ -1,13 +1,41 @@
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
 
 #include "yl/yl_assert.h"
 #include "yl_rest_internal.h"
+
+// cancel() may run in a signal handler, where only lock-free atomics are safe to touch.
+static_assert(std::atomic<int>::is_always_lock_free, "cancel() needs a lock-free atomic int");
+
+namespace {
+
+void drainPipe(int fd) noexcept {
+  if (fd < 0) return;
+  char bytes[64];
+  while (::read(fd, bytes, sizeof bytes) > 0) {
+  }
+}
+
+}  // namespace
 
 // The share holds the connection cache, the DNS cache and the TLS session cache, so that every
 // client of one session reuses connections and resumes TLS sessions. No lock callbacks are
 // installed: the pool is documented to serve one thread at a time, and libcurl does not support
 // sharing the connection cache between concurrent threads anyway.
 YLHTTPPoolCenter::YLHTTPPoolCenter() {
+  // Non-blocking, so that neither cancel() nor draining can ever block; close-on-exec, so that a
+  // program the host starts does not inherit it. Without a pipe a cancel is still seen, only later:
+  // by the progress callback, which a silent transfer runs about once a second.
+  int fds[2] = {-1, -1};
+  if (::pipe2(fds, O_NONBLOCK | O_CLOEXEC) == 0) {
+    wakeRead_ = fds[0];
+    wakeWrite_ = fds[1];
+  }
+
   if (!ylEnsureCurlGlobalInit()) return;
   CURLSH* share = curl_share_init();
   if (share == nullptr) return;
@@ -24,10 +52,57 @@ YLHTTPPoolCenter::YLHTTPPoolCenter() {
 }
 
 YLHTTPPoolCenter::~YLHTTPPoolCenter() {
+  if (wakeRead_ >= 0) ::close(wakeRead_);
+  if (wakeWrite_ >= 0) ::close(wakeWrite_);
   if (share_ == nullptr) return;
   // Clients attach the share only for the length of an exchange, so it is free here unless the
   // pool is destroyed while one of its exchanges runs, which the one-thread rule excludes.
   const CURLSHcode result = curl_share_cleanup(static_cast<CURLSH*>(share_));
   YL_ASSERT(result == CURLSHE_OK, "YLHTTPPoolCenter::~YLHTTPPoolCenter");
   (void)result;
+}
+
+void YLHTTPPoolCenter::cancel() noexcept {
+  // Only a running exchange can be cancelled. If it ends between this and the write, the byte
+  // stays in the pipe until the next exchange drains it before it starts.
+  int expected = kPoolRunning;
+  if (!exchangeState_.compare_exchange_strong(expected, kPoolCancelRequested)) return;
+  if (wakeWrite_ < 0) return;
+  // A signal handler must leave errno as it found it. A full pipe already holds a wake-up.
+  const int savedErrno = errno;
+  const char byte = 1;
+  const ssize_t written = ::write(wakeWrite_, &byte, 1);
+  (void)written;
+  errno = savedErrno;
+}
+
+YLPoolExchange::YLPoolExchange(IYLHTTPPoolCenter* pool) noexcept {
+  auto* center = dynamic_cast<YLHTTPPoolCenter*>(pool);
+  if (center == nullptr) return;
+  drainPipe(center->wakeRead_);
+  int expected = kPoolIdle;
+  const bool claimed = center->exchangeState_.compare_exchange_strong(expected, kPoolRunning);
+  // Another exchange runs on the pool at the same time, which the one-thread rule excludes; this
+  // one goes on without cancel rather than taking the other's.
+  YL_ASSERT(claimed, "YLPoolExchange::YLPoolExchange");
+  if (claimed) pool_ = center;
+}
+
+bool YLPoolExchange::cancelRequested() const noexcept {
+  return pool_ != nullptr && pool_->exchangeState_.load() == kPoolCancelRequested;
+}
+
+int YLPoolExchange::wakeFd() const noexcept {
+  return pool_ == nullptr ? -1 : pool_->wakeRead_;
+}
+
+void YLPoolExchange::drainWake() const noexcept {
+  if (pool_ != nullptr) drainPipe(pool_->wakeRead_);
+}
+
+bool YLPoolExchange::finish() noexcept {
+  if (pool_ == nullptr) return false;
+  const bool cancelled = pool_->exchangeState_.exchange(kPoolIdle) == kPoolCancelRequested;
+  pool_ = nullptr;
+  return cancelled;
 }

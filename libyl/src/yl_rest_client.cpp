@@ -37,6 +37,47 @@ bool hasHeader(const YLParamList& headers, std::string_view name) {
   return false;
 }
 
+// What a request hook sees in place of a credential.
+constexpr std::string_view kMask = "****";
+
+// The header's value as a request hook may see it: a credential is masked, and an authorization
+// keeps its scheme word so that the log still tells Bearer from Basic.
+std::string maskedHeaderValue(std::string_view name, std::string_view value) {
+  if (equalsIgnoringCase(name, "Authorization")) {
+    const std::size_t space = value.find(' ');
+    if (space == std::string_view::npos) return std::string(kMask);
+    return std::string(value.substr(0, space + 1)) + std::string(kMask);
+  }
+  for (std::string_view secret : {"x-api-key", "x-goog-api-key", "api-key"}) {
+    if (equalsIgnoringCase(name, secret)) return std::string(kMask);
+  }
+  return std::string(value);
+}
+
+// The URL as curl sends it, without a fragment, and with the value of every query parameter named
+// key masked, wherever it came from: the caller's URL or the request's parameters.
+std::string maskedUrl(std::string_view url) {
+  url = url.substr(0, url.find('#'));
+  const std::size_t mark = url.find('?');
+  if (mark == std::string_view::npos) return std::string(url);
+  std::string masked(url.substr(0, mark + 1));
+  std::string_view query = url.substr(mark + 1);
+  for (bool first = true;; first = false) {
+    const std::size_t amp = query.find('&');
+    const std::string_view item = query.substr(0, amp);
+    if (!first) masked += '&';
+    const std::size_t equals = item.find('=');
+    if (equals != std::string_view::npos && equalsIgnoringCase(item.substr(0, equals), "key")) {
+      masked.append(item.substr(0, equals + 1));
+      masked.append(kMask);
+    } else {
+      masked.append(item);
+    }
+    if (amp == std::string_view::npos) return masked;
+    query.remove_prefix(amp + 1);
+  }
+}
+
 // What the callbacks of one exchange collect.
 struct Exchange {
   CURL* easy = nullptr;
@@ -129,6 +170,38 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
   exchange->headers.emplace_back(std::string(line.substr(0, colon)),
                                  ylTrimAsString(line.substr(colon + 1)));
   return bytes;
+}
+
+// The wake-up pipe ends the wait for the network at once; this also catches a cancel while data
+// keeps flowing and the wait is never long.
+int onProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return static_cast<const YLPoolExchange*>(user)->cancelRequested() ? 1 : 0;
+}
+
+// The CURLcode of a failed multi call, as curl_easy_perform gives it.
+CURLcode multiFailure(CURLMcode code) {
+  switch (code) {
+    case CURLM_OUT_OF_MEMORY:
+      return CURLE_OUT_OF_MEMORY;
+    case CURLM_UNRECOVERABLE_POLL:
+      return CURLE_UNRECOVERABLE_POLL;
+    default:
+      return CURLE_BAD_FUNCTION_ARGUMENT;
+  }
+}
+
+// The result of a reply, from the server or a request hook's stand-in: a refused reply keeps its
+// status and headers but not its body; otherwise every 2xx status is a success and any other
+// status is its own code.
+std::int32_t acceptReply(long status, YLParamList headers, std::string body, bool tooLarge,
+                         YLRestResourceResponse& response) {
+  response.statusCode = status;
+  response.headers = std::move(headers);
+  if (tooLarge) return YLErrorCode::kResponseTooLarge;
+  response.setBody(std::move(body));
+  if (status >= 200 && status <= 299) return YLErrorCode::kSuccess;
+  if (status >= 100 && status <= 599) return static_cast<std::int32_t>(status);
+  return YLErrorCode::kCurlCodeBase + CURLE_WEIRD_SERVER_REPLY;
 }
 
 using CurlList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
@@ -258,11 +331,16 @@ class YLCurlRestClient final : public IYLRestClient {
       ownSettings_ = std::make_unique<YLRestGlobalSettings>();
       settings_ = ownSettings_.get();
     }
-    if (ylEnsureCurlGlobalInit()) easy_ = curl_easy_init();
+    if (!ylEnsureCurlGlobalInit()) return;
+    // The multi handle keeps the connections of a client without a pool, as curl_easy_perform's
+    // hidden one would; with a pool, the pool's share keeps them.
+    multi_ = curl_multi_init();
+    if (multi_ != nullptr) easy_ = curl_easy_init();
   }
   ~YLCurlRestClient() override {
     // Closes the connections the client kept for itself; pooled ones stay with the pool.
     if (easy_ != nullptr) curl_easy_cleanup(easy_);
+    if (multi_ != nullptr) curl_multi_cleanup(multi_);
   }
   YLCurlRestClient(const YLCurlRestClient&) = delete;
   YLCurlRestClient& operator=(const YLCurlRestClient&) = delete;
@@ -279,11 +357,16 @@ class YLCurlRestClient final : public IYLRestClient {
                        YLRestResourceResponse** response);
   std::int32_t perform(const YLRestRequest& request, const YLRestPostRequest* post,
                        YLRestResourceResponse& response);
+  CURLcode transfer(const YLPoolExchange& inFlight);
   CURLSH* sessionShare() const;
+  IYLHTTPPoolCenter* sessionPool() const {
+    return session_ == nullptr ? nullptr : session_->connectionPool;
+  }
 
   const YLRestGlobalSettings* settings_;
   std::unique_ptr<YLRestGlobalSettings> ownSettings_;
   YLRestSession* session_;
+  CURLM* multi_ = nullptr;
   CURL* easy_ = nullptr;
 };
 
@@ -313,24 +396,32 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
   const std::optional<std::string> url = buildUrl(easy_, request);
   if (!url) return YLErrorCode::kClientSetupFailed;
 
+  // Without a hook nothing is copied for it.
+  const bool hooked = static_cast<bool>(settings_->requestHook);
+  YLParamList shownHeaders;
   CurlList headers(nullptr, curl_slist_free_all);
+  const auto addHeader = [&](std::string_view name, std::string_view value) {
+    if (!appendHeader(headers, name, value)) return false;
+    if (hooked) shownHeaders.emplace_back(std::string(name), maskedHeaderValue(name, value));
+    return true;
+  };
   if (session_ != nullptr) {
     if (!session_->authorizationHeaderValue().empty() &&
-        !appendHeader(headers, "Authorization", session_->authorizationHeaderValue())) {
+        !addHeader("Authorization", session_->authorizationHeaderValue())) {
       return YLErrorCode::kClientSetupFailed;
     }
     for (const auto& [name, value] : session_->headerParams()) {
-      if (!appendHeader(headers, name, value)) return YLErrorCode::kClientSetupFailed;
+      if (!addHeader(name, value)) return YLErrorCode::kClientSetupFailed;
     }
   }
   for (const auto& [name, value] : request.headerParams()) {
-    if (!appendHeader(headers, name, value)) return YLErrorCode::kClientSetupFailed;
+    if (!addHeader(name, value)) return YLErrorCode::kClientSetupFailed;
   }
   if (post != nullptr) {
     const bool typeGiven =
         hasHeader(request.headerParams(), "Content-Type") ||
         (session_ != nullptr && hasHeader(session_->headerParams(), "Content-Type"));
-    if (!typeGiven && !appendHeader(headers, "Content-Type", "application/json")) {
+    if (!typeGiven && !addHeader("Content-Type", "application/json")) {
       return YLErrorCode::kClientSetupFailed;
     }
     // "Expect:" with nothing after it removes the header: waiting for 100 Continue would only add
@@ -344,6 +435,8 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
   Exchange exchange;
   exchange.easy = easy_;
   exchange.maxBodyBytes = settings_->maxResponseBytes;
+  // From here until finish() a cancel on the session's pool stops this exchange.
+  YLPoolExchange inFlight(sessionPool());
 
   CurlOptions options(easy_);
   options.set(CURLOPT_URL, *url)
@@ -360,7 +453,36 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
   } else {
     options.set(CURLOPT_HTTPGET, 1L);
   }
+  if (inFlight.cancellable()) {
+    options.set(CURLOPT_XFERINFOFUNCTION, &onProgress)
+        .set(CURLOPT_XFERINFODATA, static_cast<void*>(&inFlight))
+        .set(CURLOPT_NOPROGRESS, 0L);
+  }
   if (options.result() != CURLE_OK) return YLErrorCode::kCurlCodeBase + options.result();
+
+  if (hooked) {
+    const YLPreparedRequest prepared{
+        post != nullptr ? "POST" : "GET", maskedUrl(*url), std::move(shownHeaders),
+        post != nullptr ? std::string_view(post->body()) : std::string_view()};
+    std::optional<YLStandInReply> standIn;
+    try {
+      standIn = settings_->requestHook(prepared);
+    } catch (...) {
+      // The host's exception must not unwind through its caller's exchange; nothing is sent.
+      return YLErrorCode::kClientSetupFailed;
+    }
+    if (standIn) {
+      if (inFlight.finish()) return YLErrorCode::kCancelled;
+      // Held to the limits of a real reply; its header lines are counted as they would arrive.
+      std::size_t headerBytes = 0;
+      for (const auto& [name, value] : standIn->headers)
+        headerBytes += name.size() + value.size() + 4;
+      const bool tooLarge =
+          headerBytes > kMaxHeaderBytes || standIn->body.size() > settings_->maxResponseBytes;
+      return acceptReply(standIn->statusCode, std::move(standIn->headers), std::move(standIn->body),
+                         tooLarge, response);
+    }
+  }
 
   // The pool is attached only while the exchange runs, so that it can be destroyed between
   // exchanges without waiting for its clients; curl_easy_reset would not detach it.
@@ -373,7 +495,9 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
     if (share != nullptr) curl_easy_setopt(easy_, CURLOPT_SHARE, nullptr);
   });
 
-  const CURLcode result = curl_easy_perform(easy_);
+  const CURLcode result = transfer(inFlight);
+  // A cancel that lands before the exchange is over wins over whatever the transfer came to.
+  if (inFlight.finish()) return YLErrorCode::kCancelled;
   long status = 0;
   if (result == CURLE_OK || exchange.tooLarge) {
     curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
@@ -382,18 +506,45 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
   if (exchange.tooLarge) {
     // The reply arrived but was refused: its status and headers tell what it was, the body is not
     // kept.
-    response.statusCode = status;
-    response.headers = std::move(exchange.headers);
-    return YLErrorCode::kResponseTooLarge;
+    return acceptReply(status, std::move(exchange.headers), {}, true, response);
   }
   if (result != CURLE_OK) return YLErrorCode::kCurlCodeBase + result;
+  return acceptReply(status, std::move(exchange.headers), std::move(exchange.body), false,
+                     response);
+}
 
-  response.statusCode = status;
-  response.headers = std::move(exchange.headers);
-  response.setBody(std::move(exchange.body));
-  if (status >= 200 && status <= 299) return YLErrorCode::kSuccess;
-  if (status >= 100 && status <= 599) return static_cast<std::int32_t>(status);
-  return YLErrorCode::kCurlCodeBase + CURLE_WEIRD_SERVER_REPLY;
+// Runs the transfer on the client's multi handle, so that the wait for the network also waits for
+// the pool's wake-up pipe: curl_easy_perform would notice a cancel only through the progress
+// callback, which it runs about once a second while a connection is silent.
+CURLcode YLCurlRestClient::transfer(const YLPoolExchange& inFlight) {
+  const CURLMcode added = curl_multi_add_handle(multi_, easy_);
+  if (added != CURLM_OK) return multiFailure(added);
+  // Removing an unfinished transfer closes its connection, so a cancelled one is never reused.
+  const YLDefer remove([this] { curl_multi_remove_handle(multi_, easy_); });
+
+  curl_waitfd wake{};
+  wake.fd = inFlight.wakeFd();
+  wake.events = CURL_WAIT_POLLIN;
+  const unsigned extraFds = wake.fd >= 0 ? 1u : 0u;
+  for (;;) {
+    if (inFlight.cancelRequested()) return CURLE_ABORTED_BY_CALLBACK;
+    int running = 0;
+    CURLMcode code = curl_multi_perform(multi_, &running);
+    if (code != CURLM_OK) return multiFailure(code);
+    if (running == 0) break;
+    wake.revents = 0;
+    // The time-out only bounds the wait; curl shortens it to its own next deadline.
+    code = curl_multi_poll(multi_, extraFds != 0 ? &wake : nullptr, extraFds, 1000, nullptr);
+    if (code != CURLM_OK) return multiFailure(code);
+    // A byte may also be stale, from a cancel that came too late for the previous exchange.
+    if (wake.revents != 0) inFlight.drainWake();
+  }
+  int queued = 0;
+  while (const CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
+    if (message->msg == CURLMSG_DONE && message->easy_handle == easy_) return message->data.result;
+  }
+  // A transfer that stopped running always leaves its done message; this is only a safe answer.
+  return CURLE_FAILED_INIT;
 }
 
 }  // namespace

@@ -8,6 +8,37 @@
 // it first. libcurl is never cleaned up: other code of the host may be using it until exit.
 bool ylEnsureCurlGlobalInit();
 
+// What YLHTTPPoolCenter::exchangeState_ holds. A cancel moves kRunning to kCancelRequested and
+// nothing else, so that one arriving while no exchange runs changes nothing.
+inline constexpr int kPoolIdle = 0;
+inline constexpr int kPoolRunning = 1;
+inline constexpr int kPoolCancelRequested = 2;
+
+// One exchange's claim on a pool, so that YLHTTPPoolCenter::cancel() reaches this exchange and
+// no other. Without a YLHTTPPoolCenter the exchange cannot be cancelled and every query says no.
+class YLPoolExchange {
+ public:
+  // Empties the pool's wake-up pipe, in case a cancel that came as the last exchange ended left a
+  // byte in it, and marks the pool running.
+  explicit YLPoolExchange(IYLHTTPPoolCenter* pool) noexcept;
+  ~YLPoolExchange() { (void)finish(); }
+  YLPoolExchange(const YLPoolExchange&) = delete;
+  YLPoolExchange& operator=(const YLPoolExchange&) = delete;
+
+  bool cancellable() const noexcept { return pool_ != nullptr; }
+  bool cancelRequested() const noexcept;
+  // The read end of the pool's wake-up pipe, to wait on beside the sockets; -1 if there is none.
+  int wakeFd() const noexcept;
+  // Reads whatever is in the wake-up pipe, so that a stale byte does not keep waking the wait.
+  void drainWake() const noexcept;
+  // Marks the pool idle again and tells whether a cancel reached the exchange before that. Once
+  // it has run, a cancel no longer concerns this exchange.
+  bool finish() noexcept;
+
+ private:
+  YLHTTPPoolCenter* pool_ = nullptr;
+};
+
 class YLRestClientFactory final : public IYLRestClientFactory {
  public:
   IYLRestClient* createRestClient(IYLAppFactory* appFactory, const YLRestGlobalSettings* settings,

@@ -1,13 +1,18 @@
 // The REST client against a real HTTP(S) service on 127.0.0.1.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <strings.h>
 
+#include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -328,6 +333,179 @@ TEST(RestClient, ProxyAndRedirectsComeOnlyFromTheSettings) {
   EXPECT_EQ(followed.response->getBufferString(), R"({"at":"new"})");
   EXPECT_TRUE(headerValues(followed.response->headers, "X-Hop").empty()) << "last reply's only";
   EXPECT_EQ(get(server.baseUrl() + "/loop", settings).code, YLErrorCode::kCurlCodeBase + 47);
+}
+
+// The pool a SIGUSR1 handler cancels.
+std::atomic<YLHTTPPoolCenter*> poolToCancel{nullptr};
+extern "C" void cancelOnSignal(int) {
+  if (YLHTTPPoolCenter* pool = poolToCancel.load()) pool->cancel();
+}
+
+TEST(RestClient, CancelStopsOnlyTheExchangeInFlight) {
+  using std::chrono::milliseconds;
+  using Clock = std::chrono::steady_clock;
+  LoopbackServer server;
+  server.answer("POST", "/stall", {200, "{}", "application/json", {}, std::chrono::seconds(5)});
+  server.answer("POST", "/chat", {200, R"({"ok":true})"});
+  YLHTTPPoolCenter pool;
+  YLRestSession session;
+  session.connectionPool = &pool;
+  YLRestGlobalSettings patient = quickSettings();
+  patient.totalTimeoutMs = 20000;
+  const auto post = [&](const std::string& path) {
+    YLJson body(R"({"q":1})");
+    YLRestPostRequest request;
+    request.setURL(server.baseUrl() + path);
+    request.updateJson(&body);
+    return exchange(request, patient, &session);
+  };
+
+  // A cancel while nothing runs must not carry over to the next exchange.
+  pool.cancel();
+  EXPECT_EQ(post("/chat").code, 0);
+
+  // From another thread, and from a signal handler that interrupts the waiting thread itself.
+  struct sigaction action {};
+  struct sigaction previous {};
+  action.sa_handler = &cancelOnSignal;
+  sigemptyset(&action.sa_mask);
+  ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+  poolToCancel = &pool;
+  const pthread_t waiter = pthread_self();
+  for (const bool bySignal : {false, true}) {
+    SCOPED_TRACE(bySignal ? "by signal" : "by thread");
+    const std::size_t before = server.requestCount();
+    Clock::time_point cancelledAt;
+    std::thread canceller([&] {
+      std::this_thread::sleep_for(milliseconds(200));
+      cancelledAt = Clock::now();
+      bySignal ? static_cast<void>(pthread_kill(waiter, SIGUSR1)) : pool.cancel();
+    });
+    Outcome outcome = post("/stall");
+    const Clock::time_point ended = Clock::now();
+    canceller.join();
+    EXPECT_EQ(outcome.code, YLErrorCode::kCancelled);
+    EXPECT_LT(ended - cancelledAt, milliseconds(400)) << "the cancel must not wait for curl";
+    EXPECT_EQ(server.requestCount(), before + 1) << "the request was in flight";
+    EXPECT_EQ(post("/chat").code, 0) << "the next exchange on the pool is unaffected";
+  }
+  poolToCancel = nullptr;
+  sigaction(SIGUSR1, &previous, nullptr);
+
+  const YLErrorRecord record = recordOf(YLErrorCode::kCancelled);
+  EXPECT_EQ(record.text, "Cancelled");
+  EXPECT_EQ(record.symbol, "kCancelled");
+}
+
+// A request as a hook saw it, kept beyond the hook's call.
+struct SeenRequest {
+  std::string method;
+  std::string url;
+  YLParamList headers;
+  std::string body;
+};
+
+TEST(RestClient, RequestHookSeesWhatLeavesWithCredentialsMasked) {
+  LoopbackServer server;
+  server.answer("GET", "/v1/models", {200, "{}"});
+  server.answer("POST", "/v1/chat", {200, "{}"});
+  std::vector<SeenRequest> seen;
+  YLRestGlobalSettings settings = quickSettings();
+  settings.requestHook = [&](const YLPreparedRequest& r) -> std::optional<YLStandInReply> {
+    seen.push_back({r.method, r.url, r.headers, std::string(r.body)});
+    return std::nullopt;
+  };
+  const YLRestGlobalSettings copied = settings;  // hosts hand the settings over by copy
+
+  const std::string key = "sk-SECRET";
+  YLRestSession session;
+  session.setAuthorizationHeaderValue("Bearer " + key);
+  session.addHeaderParam("x-api-key", key);
+  session.addHeaderParam("X-Order", "session");
+  YLRestGetRequest get;
+  get.setURL(server.baseUrl() + "/v1/models?key=" + key + "&keyring=1");
+  get.addQueryParams({{"q", "a b"}, {"key", key}});
+  get.addHeaderParams({{"X-Goog-Api-Key", key}, {"api-key", key}, {"X-Order", "request"}});
+  ASSERT_EQ(exchange(get, copied, &session).code, 0);
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].method, "GET");
+  EXPECT_EQ(seen[0].url, server.baseUrl() + "/v1/models?key=****&keyring=1&q=a%20b&key=****");
+  EXPECT_EQ(seen[0].headers, (YLParamList{{"Authorization", "Bearer ****"},
+                                          {"x-api-key", "****"},
+                                          {"X-Order", "session"},
+                                          {"X-Goog-Api-Key", "****"},
+                                          {"api-key", "****"},
+                                          {"X-Order", "request"}}));
+  EXPECT_TRUE(seen[0].body.empty());
+  // Masking is for the hook's eyes only.
+  const qortest::RecordedRequest received = server.lastRequest();
+  EXPECT_EQ(received.query, "key=" + key + "&keyring=1&q=a%20b&key=" + key);
+  EXPECT_EQ(received.header("Authorization"), "Bearer " + key);
+  for (const char* name : {"x-api-key", "x-goog-api-key", "api-key"})
+    EXPECT_EQ(received.header(name), key) << name;
+
+  // A POST shows its body and, last, the Content-Type the client adds; an authorization without
+  // a scheme word is masked whole.
+  YLRestSession bare;
+  bare.setAuthorizationHeaderValue(key);
+  YLJson document(R"({"model":"m"})");
+  YLRestPostRequest post;
+  post.setURL(server.baseUrl() + "/v1/chat");
+  post.updateJson(&document);
+  post.addHeaderParams({{"X-Trace", "t"}});
+  ASSERT_EQ(exchange(post, copied, &bare).code, 0);
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_EQ(seen[1].method, "POST");
+  EXPECT_EQ(seen[1].url, server.baseUrl() + "/v1/chat");
+  EXPECT_EQ(seen[1].headers, (YLParamList{{"Authorization", "****"},
+                                          {"X-Trace", "t"},
+                                          {"Content-Type", "application/json"}}));
+  EXPECT_EQ(seen[1].body, R"({"model":"m"})");
+  EXPECT_EQ(server.lastRequest().body, seen[1].body);
+  EXPECT_EQ(server.requestCount(), 2u);
+}
+
+TEST(RestClient, StandInRepliesAreTakenAsTheServersAndNothingIsSent) {
+  LoopbackServer server;
+  server.answer("GET", "/v1/models", {200, R"({"from":"server"})"});
+  const std::string url = server.baseUrl() + "/v1/models";
+  std::optional<YLStandInReply> standIn;
+  YLRestGlobalSettings settings = quickSettings();
+  settings.maxResponseBytes = 64;
+  settings.requestHook = [&](const YLPreparedRequest&) { return standIn; };
+
+  // The status, the body, the code, JSON or not.
+  for (const auto& [status, body, code, json] :
+       {std::tuple{201L, std::string(R"({"ok":true})"), 0, true},
+        {500L, R"({"error":{"message":"boom"}})", 500, true},
+        {200L, std::string(65, 'x'), kTooLarge, false},
+        {200L, std::string(64, 'x'), 0, false},
+        {999L, "{}", YLErrorCode::kCurlCodeBase + 8, true}}) {
+    SCOPED_TRACE(status);
+    standIn = YLStandInReply{status, {{"X-From", "hook"}}, body};
+    Outcome outcome = get(url, settings);
+    EXPECT_EQ(outcome.code, code);
+    EXPECT_EQ(outcome.response->statusCode, status);
+    EXPECT_EQ(headerValues(outcome.response->headers, "X-From"), Strings{"hook"});
+    EXPECT_EQ(outcome.response->getBufferString(), code == kTooLarge ? "" : body);
+    EXPECT_EQ(outcome.response->responseJson != nullptr, json);
+  }
+  EXPECT_EQ(server.requestCount(), 0u);
+
+  // A hook that throws stops the request too.
+  settings.requestHook = [](const YLPreparedRequest&) -> std::optional<YLStandInReply> {
+    throw std::runtime_error("host failure");
+  };
+  EXPECT_EQ(get(url, settings).code, YLErrorCode::kClientSetupFailed);
+  EXPECT_EQ(server.requestCount(), 0u);
+
+  // No stand-in lets the request go out.
+  settings.requestHook = [&](const YLPreparedRequest&) { return standIn; };
+  standIn.reset();
+  Outcome real = get(url, settings);
+  EXPECT_EQ(real.code, 0);
+  EXPECT_EQ(real.response->getBufferString(), R"({"from":"server"})");
+  EXPECT_EQ(server.requestCount(), 1u);
 }
 
 }  // namespace

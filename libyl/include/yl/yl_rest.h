@@ -1,10 +1,14 @@
 #pragma once
 // A blocking REST client on libcurl, its settings, connection pools and error catalogue.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -13,6 +17,33 @@
 
 // A list of name and value pairs, name first, in the order given.
 using YLParamList = std::vector<std::pair<std::string, std::string>>;
+
+// A request as the client is about to send it, shown to a request hook. Credentials are masked:
+// the values of the headers x-api-key, x-goog-api-key and api-key and of a query parameter named
+// key read "****", and Authorization keeps only its scheme word ("Bearer ****"). The request that
+// goes out is not masked.
+struct YLPreparedRequest {
+  // "GET" or "POST".
+  std::string method;
+  // The whole URL with its query, percent-encoded as sent.
+  std::string url;
+  // In the order they are sent: the session's authorization, the session's headers, the
+  // request's headers, then Content-Type when the client adds it. Headers curl adds by itself
+  // (Host, User-Agent, Accept-Encoding, Content-Length) are not listed.
+  YLParamList headers;
+  // The body of a POST, empty for a GET; valid only during the hook's call.
+  std::string_view body;
+};
+
+// A reply a request hook gives instead of sending the request. The client treats it exactly as a
+// reply from the server: the same size limit, the same status handling, the body parsed into
+// responseJson.
+struct YLStandInReply {
+  long statusCode = 200;
+  YLParamList headers;
+  // The body as received after decoding; no Content-Encoding is applied to it.
+  std::string body;
+};
 
 // Settings of every exchange. The client reads them at the start of an exchange; nothing here
 // reads environment variables (curl's proxy variables are not honoured either).
@@ -40,6 +71,12 @@ struct YLRestGlobalSettings {
   std::size_t maxResponseBytes = 64u * 1024u * 1024u;
   bool followRedirects = false;
   long maxRedirects = 5;
+  // Called with every request just before it would be sent, on the thread of the exchange; a
+  // host logs what leaves the machine with it, or makes a dry run. An empty optional lets the
+  // request go out as usual; a stand-in reply is taken as the server's answer and nothing at all
+  // is sent. A hook that throws fails the exchange with kClientSetupFailed, nothing sent. Empty
+  // means no hook.
+  std::function<std::optional<YLStandInReply>(const YLPreparedRequest&)> requestHook;
 };
 
 // A connection pool: what exchanges of one session share so that they reuse connections.
@@ -48,8 +85,10 @@ class IYLHTTPPoolCenter {
   virtual ~IYLHTTPPoolCenter() = default;
 };
 
+class YLPoolExchange;
+
 // The pool that hosts construct with new: a curl share of connections, DNS cache and TLS sessions.
-// Not synchronised: one pool serves one thread at a time.
+// Not synchronised: one pool serves one thread at a time; cancel() is the exception.
 class YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
  public:
   YLHTTPPoolCenter();
@@ -60,8 +99,23 @@ class YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
   // The curl share handle (CURLSH*), for the client.
   void* nativeShare() const { return share_; }
 
+  // Makes the exchange running on this pool at this moment fail at once with
+  // YLErrorCode::kCancelled, whose error record text is "Cancelled"; its connection is closed.
+  // With no exchange running it does nothing, so it never affects a later exchange. Callable
+  // from any thread and from a signal handler (async-signal-safe: it only touches a lock-free
+  // atomic and writes one byte to a pipe); the pool must outlive the call. Exchanges of a
+  // session without a YLHTTPPoolCenter cannot be cancelled.
+  void cancel() noexcept;
+
  private:
+  friend class YLPoolExchange;  // the client's side of cancel()
+
   void* share_ = nullptr;
+  // Idle, running an exchange, or running one that is to be cancelled.
+  std::atomic<int> exchangeState_{0};
+  // A non-blocking pipe: cancel() writes a byte to wake the exchange's wait at once.
+  int wakeRead_ = -1;
+  int wakeWrite_ = -1;
 };
 
 // What all requests of one conversation carry: the pool and the session headers.
@@ -210,6 +264,8 @@ inline constexpr std::int32_t kSuccess = 0;
 inline constexpr std::int32_t kCurlCodeBase = 1000;
 inline constexpr std::int32_t kResponseTooLarge = 2001;
 inline constexpr std::int32_t kClientSetupFailed = 2002;
+// YLHTTPPoolCenter::cancel() stopped the exchange.
+inline constexpr std::int32_t kCancelled = 2003;
 }  // namespace YLErrorCode
 
 namespace YL {

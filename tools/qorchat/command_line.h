@@ -1,0 +1,42 @@
+#pragma once
+// qorchat's command line: what the user asked for, read with CLI11.
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+
+namespace qorchat {
+
+// What a run does besides the conversation, which is the default.
+enum class Mode { Converse, Ask, PrintRequest, ListModels };
+
+struct Options {
+  Mode mode = Mode::Converse;
+  std::string question;  // for Ask and PrintRequest
+  std::string database;  // a path or a file: URI; empty: the sample shop
+  std::string service = "ollama";
+  std::string host;   // empty: the service's own
+  std::string model;  // empty: the first the service lists
+  std::optional<double> temperature;
+  long timeoutSeconds = 300;
+  std::string proxy;
+  std::string caFile;
+  std::string apiKeyFile;
+  bool noHistory = false;
+};
+
+// Either options to run with, or the status to exit with at once (after --help, --version or a
+// usage error, whose one line has gone to err).
+struct CommandLine {
+  Options options;
+  std::optional<int> exitStatus;
+};
+
+CommandLine parseCommandLine(int argc, const char* const* argv, std::ostream& out,
+                             std::ostream& err);
+
+// True for an http:// or https:// URL with a host, or a bare host[:port] (which the library
+// reaches over HTTPS).
+bool looksLikeHostUrl(const std::string& text);
+
+}  // namespace qorchat

@@ -1,0 +1,14 @@
+// qorchat: a terminal chat about an SQLite database with one of the library's model services.
+#include <iostream>
+
+#include "command_line.h"
+#include "session.h"
+#include "terminal.h"
+
+int main(int argc, char** argv) {
+  qorchat::CommandLine commandLine = qorchat::parseCommandLine(argc, argv, std::cout, std::cerr);
+  if (commandLine.exitStatus) return *commandLine.exitStatus;
+  qorchat::installInterruptHandler();
+  qorchat::Session session(std::move(commandLine.options), std::cout, std::cerr);
+  return session.run();
+}

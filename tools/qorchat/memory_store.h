@@ -1,0 +1,71 @@
+#pragma once
+// The conversation store: the assistant's memory kept in an SQLite file, so that a conversation
+// survives the process. One conversation per key (the database and the service); every entry is
+// committed as it is added, so a process killed at any moment loses nothing already answered.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "qor.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace qorchat {
+
+// What an assistant turn without text is stored and shown as: services reject a history that holds
+// an empty assistant turn, which would break every later question of the conversation.
+inline constexpr const char* kNoTextReply = "the model returned no text";
+
+class MemoryStore final : public IQORAssistantMemory {
+ public:
+  // Opens (creating if needed) the store at path and takes up the latest conversation under key.
+  // The path ":memory:" keeps everything in this process only. Throws std::runtime_error with a
+  // one-line message that names the path when the file cannot be opened or written.
+  MemoryStore(const std::string& path, std::string key);
+  ~MemoryStore() override;
+  MemoryStore(const MemoryStore&) = delete;
+  MemoryStore& operator=(const MemoryStore&) = delete;
+
+  // The number of entries the conversation had when it was taken up (0 for a new one).
+  std::size_t resumedEntryCount() const { return resumedEntries_; }
+  // Starts a new, empty conversation under the same key; the old one stays in the file.
+  void startNewConversation();
+  // The first write failure since the last call, as one line; empty when there was none. The
+  // store goes on in memory after a failure so that the session is not lost.
+  std::string takeWriteFailure();
+
+  void setDatabaseStructure(const std::string& structure) override;
+  std::string obtainDatabaseStructure() override;
+  // A blank assistant text is stored as kNoTextReply.
+  void addHistoryEntry(ChatRole role, const std::string& text) override;
+  // The latest `limit` entries, oldest first (all of them for a limit below 1).
+  std::vector<QORHistoryEntry> obtainHistory(std::int32_t limit) override;
+
+ private:
+  struct Statements;
+  void open();
+  void prepareLayout();
+  [[noreturn]] void throwOpenFailure() const;
+  sqlite3_stmt* bindConversation();
+  // Runs one write; on failure records it and stops writing. False when nothing was written.
+  bool run(sqlite3_stmt* statement);
+  void recordFailure(std::string message);
+
+  sqlite3* db_ = nullptr;
+  std::unique_ptr<Statements> statements_;
+  std::string key_;
+  std::string path_;
+  std::int64_t conversationId_ = 0;
+  std::size_t resumedEntries_ = 0;
+  std::string structure_;
+  // The conversation as this process holds it. Reads come from here, so that the session goes on
+  // unchanged when the file stops accepting writes.
+  std::vector<QORHistoryEntry> entries_;
+  bool writable_ = true;
+  std::string writeFailure_;
+};
+
+}  // namespace qorchat

@@ -1,0 +1,346 @@
+// Opens an SQLite database read-only and describes its tables and views as db_structure JSON.
+
+#include "sqlite_database.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "yl/yl_json.h"
+
+namespace qorchat {
+namespace {
+
+// How long a read waits for another process that holds a lock, as the sqlite3 shell would.
+constexpr int kBusyTimeoutMs = 5000;
+
+bool isUri(const std::string& target) {
+  return target.rfind("file:", 0) == 0;
+}
+
+std::string quoted(const std::string& target) {
+  return "'" + target + "'";
+}
+
+// One prepared statement; SQLite's errors become DatabaseError naming the database.
+class Statement {
+ public:
+  Statement(sqlite3* db, const char* sql, const std::string& target) : db_(db), target_(target) {
+    if (sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr) != SQLITE_OK) fail();
+  }
+  ~Statement() { sqlite3_finalize(statement_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+
+  void bind(int index, const std::string& text) {
+    if (sqlite3_bind_text(statement_, index, text.data(), static_cast<int>(text.size()),
+                          SQLITE_TRANSIENT) != SQLITE_OK) {
+      fail();
+    }
+  }
+  // True for a row, false at the end; throws on an error.
+  bool step() {
+    const int rc = sqlite3_step(statement_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc == SQLITE_DONE) return false;
+    fail();
+  }
+  // Like step, but an error ends the rows and is reported by the return value instead.
+  std::optional<bool> tryStep() {
+    const int rc = sqlite3_step(statement_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc == SQLITE_DONE) return false;
+    return std::nullopt;
+  }
+  void reset() {
+    sqlite3_reset(statement_);
+    sqlite3_clear_bindings(statement_);
+  }
+  std::string text(int column) const {
+    const auto* data = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+    if (data == nullptr) return {};
+    return std::string(data, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column)));
+  }
+  bool isNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
+  std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
+
+ private:
+  [[noreturn]] void fail() const {
+    throw DatabaseError("cannot read database " + quoted(target_) + ": " + sqlite3_errmsg(db_));
+  }
+
+  sqlite3* db_;
+  const std::string& target_;
+  sqlite3_stmt* statement_ = nullptr;
+};
+
+struct Column {
+  std::string name;
+  std::string type;
+  std::int64_t keyPosition = 0;  // 1-based place in the primary key; 0 when not part of it
+};
+
+struct ForeignKey {
+  std::vector<std::string> fields;
+  std::string refTable;
+  std::vector<std::string> refFields;
+  bool refersToPrimaryKey = false;  // the parent columns were left out of the declaration
+};
+
+// Reads the columns of tables and views and their foreign keys, names bound as parameters so that
+// any name passes through untouched.
+class ObjectReader {
+ public:
+  ObjectReader(sqlite3* db, const std::string& target)
+      : columns_(db, "SELECT name, type, pk, hidden FROM pragma_table_xinfo(?1, ?2) ORDER BY cid",
+                 target),
+        foreignKeys_(db,
+                     "SELECT id, \"table\", \"from\", \"to\" FROM pragma_foreign_key_list(?1, ?2) "
+                     "ORDER BY id DESC, seq",
+                     target) {}
+
+  // The visible columns (generated ones included), or nothing when SQLite cannot read them: a
+  // view over a dropped table or a virtual table of a module this program lacks.
+  std::optional<std::vector<Column>> readColumns(const std::string& schema,
+                                                 const std::string& object) {
+    columns_.reset();
+    columns_.bind(1, object);
+    columns_.bind(2, schema);
+    std::vector<Column> columns;
+    for (;;) {
+      const std::optional<bool> row = columns_.tryStep();
+      if (!row) {
+        columns_.reset();
+        return std::nullopt;
+      }
+      if (!*row) break;
+      // Hidden columns of virtual tables are arguments of the module, not data to query.
+      if (columns_.integer(3) == 1) continue;
+      columns.push_back(Column{columns_.text(0), columns_.text(1), columns_.integer(2)});
+    }
+    columns_.reset();
+    return columns;
+  }
+
+  // Ids come out newest declaration first: reversed, the keys read in the order they were written.
+  std::vector<ForeignKey> readForeignKeys(const std::string& schema, const std::string& table) {
+    foreignKeys_.reset();
+    foreignKeys_.bind(1, table);
+    foreignKeys_.bind(2, schema);
+    std::vector<ForeignKey> keys;
+    std::int64_t currentId = -1;
+    while (foreignKeys_.step()) {
+      const std::int64_t id = foreignKeys_.integer(0);
+      if (keys.empty() || id != currentId) {
+        keys.push_back(ForeignKey{{}, foreignKeys_.text(1), {}, false});
+        currentId = id;
+      }
+      ForeignKey& key = keys.back();
+      key.fields.push_back(foreignKeys_.text(2));
+      if (foreignKeys_.isNull(3)) {
+        key.refersToPrimaryKey = true;
+      } else {
+        key.refFields.push_back(foreignKeys_.text(3));
+      }
+    }
+    foreignKeys_.reset();
+    for (ForeignKey& key : keys) {
+      if (key.refersToPrimaryKey) key.refFields = primaryKeyOf(schema, key.refTable);
+    }
+    return keys;
+  }
+
+  std::vector<std::string> primaryKeyOf(const std::string& schema, const std::string& table) {
+    const std::optional<std::vector<Column>> columns = readColumns(schema, table);
+    return columns ? primaryKey(*columns) : std::vector<std::string>{};
+  }
+
+  static std::vector<std::string> primaryKey(std::vector<Column> columns) {
+    std::erase_if(columns, [](const Column& column) { return column.keyPosition == 0; });
+    std::sort(columns.begin(), columns.end(),
+              [](const Column& a, const Column& b) { return a.keyPosition < b.keyPosition; });
+    std::vector<std::string> names;
+    for (Column& column : columns)
+      names.push_back(std::move(column.name));
+    return names;
+  }
+
+ private:
+  Statement columns_;
+  Statement foreignKeys_;
+};
+
+void addStrings(IYLJsonValue* array, const std::vector<std::string>& items) {
+  array->setArrayType();
+  for (const std::string& item : items)
+    array->addArrayItem()->setStringValue(item);
+}
+
+// Keeps the reads of one description in one snapshot, so that a concurrent schema change
+// cannot mix two versions of the structure.
+class ReadTransaction {
+ public:
+  explicit ReadTransaction(sqlite3* db) : db_(db) {
+    // A caller's own transaction already gives the snapshot.
+    if (sqlite3_get_autocommit(db) != 0) {
+      begun_ = sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr) == SQLITE_OK;
+    }
+  }
+  ~ReadTransaction() {
+    if (begun_) sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+  }
+  ReadTransaction(const ReadTransaction&) = delete;
+  ReadTransaction& operator=(const ReadTransaction&) = delete;
+
+ private:
+  sqlite3* db_;
+  bool begun_ = false;
+};
+
+}  // namespace
+
+SqliteDatabase::SqliteDatabase(const std::string& target) : target_(target) {
+  const bool uri = isUri(target);
+  if (!uri) {
+    // SQLite's own message for a missing file says nothing of the cause; look first.
+    struct stat info {};
+    if (stat(target.c_str(), &info) != 0) {
+      const int error = errno;
+      throw DatabaseError("cannot open database " + quoted(target) + ": " +
+                          (error == ENOENT ? "no such file" : std::strerror(error)));
+    }
+    if (S_ISDIR(info.st_mode)) {
+      throw DatabaseError("cannot open database " + quoted(target) + ": it is a folder");
+    }
+  }
+
+  // Read-only on every path: a mistyped name must never leave a new empty database behind.
+  const int rc =
+      sqlite3_open_v2(target.c_str(), &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+  if (rc != SQLITE_OK) {
+    const std::string reason = db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
+    sqlite3_close(db_);
+    db_ = nullptr;
+    throw DatabaseError("cannot open database " + quoted(target) + ": " + reason);
+  }
+  sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+
+  // SQLite reads nothing until the first statement: read the schema now, so that a file that is
+  // not a database fails here rather than in the middle of a session.
+  const int read =
+      sqlite3_exec(db_, "SELECT count(*) FROM sqlite_master", nullptr, nullptr, nullptr);
+  if (read != SQLITE_OK) {
+    const std::string reason = sqlite3_errmsg(db_);
+    const int code = sqlite3_errcode(db_) & 0xff;
+    sqlite3_close(db_);
+    db_ = nullptr;
+    if (code == SQLITE_NOTADB) throw DatabaseError(quoted(target) + " is not an SQLite database");
+    throw DatabaseError("cannot read database " + quoted(target) + ": " + reason);
+  }
+
+  if (uri) {
+    identity_ = target;
+  } else {
+    char resolved[PATH_MAX];
+    identity_ = realpath(target.c_str(), resolved) != nullptr ? std::string(resolved) : target;
+  }
+}
+
+SqliteDatabase::~SqliteDatabase() {
+  sqlite3_close_v2(db_);
+}
+
+std::string SqliteDatabase::describeStructure() {
+  const ReadTransaction snapshot(db_);
+
+  // The connection's own temporary database is no part of the user's structure.
+  std::vector<std::string> databases;
+  {
+    Statement list(db_, "SELECT name FROM pragma_database_list WHERE name <> 'temp' ORDER BY seq",
+                   target_);
+    while (list.step())
+      databases.push_back(list.text(0));
+  }
+
+  ObjectReader reader(db_, target_);
+  YLJson root;
+  root.setArrayType();
+  for (const std::string& database : databases) {
+    YLJsonValue* catalog = root.addArrayItem();
+    catalog->addKeyValue("catalog_name")->setStringValue(database);
+    YLJsonValue* schema = catalog->addKeyValue("schemas")->addArrayItem();
+    YLJsonValue* tables = schema->addKeyValue("tables");
+    tables->setArrayType();
+    YLJsonValue* views = schema->addKeyValue("views");
+    views->setArrayType();
+
+    // A schema name cannot be a parameter: it is quoted into the text, its quotes doubled.
+    // sqlite_master is the name every version knows for the schema table.
+    std::string escaped;
+    for (const char c : database) {
+      escaped += c;
+      if (c == '"') escaped += '"';
+    }
+    const std::string sql = "SELECT type, name FROM \"" + escaped +
+                            "\".sqlite_master WHERE type IN ('table', 'view') AND name NOT LIKE "
+                            "'sqlite\\_%' ESCAPE '\\' ORDER BY rowid";
+    std::vector<std::pair<std::string, std::string>> objects;
+    {
+      Statement list(db_, sql.c_str(), target_);
+      while (list.step())
+        objects.emplace_back(list.text(0), list.text(1));
+    }
+
+    for (const auto& [type, name] : objects) {
+      // An object whose columns cannot be read cannot be queried either: leave it out.
+      const std::optional<std::vector<Column>> columns = reader.readColumns(database, name);
+      if (!columns) continue;
+      const bool isView = type == "view";
+      YLJsonValue* object = (isView ? views : tables)->addArrayItem();
+      object->addKeyValue("name")->setStringValue(name);
+      YLJsonValue* fields = object->addKeyValue("fields");
+      fields->setArrayType();
+      for (const Column& column : *columns) {
+        YLJsonValue* field = fields->addArrayItem();
+        field->addKeyValue("name")->setStringValue(column.name);
+        field->addKeyValue("type")->setStringValue(column.type);
+      }
+      if (isView) continue;
+
+      const std::vector<std::string> primaryKey = ObjectReader::primaryKey(*columns);
+      if (!primaryKey.empty()) addStrings(object->addKeyValue("pkeys"), primaryKey);
+      const std::vector<ForeignKey> foreignKeys = reader.readForeignKeys(database, name);
+      if (foreignKeys.empty()) continue;
+      YLJsonValue* keys = object->addKeyValue("fkeys");
+      keys->setArrayType();
+      for (const ForeignKey& key : foreignKeys) {
+        YLJsonValue* item = keys->addArrayItem();
+        addStrings(item->addKeyValue("fields"), key.fields);
+        item->addKeyValue("ref_table")->setStringValue(key.refTable);
+        addStrings(item->addKeyValue("ref_fields"), key.refFields);
+      }
+    }
+  }
+  return root.obtainJsonString();
+}
+
+std::string SqliteDatabase::identity() const {
+  return identity_;
+}
+
+std::string SqliteDatabase::displayName() const {
+  if (isUri(target_)) return target_;
+  const std::string name = std::filesystem::path(target_).filename().string();
+  return name.empty() ? target_ : name;
+}
+
+}  // namespace qorchat
