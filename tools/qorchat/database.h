@@ -2,9 +2,12 @@
 // What qorchat needs of the user's database, whatever its engine: its structure in the form the
 // assistant reads (the db_structure JSON text), and names to show and to key the conversation by.
 
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace qorchat {
 
@@ -12,6 +15,16 @@ namespace qorchat {
 class DatabaseError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+// What one statement gave: its columns and first rows, or the database's own error text.
+struct StatementResult {
+  std::string statement;  // the statement's text as run
+  std::vector<std::string> columns;
+  std::vector<std::vector<std::optional<std::string>>>
+      rows;                  // at most the rows asked for; NULL is empty
+  std::size_t rowCount = 0;  // every row the statement returned, shown or not
+  std::string error;         // not empty when the statement failed
 };
 
 class Database {
@@ -24,6 +37,17 @@ class Database {
   virtual std::string identity() const = 0;
   // A short name for people, such as the file name.
   virtual std::string displayName() const = 0;
+  // Runs the statements of sql in order, read-only by the database's own means (never by reading
+  // the SQL), until one fails; keeps at most maxRows rows of each. The last result carries the
+  // failure, if any.
+  virtual std::vector<StatementResult> runReadOnly(const std::string& sql, std::size_t maxRows) = 0;
 };
+
+}  // namespace qorchat
+
+namespace qorchat {
+
+// Opens the database that --db names: an SQLite file or file: URI. Throws DatabaseError.
+std::unique_ptr<Database> openDatabase(const std::string& target);
 
 }  // namespace qorchat

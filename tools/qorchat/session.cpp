@@ -16,7 +16,6 @@
 #include <sstream>
 #include <system_error>
 
-#include "sqlite_database.h"
 #include "terminal.h"
 #include "yl/yl.h"
 
@@ -221,7 +220,7 @@ bool Session::openDatabase() {
     }
   }
   try {
-    database_ = std::make_unique<SqliteDatabase>(target);
+    database_ = qorchat::openDatabase(target);
   } catch (const DatabaseError& error) {
     err_ << "qorchat: " << error.what() << "\n";
     return false;

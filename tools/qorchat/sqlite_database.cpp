@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -341,6 +342,56 @@ std::string SqliteDatabase::displayName() const {
   if (isUri(target_)) return target_;
   const std::string name = std::filesystem::path(target_).filename().string();
   return name.empty() ? target_ : name;
+}
+
+}  // namespace qorchat
+
+namespace qorchat {
+
+std::vector<StatementResult> SqliteDatabase::runReadOnly(const std::string& sql,
+                                                         std::size_t maxRows) {
+  // The connection was opened read-only; query_only also refuses writes to attached databases.
+  sqlite3_exec(db_, "PRAGMA query_only = ON", nullptr, nullptr, nullptr);
+  std::vector<StatementResult> results;
+  const char* next = sql.c_str();
+  const char* const end = next + sql.size();
+  while (next < end) {
+    sqlite3_stmt* raw = nullptr;
+    const char* tail = nullptr;
+    const int prepared = sqlite3_prepare_v2(db_, next, static_cast<int>(end - next), &raw, &tail);
+    std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> statement(raw, &sqlite3_finalize);
+    const std::string text(next, tail != nullptr ? tail : end);
+    next = tail != nullptr ? tail : end;
+    if (prepared == SQLITE_OK && statement == nullptr) continue;  // white space or a comment
+    StatementResult& result = results.emplace_back();
+    result.statement = text;
+    if (prepared != SQLITE_OK) {
+      result.error = sqlite3_errmsg(db_);
+      break;
+    }
+    const int columns = sqlite3_column_count(statement.get());
+    for (int i = 0; i < columns; ++i)
+      result.columns.emplace_back(sqlite3_column_name(statement.get(), i));
+    int stepped = SQLITE_ROW;
+    while ((stepped = sqlite3_step(statement.get())) == SQLITE_ROW) {
+      if (result.rowCount++ >= maxRows) continue;
+      auto& row = result.rows.emplace_back();
+      for (int i = 0; i < columns; ++i) {
+        const auto* data = reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), i));
+        if (data == nullptr) {
+          row.emplace_back(std::nullopt);
+        } else {
+          row.emplace_back(std::string(
+              data, static_cast<std::size_t>(sqlite3_column_bytes(statement.get(), i))));
+        }
+      }
+    }
+    if (stepped != SQLITE_DONE) {
+      result.error = sqlite3_errmsg(db_);
+      break;
+    }
+  }
+  return results;
 }
 
 }  // namespace qorchat

@@ -1,0 +1,12 @@
+// Chooses the engine for what --db names.
+#include "database.h"
+
+#include "sqlite_database.h"
+
+namespace qorchat {
+
+std::unique_ptr<Database> openDatabase(const std::string& target) {
+  return std::make_unique<SqliteDatabase>(target);
+}
+
+}  // namespace qorchat
