@@ -5,8 +5,9 @@
 
 namespace qorchat {
 
-std::unique_ptr<Database> openDatabase(const std::string& target) {
-  return std::make_unique<SqliteDatabase>(target);
+std::unique_ptr<Database> openDatabase(const std::string& target,
+                                       const DatabaseSettings& settings) {
+  return std::make_unique<SqliteDatabase>(target, settings);
 }
 
 }  // namespace qorchat

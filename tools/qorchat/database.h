@@ -2,6 +2,7 @@
 // What qorchat needs of the user's database, whatever its engine: its structure in the form the
 // assistant reads (the db_structure JSON text), and names to show and to key the conversation by.
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -47,7 +48,13 @@ class Database {
 
 namespace qorchat {
 
+// How statements of runReadOnly are bounded.
+struct DatabaseSettings {
+  std::chrono::milliseconds statementTimeout{30000};
+};
+
 // Opens the database that --db names: an SQLite file or file: URI. Throws DatabaseError.
-std::unique_ptr<Database> openDatabase(const std::string& target);
+std::unique_ptr<Database> openDatabase(const std::string& target,
+                                       const DatabaseSettings& settings = {});
 
 }  // namespace qorchat

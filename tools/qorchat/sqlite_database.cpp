@@ -209,7 +209,8 @@ class ReadTransaction {
 
 }  // namespace
 
-SqliteDatabase::SqliteDatabase(const std::string& target) : target_(target) {
+SqliteDatabase::SqliteDatabase(const std::string& target, const DatabaseSettings& settings)
+    : target_(target), settings_(settings) {
   const bool uri = isUri(target);
   if (!uri) {
     // SQLite's own message for a missing file says nothing of the cause; look first.

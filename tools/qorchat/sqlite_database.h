@@ -14,7 +14,7 @@ class SqliteDatabase final : public Database {
  public:
   // Opens a path or a "file:" URI, always read-only: nothing is ever created or written. Throws
   // DatabaseError naming the target when it is missing or not an SQLite database.
-  explicit SqliteDatabase(const std::string& target);
+  explicit SqliteDatabase(const std::string& target, const DatabaseSettings& settings = {});
   ~SqliteDatabase() override;
   SqliteDatabase(const SqliteDatabase&) = delete;
   SqliteDatabase& operator=(const SqliteDatabase&) = delete;
@@ -31,6 +31,7 @@ class SqliteDatabase final : public Database {
   sqlite3* db_ = nullptr;
   std::string target_;
   std::string identity_;
+  DatabaseSettings settings_;
 };
 
 }  // namespace qorchat
