@@ -40,6 +40,104 @@ std::string structureTemplate() {
 QORAssistantProperties::QORAssistantProperties(IQORAssistantMemory* memory, std::string defaultHost)
     : memory(memory), defaultHost(std::move(defaultHost)) {}
 
+namespace {
+
+using Record = QORAssistantProperties;
+
+// One key of the record: the value type setValue takes (Null: any, the setter decides), the
+// condition reported when another type comes, and how the value is read and stored. A setter
+// returns whether the key counts as set.
+struct KeyRule {
+  std::string_view key;
+  ValueType type;
+  const char* typeCondition;
+  YLVariant (*read)(const Record&);
+  bool (*store)(Record&, const YLVariant&);
+};
+
+constexpr const char* kStringCondition = "value.getValueType() == YLVariant::ValueType::String";
+constexpr const char* kSourceName = "qor_assistant_properties";
+
+// Merges the given entries: an empty text clears an entry, so the property holds only non-empty
+// instructions; an entry of another type is reported and passed over.
+bool mergeSystemInstructions(Record& record, const YLVariant& value) {
+  for (const auto& kv : *value.mapPtr()) {
+    YL_ASSERT(kv.second.getValueType() == YLVariant::ValueType::String, kSourceName);
+    if (kv.second.getValueType() != ValueType::String) continue;
+    if (kv.second.stringPtr()->empty()) {
+      record.systemInstructions.erase(kv.first);
+    } else {
+      record.systemInstructions[kv.first] = kv.second;
+    }
+  }
+  return true;
+}
+
+bool storeDatabaseStructure(Record& record, const YLVariant& value) {
+  if (value.getValueType() == ValueType::List) {
+    record.memory->setDatabaseStructure(ylCreateYLJsonFromYLVariant(value)->obtainJsonString());
+  } else if (const std::string* text = value.stringPtr()) {
+    // The empty string does not clear a structure; the empty list does.
+    if (text->empty()) return false;
+    const YLJson json(*text);
+    YL_ASSERT(json.getIsValidJson(), kSourceName);
+    if (!json.getIsValidJson()) return false;
+    // The host's own text is kept, not the parser's rendering of it.
+    record.memory->setDatabaseStructure(*text);
+  }
+  // Any other type stores nothing and is still taken as set.
+  return true;
+}
+
+constexpr KeyRule kKeyRules[] = {
+    {"api_host", ValueType::String, kStringCondition,
+     [](const Record& r) { return YLVariant(r.apiHost); },
+     [](Record& r, const YLVariant& v) {
+       // A blank host goes back to the service's own host.
+       r.normaliseHost(ylTrimAsString(*v.stringPtr()), r.defaultHost);
+       return true;
+     }},
+    {"model", ValueType::String, kStringCondition,
+     [](const Record& r) { return YLVariant(r.model); },
+     [](Record& r, const YLVariant& v) {
+       r.model = *v.stringPtr();
+       return true;
+     }},
+    {"temperature", ValueType::Double, "value.getValueType() == YLVariant::ValueType::Double",
+     [](const Record& r) { return YLVariant(r.temperature); },
+     [](Record& r, const YLVariant& v) {
+       // Stored as it comes; updateProperties brings it into the service's range.
+       r.temperature = v.doubleValue();
+       return true;
+     }},
+    {"user_instructions", ValueType::String, kStringCondition,
+     [](const Record& r) { return YLVariant(r.userInstructions); },
+     [](Record& r, const YLVariant& v) {
+       r.userInstructions = *v.stringPtr();
+       return true;
+     }},
+    {"system_instructions", ValueType::Map, "value.getValueType() == YLVariant::ValueType::Map",
+     [](const Record& r) { return YLVariant(r.systemInstructions); }, &mergeSystemInstructions},
+    {"db_structure", ValueType::Null, nullptr,
+     [](const Record& r) { return YLVariant(r.obtainDatabaseTree()); }, &storeDatabaseStructure},
+    {"combined_instructions", ValueType::Null, nullptr,
+     [](const Record& r) { return YLVariant(r.obtainCombinedInstructions()); },
+     [](Record&, const YLVariant&) {
+       // Read only: composed from the others on every read.
+       YL_ASSERT(false, kSourceName);
+       return false;
+     }},
+};
+
+const KeyRule* findRule(std::string_view key) {
+  for (const KeyRule& rule : kKeyRules) {
+    if (rule.key == key) return &rule;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 std::vector<std::pair<std::string, std::string>> QORAssistantProperties::obtainPropertyCatalogue() {
   return {
       {"api_host", "string"},
@@ -53,66 +151,21 @@ std::vector<std::pair<std::string, std::string>> QORAssistantProperties::obtainP
 }
 
 YLVariant QORAssistantProperties::obtainValue(const std::string& key) {
-  if (key == "api_host") return YLVariant(apiHost);
-  if (key == "model") return YLVariant(model);
-  if (key == "temperature") return YLVariant(temperature);
-  if (key == "user_instructions") return YLVariant(userInstructions);
-  if (key == "system_instructions") return YLVariant(systemInstructions);
-  if (key == "db_structure") return YLVariant(obtainDatabaseTree());
-  if (key == "combined_instructions") return YLVariant(obtainCombinedInstructions());
-  return YLVariant();
+  const KeyRule* rule = findRule(key);
+  return rule == nullptr ? YLVariant() : rule->read(*this);
 }
 
 bool QORAssistantProperties::setValue(const std::string& key, const YLVariant& value) {
-  if (key == "api_host" || key == "model" || key == "user_instructions") {
-    YL_ASSERT(value.getValueType() == YLVariant::ValueType::String, kSourceName);
-    if (value.getValueType() != ValueType::String) return false;
-    if (key == "api_host") {
-      // A blank host goes back to the service's own host.
-      normaliseHost(ylTrimAsString(*value.stringPtr()), defaultHost);
-    } else if (key == "model") {
-      model = *value.stringPtr();
-    } else {
-      userInstructions = *value.stringPtr();
-    }
-  } else if (key == "temperature") {
-    YL_ASSERT(value.getValueType() == YLVariant::ValueType::Double, kSourceName);
-    if (value.getValueType() != ValueType::Double) return false;
-    // Stored as it comes; updateProperties brings it into the service's range.
-    temperature = value.doubleValue();
-  } else if (key == "system_instructions") {
-    YL_ASSERT(value.getValueType() == YLVariant::ValueType::Map, kSourceName);
-    if (value.getValueType() != ValueType::Map) return false;
-    for (const auto& kv : *value.mapPtr()) {
-      YL_ASSERT(kv.second.getValueType() == YLVariant::ValueType::String, kSourceName);
-      if (kv.second.getValueType() != ValueType::String) continue;
-      // An empty text clears the entry, so the property holds only non-empty instructions.
-      if (kv.second.stringPtr()->empty()) {
-        systemInstructions.erase(kv.first);
-      } else {
-        systemInstructions[kv.first] = kv.second;
-      }
-    }
-  } else if (key == "db_structure") {
-    if (value.getValueType() == ValueType::List) {
-      memory->setDatabaseStructure(ylCreateYLJsonFromYLVariant(value)->obtainJsonString());
-    } else if (value.getValueType() == ValueType::String) {
-      const std::string& text = *value.stringPtr();
-      // The empty string does not clear a structure; the empty list does.
-      if (text.empty()) return false;
-      const YLJson json(text);
-      YL_ASSERT(json.getIsValidJson(), kSourceName);
-      if (!json.getIsValidJson()) return false;
-      // The host's own text is kept, not the parser's rendering of it.
-      memory->setDatabaseStructure(text);
-    }
-    // Any other type stores nothing and is still taken as set.
-  } else if (key == "combined_instructions") {
-    YL_ASSERT(false, kSourceName);
-    return false;
-  } else {
+  const KeyRule* rule = findRule(key);
+  if (rule == nullptr) return false;
+  if (rule->type != ValueType::Null && value.getValueType() != rule->type) {
+    // The condition's text depends on the row, so it is reported as the macro would word it.
+#ifdef YL_ENABLE_ASSERTIONS
+    ylReportAssertion(rule->typeCondition, kSourceName);
+#endif
     return false;
   }
+  if (!rule->store(*this, value)) return false;
   changedKeys.insert(key);
   return true;
 }

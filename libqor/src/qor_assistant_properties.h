@@ -57,7 +57,4 @@ class QORAssistantProperties : public IQORProperties {
   YLVariantMap systemInstructions;
   // The service's public host, kept so that an emptied host can go back to it.
   std::string defaultHost;
-
- protected:
-  static constexpr const char* kSourceName = "qor_assistant_properties";
 };
