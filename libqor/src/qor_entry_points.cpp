@@ -1,8 +1,10 @@
 // The functions a host may call; everything else of the library is hidden.
 
 #include <cstring>
+#include <memory>
 
 #include "qor.h"
+#include "qor_assistant.h"
 #include "qor_assistant_factory.h"
 #include "qor_library.h"
 
@@ -22,7 +24,10 @@ QORCallbackLocalizationInfo& QORCallbackLocalizationInfo::operator=(
 IQORAssistant* QORCreateAssistant(QORAssistantType type, IYLHTTPPoolCenter* pool,
                                   const std::string& apiKey, const std::string& host,
                                   IQORAssistantMemory* memory) {
-  return qorCreateAssistant(type, pool, apiKey, host, memory);
+  std::unique_ptr<QORAssistant> assistant = constructAssistant(type, pool, apiKey, host, memory);
+  // The pool passes to the assistant only with a successful call.
+  if (assistant) assistant->adoptPool(pool);
+  return assistant.release();
 }
 
 void QORFreeObject(IQORObject* object) {
