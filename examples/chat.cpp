@@ -1,32 +1,72 @@
-// A host in a few lines: create an assistant, describe the database, chat, list models.
+// The shortest complete host: create an assistant, describe a database, list models, ask once.
 //
-//   qor_example_chat [service-number host api-key model]
+//   qor_example_chat [SERVICE [HOST [MODEL]]]
 //
-// Without arguments it talks to a local server at http://localhost:11434 (service 3).
+// SERVICE is one of openai, google, deepseek, ollama (the default), x, anthropic, alibaba; HOST
+// the service's URL (default: the service's own, http://localhost:11434 for ollama); MODEL the
+// model (default: the first one the service lists). The key is read from QOR_API_KEY.
 
 #include <cstdio>
+#include <cstdlib>
+#include <iterator>
+#include <memory>
 #include <string>
+#include <string_view>
 
 #include "qor.h"
 
+namespace {
+
+// In the order of QORAssistantType's numbers.
+constexpr std::string_view kServices[] = {"openai", "google",    "deepseek", "ollama",
+                                          "x",      "anthropic", "alibaba"};
+
+constexpr const char* kUsage =
+    "usage: qor_example_chat [SERVICE [HOST [MODEL]]]\n"
+    "  SERVICE  openai, google, deepseek, ollama (default), x, anthropic or alibaba\n"
+    "  HOST     the service's URL (default: its own; http://localhost:11434 for ollama)\n"
+    "  MODEL    default: the first model the service lists\n"
+    "The key is read from the variable QOR_API_KEY.\n";
+
+}  // namespace
+
 int main(int argc, char** argv) {
-  const int service = argc > 1 ? std::stoi(argv[1]) : 3;
-  const std::string host = argc > 2 ? argv[2] : "http://localhost:11434";
-  const std::string key = argc > 3 ? argv[3] : "";
-  const std::string model = argc > 4 ? argv[4] : "llama3.2";
-
-  // The settings apply to every assistant from its next request on.
-  YLRestGlobalSettings settings;
-  settings.totalTimeoutMs = 120000;
-  QORSetHTTPSettings(settings);
-
-  // The assistant takes the pool; a null memory makes it keep its own.
-  IQORAssistant* assistant = QORCreateAssistant(static_cast<QORAssistantType>(service),
-                                                new YLHTTPPoolCenter, key, host, nullptr);
-  if (assistant == nullptr) {
-    std::fprintf(stderr, "no such service: %d\n", service);
+  const std::string_view first = argc > 1 ? argv[1] : "ollama";
+  if (first == "--help" || first == "-h") {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  int service = -1;
+  for (int i = 0; i < static_cast<int>(std::size(kServices)); ++i) {
+    if (kServices[i] == first) service = i;
+  }
+  if (service < 0 || argc > 4) {
+    std::fputs(kUsage, stderr);
     return 2;
   }
+  const std::string host = argc > 2 ? argv[2] : first == "ollama" ? "http://localhost:11434" : "";
+  std::string model = argc > 3 ? argv[3] : "";
+  const char* key = std::getenv("QOR_API_KEY");
+
+  // The settings apply to every assistant from its next request on. A busy service is asked
+  // again up to twice.
+  YLRestGlobalSettings settings;
+  settings.totalTimeoutMs = 120000;
+  settings.maxRetries = 2;
+  QORSetHTTPSettings(settings);
+
+  // The assistant takes the pool once it exists; a null memory makes it keep its own.
+  auto pool = std::make_unique<YLHTTPPoolCenter>();
+  IQORAssistant* assistant = QORCreateAssistant(static_cast<QORAssistantType>(service), pool.get(),
+                                                key ? key : "", host, nullptr);
+  if (assistant == nullptr) return 1;
+  pool.release();
+
+  auto [models, listFailure] = assistant->obtainAvailableModels();
+  if (!listFailure.empty()) std::fprintf(stderr, "models: %s\n", listFailure.c_str());
+  for (const std::string& name : models)
+    std::printf("model: %s\n", name.c_str());
+  if (model.empty() && !models.empty()) model = models.front();
 
   assistant->updateProperties([&](IQORProperties* properties) {
     properties->setValue("model", YLVariant(model));
@@ -38,11 +78,6 @@ int main(int argc, char** argv) {
                                                   {"name": "total", "type": "decimal(10,2)"}],
                     "pkeys": ["id"]}]}]}])~"));
   });
-
-  auto [models, listFailure] = assistant->obtainAvailableModels();
-  if (!listFailure.empty()) std::fprintf(stderr, "models: %s\n", listFailure.c_str());
-  for (const std::string& name : models)
-    std::printf("model: %s\n", name.c_str());
 
   auto [reply, failure] = assistant->addMessage("What is the largest order?");
   if (reply == nullptr) {

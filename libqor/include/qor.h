@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "qor_version.h"
 #include "yl/yl.h"
 
 #if defined(_WIN32)

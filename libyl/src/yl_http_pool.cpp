@@ -1,9 +1,14 @@
+// The connection pool of the REST client and the way a cancel reaches the exchange running on it.
+
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 
 #include "yl/yl_assert.h"
 #include "yl_rest_internal.h"
@@ -105,4 +110,27 @@ bool YLPoolExchange::finish() noexcept {
   const bool cancelled = pool_->exchangeState_.exchange(kPoolIdle) == kPoolCancelRequested;
   pool_ = nullptr;
   return cancelled;
+}
+
+bool YLPoolExchange::sleepUnlessCancelled(std::chrono::milliseconds delay) const noexcept {
+  using Clock = std::chrono::steady_clock;
+  // Without a pipe a cancel is only seen by looking; a short slice keeps that prompt enough.
+  constexpr std::chrono::milliseconds kSliceWithoutPipe{50};
+  const Clock::time_point deadline = Clock::now() + delay;
+  const int fd = wakeFd();
+  for (;;) {
+    if (cancelRequested()) return false;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (left <= 0) return true;
+    auto timeout = std::min<decltype(left)>(left, 60L * 60 * 1000);
+    if (fd < 0 && pool_ != nullptr)
+      timeout = std::min<decltype(left)>(timeout, kSliceWithoutPipe.count());
+    pollfd wake{fd, POLLIN, 0};
+    // A signal interrupts the wait with EINTR, perhaps the one whose handler cancelled: the loop
+    // looks again either way.
+    const int ready = ::poll(fd >= 0 ? &wake : nullptr, fd >= 0 ? 1 : 0, static_cast<int>(timeout));
+    // A stale byte, from a cancel that came too late for an earlier exchange, must not make the
+    // loop spin; a fresh one has set the state that the next round sees.
+    if (ready > 0) drainWake();
+  }
 }

@@ -1,10 +1,16 @@
+// The REST client: one call of executeGet or executePost, its retries and redirects, on libcurl.
+
 #include <curl/curl.h>
 
+#include <algorithm>
+#include <chrono>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -16,7 +22,7 @@ namespace {
 
 // Headers of one reply larger than this fail the exchange like an oversized body: a server that
 // never stops sending headers must not make the client grow without bound either.
-constexpr std::size_t kMaxHeaderBytes = 1024u * 1024u;
+constexpr std::size_t kMaxHeaderBytes = std::size_t{1024} * 1024;
 
 char asciiLower(char c) {
   return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
@@ -40,18 +46,47 @@ bool hasHeader(const YLParamList& headers, std::string_view name) {
 // What a request hook sees in place of a credential.
 constexpr std::string_view kMask = "****";
 
+// Headers that carry a key: masked for a request hook, and never sent to another origin.
+bool isCredentialHeader(std::string_view name) {
+  for (std::string_view secret : {"Authorization", "x-api-key", "x-goog-api-key", "api-key"}) {
+    if (equalsIgnoringCase(name, secret)) return true;
+  }
+  return false;
+}
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  c = asciiLower(c);
+  return (c >= 'a' && c <= 'f') ? c - 'a' + 10 : -1;
+}
+
+// Whether a raw query item's name is "key", as a server reads it: percent-decoded, any case.
+bool isKeyParameter(std::string_view item) {
+  const std::string_view name = item.substr(0, item.find('='));
+  std::string decoded;
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    if (name[i] == '%' && i + 2 < name.size() && hexValue(name[i + 1]) >= 0 &&
+        hexValue(name[i + 2]) >= 0) {
+      decoded += static_cast<char>(hexValue(name[i + 1]) * 16 + hexValue(name[i + 2]));
+      i += 2;
+    } else {
+      decoded += name[i];
+    }
+  }
+  return equalsIgnoringCase(decoded, "key");
+}
+
 // The header's value as a request hook may see it: a credential is masked, and an authorization
 // keeps its scheme word so that the log still tells Bearer from Basic.
 std::string maskedHeaderValue(std::string_view name, std::string_view value) {
+  if (!isCredentialHeader(name)) return std::string(value);
   if (equalsIgnoringCase(name, "Authorization")) {
     const std::size_t space = value.find(' ');
-    if (space == std::string_view::npos) return std::string(kMask);
-    return std::string(value.substr(0, space + 1)) + std::string(kMask);
+    if (space != std::string_view::npos) {
+      return std::string(value.substr(0, space + 1)) + std::string(kMask);
+    }
   }
-  for (std::string_view secret : {"x-api-key", "x-goog-api-key", "api-key"}) {
-    if (equalsIgnoringCase(name, secret)) return std::string(kMask);
-  }
-  return std::string(value);
+  return std::string(kMask);
 }
 
 // The URL as curl sends it, without a fragment, and with the value of every query parameter named
@@ -67,7 +102,7 @@ std::string maskedUrl(std::string_view url) {
     const std::string_view item = query.substr(0, amp);
     if (!first) masked += '&';
     const std::size_t equals = item.find('=');
-    if (equals != std::string_view::npos && equalsIgnoringCase(item.substr(0, equals), "key")) {
+    if (equals != std::string_view::npos && isKeyParameter(item)) {
       masked.append(item.substr(0, equals + 1));
       masked.append(kMask);
     } else {
@@ -78,6 +113,14 @@ std::string maskedUrl(std::string_view url) {
   }
 }
 
+// The first value of the header, or empty; a reply's Location and Retry-After are read with it.
+std::string_view headerValue(const YLParamList& headers, std::string_view name) {
+  for (const auto& header : headers) {
+    if (equalsIgnoringCase(header.first, name)) return header.second;
+  }
+  return {};
+}
+
 // What the callbacks of one exchange collect.
 struct Exchange {
   CURL* easy = nullptr;
@@ -85,6 +128,9 @@ struct Exchange {
   std::string body;
   YLParamList headers;
   std::size_t headerBytes = 0;
+  // Any byte of a reply, its status line included: a request that timed out before that may be
+  // sent again without losing anything of an answer.
+  bool replyStarted = false;
   bool bodyStarted = false;
   bool tooLarge = false;
 
@@ -140,8 +186,9 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
   while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
     line.remove_suffix(1);
 
-  // A status line starts a reply: an interim 1xx, a redirect that is followed, or the final one.
-  // Only the last reply's headers and body are kept.
+  exchange->replyStarted = true;
+  // A status line starts a reply: an interim 1xx or the final one. Only the last reply's headers
+  // and body are kept.
   if (line.starts_with("HTTP/")) {
     exchange->headers.clear();
     exchange->headerBytes = 0;
@@ -292,9 +339,9 @@ class CurlOptions {
 
 CURLcode applySettings(CURL* easy, const YLRestGlobalSettings& settings) {
   CurlOptions options(easy);
-  // Only the web: a redirect or a caller's URL can never reach file://, ftp:// and the like.
-  options.set(CURLOPT_PROTOCOLS_STR, "http,https")
-      .set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https")
+  // Only the web: a caller's URL or a redirect hop can never reach file://, ftp:// and the like.
+  options
+      .set(CURLOPT_PROTOCOLS_STR, "http,https")
       // Time-outs must not be carried out with signals: the host may run other threads.
       .set(CURLOPT_NOSIGNAL, 1L)
       .set(CURLOPT_CONNECTTIMEOUT_MS, settings.connectTimeoutMs)
@@ -312,8 +359,9 @@ CURLcode applySettings(CURL* easy, const YLRestGlobalSettings& settings) {
       .set(CURLOPT_SSL_VERIFYHOST, settings.verifyHost ? 2L : 0L)
       // "" offers every coding this libcurl can decode and has it decode the reply.
       .set(CURLOPT_ACCEPT_ENCODING, "")
-      .set(CURLOPT_FOLLOWLOCATION, settings.followRedirects ? 1L : 0L)
-      .set(CURLOPT_MAXREDIRS, settings.maxRedirects);
+      // The client follows redirects itself: curl would send the credential headers to wherever
+      // the redirect leads.
+      .set(CURLOPT_FOLLOWLOCATION, 0L);
   if (!settings.caFile.empty() || !settings.caPath.empty()) {
     // Given certificates replace the system's: the default bundle and folder are switched off.
     options.set(CURLOPT_CAINFO, settings.caFile.empty() ? nullptr : settings.caFile.c_str())
@@ -323,10 +371,190 @@ CURLcode applySettings(CURL* easy, const YLRestGlobalSettings& settings) {
   return options.result();
 }
 
+using CurlUrl = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
+
+std::optional<std::string> urlPart(CURLU* url, CURLUPart part, unsigned flags = 0) {
+  char* text = nullptr;
+  if (curl_url_get(url, part, &text, flags) != CURLUE_OK || text == nullptr) return std::nullopt;
+  std::string result(text);
+  curl_free(text);
+  return result;
+}
+
+std::string lowered(std::string text) {
+  for (char& c : text)
+    c = asciiLower(c);
+  return text;
+}
+
+// What credentials are bound to: the scheme, the host and the port, a default port spelled out.
+struct Origin {
+  std::string scheme;
+  std::string host;
+  std::string port;
+  bool operator==(const Origin&) const = default;
+};
+
+// The origin of a URL as curl reads it (a URL without a scheme is http), or nothing if curl cannot
+// read the URL.
+std::optional<Origin> originOf(const std::string& url) {
+  const CurlUrl handle(curl_url(), &curl_url_cleanup);
+  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, url.c_str(),
+                              CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
+    return std::nullopt;
+  }
+  auto scheme = urlPart(handle.get(), CURLUPART_SCHEME);
+  auto host = urlPart(handle.get(), CURLUPART_HOST);
+  auto port = urlPart(handle.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
+  if (!scheme || !host) return std::nullopt;
+  return Origin{lowered(std::move(*scheme)), lowered(std::move(*host)), port.value_or("")};
+}
+
+// Where a redirect leads: its Location resolved against the URL that was asked, as curl resolves
+// it when it follows by itself.
+std::optional<std::string> redirectTarget(const std::string& from, std::string_view location) {
+  const CurlUrl handle(curl_url(), &curl_url_cleanup);
+  const std::string target(location);
+  if (!handle ||
+      curl_url_set(handle.get(), CURLUPART_URL, from.c_str(),
+                   CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK ||
+      curl_url_set(handle.get(), CURLUPART_URL, target.c_str(),
+                   CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE | CURLU_ALLOW_SPACE) != CURLUE_OK) {
+    return std::nullopt;
+  }
+  return urlPart(handle.get(), CURLUPART_URL);
+}
+
+// The URL without its query parameters named key, for a hop to another origin: a server that
+// copies its own URL's query into the Location must not pass the key on.
+std::string withoutKeyParameters(std::string_view url) {
+  const std::size_t hash = url.find('#');
+  const std::string_view fragment = hash == std::string_view::npos ? "" : url.substr(hash);
+  url = url.substr(0, hash);
+  const std::size_t mark = url.find('?');
+  if (mark == std::string_view::npos) return std::string(url) + std::string(fragment);
+  std::string kept;
+  std::string_view query = url.substr(mark + 1);
+  for (;;) {
+    const std::size_t amp = query.find('&');
+    const std::string_view item = query.substr(0, amp);
+    if (!isKeyParameter(item)) {
+      if (!kept.empty()) kept += '&';
+      kept.append(item);
+    }
+    if (amp == std::string_view::npos) break;
+    query.remove_prefix(amp + 1);
+  }
+  std::string result(url.substr(0, mark));
+  if (!kept.empty()) result += '?' + kept;
+  return result + std::string(fragment);
+}
+
+bool isFollowedRedirect(long status) {
+  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+// What one request came to, and whether sending it again may help.
+struct Attempt {
+  // Implicit, so that the many returns of a bare code stay short.
+  Attempt(std::int32_t result, bool again = false) : code(result), retryable(again) {}
+
+  std::int32_t code = YLErrorCode::kSuccess;
+  bool retryable = false;
+  // The reply's Retry-After, when it had one that reads as a wait.
+  std::optional<std::chrono::milliseconds> retryAfter;
+};
+
+// Statuses that say "later" or "not now" rather than "not like this".
+bool isRetryableStatus(long status) {
+  switch (status) {
+    case 408:
+    case 429:
+    case 500:
+    case 502:
+    case 503:
+    case 504:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Failures that left no reply: the connection never came about, or it ended before any byte of
+// an answer, so asking again loses nothing the server said.
+bool isRetryableTransport(CURLcode result, bool replyStarted) {
+  switch (result) {
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_CONNECT:
+      return true;
+    case CURLE_OPERATION_TIMEDOUT:
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+      return !replyStarted;
+    default:
+      return false;
+  }
+}
+
+// A Retry-After value: a number of seconds or an HTTP date; nothing when it is neither.
+std::optional<std::chrono::milliseconds> parseRetryAfter(std::string_view text) {
+  using std::chrono::milliseconds;
+  const std::string value = ylTrimAsString(text);
+  if (value.empty()) return std::nullopt;
+  if (std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+    // Any wait beyond a day is cut to the cap anyway; stopping there keeps the number in range.
+    constexpr long long kDay = 24LL * 60 * 60;
+    long long seconds = 0;
+    for (char c : value) {
+      seconds = seconds * 10 + (c - '0');
+      if (seconds > kDay) {
+        seconds = kDay;
+        break;
+      }
+    }
+    return milliseconds(seconds * 1000);
+  }
+  const std::time_t when = curl_getdate(value.c_str(), nullptr);
+  if (when == -1) return std::nullopt;
+  const auto left = std::chrono::ceil<milliseconds>(std::chrono::system_clock::from_time_t(when) -
+                                                    std::chrono::system_clock::now());
+  return std::max(left, milliseconds(0));
+}
+
+// A reply's result with what a retry needs to know of it.
+Attempt replyAttempt(std::int32_t code, const YLRestResourceResponse& response) {
+  Attempt attempt{code};
+  if (code == response.statusCode && isRetryableStatus(response.statusCode)) {
+    attempt.retryable = true;
+    attempt.retryAfter = parseRetryAfter(headerValue(response.headers, "Retry-After"));
+  }
+  return attempt;
+}
+
+// A response as a new one is: each attempt and each redirect hop starts from nothing, so that a
+// failure never shows what an earlier one received.
+void clearResponse(YLRestResourceResponse& response) {
+  response.statusCode = 0;
+  response.headers.clear();
+  response.setBody({});
+}
+
+std::uint_fast32_t randomSeed() {
+  try {
+    return std::random_device()();
+  } catch (...) {
+    // Without an entropy source the clock still sets clients apart.
+    return static_cast<std::uint_fast32_t>(
+        std::chrono::steady_clock::now().time_since_epoch().count());
+  }
+}
+
 class YLCurlRestClient final : public IYLRestClient {
  public:
   YLCurlRestClient(const YLRestGlobalSettings* settings, YLRestSession* session)
-      : settings_(settings), session_(session) {
+      : settings_(settings), session_(session), random_(randomSeed()) {
     if (settings_ == nullptr) {
       ownSettings_ = std::make_unique<YLRestGlobalSettings>();
       settings_ = ownSettings_.get();
@@ -355,9 +583,21 @@ class YLCurlRestClient final : public IYLRestClient {
  private:
   std::int32_t execute(const YLRestRequest* request, const YLRestPostRequest* post,
                        YLRestResourceResponse** response);
-  std::int32_t perform(const YLRestRequest& request, const YLRestPostRequest* post,
-                       YLRestResourceResponse& response);
+  Attempt attempt(const YLRestRequest& request, const YLRestPostRequest* post,
+                  YLRestResourceResponse& response, const YLPoolExchange& inFlight);
+  // Sends one request to the URL, with or without the credential headers.
+  Attempt send(const YLRestRequest& request, const std::string& url, const YLRestPostRequest* post,
+               bool withCredentials, YLRestResourceResponse& response,
+               const YLPoolExchange& inFlight);
+  // The headers of the session and the request, in that order; false if one cannot be sent.
+  // Shown, when given, receives them as a request hook may see them.
+  bool buildHeaders(const YLRestRequest& request, bool isPost, bool withCredentials,
+                    CurlList& headers, YLParamList* shown) const;
+  // Runs the prepared transfer and takes its reply.
+  Attempt receive(Exchange& exchange, YLRestResourceResponse& response,
+                  const YLPoolExchange& inFlight);
   CURLcode transfer(const YLPoolExchange& inFlight);
+  std::chrono::milliseconds retryDelay(int retry, std::optional<std::chrono::milliseconds> asked);
   CURLSH* sessionShare() const;
   IYLHTTPPoolCenter* sessionPool() const {
     return session_ == nullptr ? nullptr : session_->connectionPool;
@@ -368,6 +608,7 @@ class YLCurlRestClient final : public IYLRestClient {
   YLRestSession* session_;
   CURLM* multi_ = nullptr;
   CURL* easy_ = nullptr;
+  std::minstd_rand random_;
 };
 
 std::int32_t YLCurlRestClient::execute(const YLRestRequest* request, const YLRestPostRequest* post,
@@ -376,7 +617,82 @@ std::int32_t YLCurlRestClient::execute(const YLRestRequest* request, const YLRes
   auto* fresh = new YLRestResourceResponse;
   *response = fresh;
   if (request == nullptr || easy_ == nullptr) return YLErrorCode::kClientSetupFailed;
-  return perform(*request, post, *fresh);
+
+  // From here until finish() a cancel on the session's pool stops this exchange, and the waits
+  // between its attempts are part of it.
+  YLPoolExchange inFlight(sessionPool());
+  std::int32_t code = YLErrorCode::kSuccess;
+  for (int retry = 0;; ++retry) {
+    const Attempt outcome = attempt(*request, post, *fresh, inFlight);
+    code = outcome.code;
+    if (inFlight.cancelRequested() || !outcome.retryable || retry >= settings_->maxRetries) break;
+    if (!inFlight.sleepUnlessCancelled(retryDelay(retry, outcome.retryAfter))) break;
+  }
+  // A cancel that lands before the exchange is over wins over whatever it came to.
+  if (inFlight.finish()) {
+    clearResponse(*fresh);
+    return YLErrorCode::kCancelled;
+  }
+  return code;
+}
+
+std::chrono::milliseconds YLCurlRestClient::retryDelay(
+    int retry, std::optional<std::chrono::milliseconds> asked) {
+  using std::chrono::milliseconds;
+  const long cap = std::max(0L, settings_->retryMaxDelayMs);
+  if (asked) return std::min(*asked, milliseconds(cap));
+  long delay = std::clamp(settings_->retryBaseDelayMs, 0L, cap);
+  for (int i = 0; i < retry && delay < cap; ++i)
+    delay = delay > cap / 2 ? cap : delay * 2;
+  // Between half and all of the delay: clients that failed together spread out, and each still
+  // waits at least half of what the backoff asks.
+  std::uniform_int_distribution<long> draw(delay / 2, delay);
+  return milliseconds(draw(random_));
+}
+
+// One request and the redirects it is sent along, when the settings follow them.
+Attempt YLCurlRestClient::attempt(const YLRestRequest& request, const YLRestPostRequest* post,
+                                  YLRestResourceResponse& response,
+                                  const YLPoolExchange& inFlight) {
+  std::optional<std::string> url = buildUrl(easy_, request);
+  if (!url) {
+    clearResponse(response);
+    return {YLErrorCode::kClientSetupFailed};
+  }
+  // The credentials belong to the origin of the request's own URL; if that cannot be read, no
+  // hop is taken to share it.
+  const std::optional<Origin> home = originOf(*url);
+  bool withCredentials = true;
+  for (long redirects = 0;; ++redirects) {
+    Attempt outcome = send(request, *url, post, withCredentials, response, inFlight);
+    const long status = response.statusCode;
+    if (!settings_->followRedirects || outcome.code != status || !isFollowedRedirect(status) ||
+        inFlight.cancelRequested()) {
+      return outcome;
+    }
+    const std::string_view location = headerValue(response.headers, "Location");
+    // A redirect that leads nowhere is the reply.
+    if (location.empty()) return outcome;
+    // A hop that cannot be taken fails like curl's own following would.
+    const auto fail = [&response](CURLcode code) {
+      clearResponse(response);
+      return Attempt{YLErrorCode::kCurlCodeBase + code};
+    };
+    if (settings_->maxRedirects >= 0 && redirects >= settings_->maxRedirects) {
+      return fail(CURLE_TOO_MANY_REDIRECTS);
+    }
+    std::optional<std::string> target = redirectTarget(*url, location);
+    if (!target) return fail(CURLE_URL_MALFORMAT);
+    const std::optional<Origin> there = originOf(*target);
+    if (!there || (there->scheme != "http" && there->scheme != "https")) {
+      return fail(CURLE_UNSUPPORTED_PROTOCOL);
+    }
+    withCredentials = home && *there == *home;
+    if (!withCredentials) *target = withoutKeyParameters(*target);
+    // As curl and browsers do: after a 301, 302 or 303 the request goes on as a GET.
+    if (status != 307 && status != 308) post = nullptr;
+    url = std::move(target);
+  }
 }
 
 CURLSH* YLCurlRestClient::sessionShare() const {
@@ -385,61 +701,78 @@ CURLSH* YLCurlRestClient::sessionShare() const {
   return pool == nullptr ? nullptr : static_cast<CURLSH*>(pool->nativeShare());
 }
 
-std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRestPostRequest* post,
-                                       YLRestResourceResponse& response) {
-  // A reset handle keeps its own connection and DNS caches, so a client without a pool still
-  // reuses its connections; every option of the previous exchange is gone, though.
-  curl_easy_reset(easy_);
-  CURLcode setup = applySettings(easy_, *settings_);
-  if (setup != CURLE_OK) return YLErrorCode::kCurlCodeBase + setup;
-
-  const std::optional<std::string> url = buildUrl(easy_, request);
-  if (!url) return YLErrorCode::kClientSetupFailed;
-
-  // Without a hook nothing is copied for it.
-  const bool hooked = static_cast<bool>(settings_->requestHook);
-  YLParamList shownHeaders;
-  CurlList headers(nullptr, curl_slist_free_all);
+bool YLCurlRestClient::buildHeaders(const YLRestRequest& request, bool isPost, bool withCredentials,
+                                    CurlList& headers, YLParamList* shown) const {
   const auto addHeader = [&](std::string_view name, std::string_view value) {
+    if (!withCredentials && isCredentialHeader(name)) return true;
     if (!appendHeader(headers, name, value)) return false;
-    if (hooked) shownHeaders.emplace_back(std::string(name), maskedHeaderValue(name, value));
+    if (shown != nullptr) shown->emplace_back(std::string(name), maskedHeaderValue(name, value));
     return true;
   };
   if (session_ != nullptr) {
     if (!session_->authorizationHeaderValue().empty() &&
         !addHeader("Authorization", session_->authorizationHeaderValue())) {
-      return YLErrorCode::kClientSetupFailed;
+      return false;
     }
     for (const auto& [name, value] : session_->headerParams()) {
-      if (!addHeader(name, value)) return YLErrorCode::kClientSetupFailed;
+      if (!addHeader(name, value)) return false;
     }
   }
   for (const auto& [name, value] : request.headerParams()) {
-    if (!addHeader(name, value)) return YLErrorCode::kClientSetupFailed;
+    if (!addHeader(name, value)) return false;
   }
-  if (post != nullptr) {
-    const bool typeGiven =
-        hasHeader(request.headerParams(), "Content-Type") ||
-        (session_ != nullptr && hasHeader(session_->headerParams(), "Content-Type"));
-    if (!typeGiven && !addHeader("Content-Type", "application/json")) {
-      return YLErrorCode::kClientSetupFailed;
-    }
-    // "Expect:" with nothing after it removes the header: waiting for 100 Continue would only add
-    // a round trip, or a whole second against servers that never send it.
-    curl_slist* grown = curl_slist_append(headers.get(), "Expect:");
-    if (grown == nullptr) return YLErrorCode::kClientSetupFailed;
-    (void)headers.release();
-    headers.reset(grown);
+  if (!isPost) return true;
+  const bool typeGiven =
+      hasHeader(request.headerParams(), "Content-Type") ||
+      (session_ != nullptr && hasHeader(session_->headerParams(), "Content-Type"));
+  if (!typeGiven && !addHeader("Content-Type", "application/json")) return false;
+  // "Expect:" with nothing after it removes the header: waiting for 100 Continue would only add
+  // a round trip, or a whole second against servers that never send it.
+  curl_slist* grown = curl_slist_append(headers.get(), "Expect:");
+  if (grown == nullptr) return false;
+  (void)headers.release();
+  headers.reset(grown);
+  return true;
+}
+
+// A request hook's reply, held to the limits of a real one; its header lines are counted as they
+// would arrive.
+Attempt acceptStandIn(YLStandInReply standIn, std::size_t maxBodyBytes,
+                      YLRestResourceResponse& response) {
+  std::size_t headerBytes = 0;
+  for (const auto& [name, value] : standIn.headers)
+    headerBytes += name.size() + value.size() + 4;
+  const bool tooLarge = headerBytes > kMaxHeaderBytes || standIn.body.size() > maxBodyBytes;
+  return replyAttempt(acceptReply(standIn.statusCode, std::move(standIn.headers),
+                                  std::move(standIn.body), tooLarge, response),
+                      response);
+}
+
+Attempt YLCurlRestClient::send(const YLRestRequest& request, const std::string& url,
+                               const YLRestPostRequest* post, bool withCredentials,
+                               YLRestResourceResponse& response, const YLPoolExchange& inFlight) {
+  clearResponse(response);
+  // A reset handle keeps its own connection and DNS caches, so a client without a pool still
+  // reuses its connections; every option of the previous request is gone, though.
+  curl_easy_reset(easy_);
+  const CURLcode setup = applySettings(easy_, *settings_);
+  if (setup != CURLE_OK) return {YLErrorCode::kCurlCodeBase + setup};
+
+  // Without a hook nothing is copied for it.
+  const bool hooked = static_cast<bool>(settings_->requestHook);
+  YLParamList shownHeaders;
+  CurlList headers(nullptr, curl_slist_free_all);
+  if (!buildHeaders(request, post != nullptr, withCredentials, headers,
+                    hooked ? &shownHeaders : nullptr)) {
+    return {YLErrorCode::kClientSetupFailed};
   }
 
   Exchange exchange;
   exchange.easy = easy_;
   exchange.maxBodyBytes = settings_->maxResponseBytes;
-  // From here until finish() a cancel on the session's pool stops this exchange.
-  YLPoolExchange inFlight(sessionPool());
 
   CurlOptions options(easy_);
-  options.set(CURLOPT_URL, *url)
+  options.set(CURLOPT_URL, url)
       .set(CURLOPT_HTTPHEADER, headers.get())
       .set(CURLOPT_WRITEFUNCTION, &onBody)
       .set(CURLOPT_WRITEDATA, static_cast<void*>(&exchange))
@@ -455,49 +788,45 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
   }
   if (inFlight.cancellable()) {
     options.set(CURLOPT_XFERINFOFUNCTION, &onProgress)
-        .set(CURLOPT_XFERINFODATA, static_cast<void*>(&inFlight))
+        .set(CURLOPT_XFERINFODATA, static_cast<const void*>(&inFlight))
         .set(CURLOPT_NOPROGRESS, 0L);
   }
-  if (options.result() != CURLE_OK) return YLErrorCode::kCurlCodeBase + options.result();
+  if (options.result() != CURLE_OK) return {YLErrorCode::kCurlCodeBase + options.result()};
 
   if (hooked) {
     const YLPreparedRequest prepared{
-        post != nullptr ? "POST" : "GET", maskedUrl(*url), std::move(shownHeaders),
+        post != nullptr ? "POST" : "GET", maskedUrl(url), std::move(shownHeaders),
         post != nullptr ? std::string_view(post->body()) : std::string_view()};
     std::optional<YLStandInReply> standIn;
     try {
       standIn = settings_->requestHook(prepared);
     } catch (...) {
       // The host's exception must not unwind through its caller's exchange; nothing is sent.
-      return YLErrorCode::kClientSetupFailed;
+      return {YLErrorCode::kClientSetupFailed};
     }
     if (standIn) {
-      if (inFlight.finish()) return YLErrorCode::kCancelled;
-      // Held to the limits of a real reply; its header lines are counted as they would arrive.
-      std::size_t headerBytes = 0;
-      for (const auto& [name, value] : standIn->headers)
-        headerBytes += name.size() + value.size() + 4;
-      const bool tooLarge =
-          headerBytes > kMaxHeaderBytes || standIn->body.size() > settings_->maxResponseBytes;
-      return acceptReply(standIn->statusCode, std::move(standIn->headers), std::move(standIn->body),
-                         tooLarge, response);
+      if (inFlight.cancelRequested()) return {YLErrorCode::kCancelled};
+      return acceptStandIn(std::move(*standIn), settings_->maxResponseBytes, response);
     }
   }
+  return receive(exchange, response, inFlight);
+}
 
-  // The pool is attached only while the exchange runs, so that it can be destroyed between
+Attempt YLCurlRestClient::receive(Exchange& exchange, YLRestResourceResponse& response,
+                                  const YLPoolExchange& inFlight) {
+  // The pool is attached only while the request runs, so that it can be destroyed between
   // exchanges without waiting for its clients; curl_easy_reset would not detach it.
   CURLSH* share = sessionShare();
   if (share != nullptr) {
-    setup = curl_easy_setopt(easy_, CURLOPT_SHARE, share);
-    if (setup != CURLE_OK) return YLErrorCode::kCurlCodeBase + setup;
+    const CURLcode setup = curl_easy_setopt(easy_, CURLOPT_SHARE, share);
+    if (setup != CURLE_OK) return {YLErrorCode::kCurlCodeBase + setup};
   }
   const YLDefer detach([this, share] {
     if (share != nullptr) curl_easy_setopt(easy_, CURLOPT_SHARE, nullptr);
   });
 
   const CURLcode result = transfer(inFlight);
-  // A cancel that lands before the exchange is over wins over whatever the transfer came to.
-  if (inFlight.finish()) return YLErrorCode::kCancelled;
+  if (inFlight.cancelRequested()) return {YLErrorCode::kCancelled};
   long status = 0;
   if (result == CURLE_OK || exchange.tooLarge) {
     curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
@@ -506,11 +835,15 @@ std::int32_t YLCurlRestClient::perform(const YLRestRequest& request, const YLRes
   if (exchange.tooLarge) {
     // The reply arrived but was refused: its status and headers tell what it was, the body is not
     // kept.
-    return acceptReply(status, std::move(exchange.headers), {}, true, response);
+    return {acceptReply(status, std::move(exchange.headers), {}, true, response)};
   }
-  if (result != CURLE_OK) return YLErrorCode::kCurlCodeBase + result;
-  return acceptReply(status, std::move(exchange.headers), std::move(exchange.body), false,
-                     response);
+  if (result != CURLE_OK) {
+    return {YLErrorCode::kCurlCodeBase + result,
+            isRetryableTransport(result, exchange.replyStarted)};
+  }
+  return replyAttempt(
+      acceptReply(status, std::move(exchange.headers), std::move(exchange.body), false, response),
+      response);
 }
 
 // Runs the transfer on the client's multi handle, so that the wait for the network also waits for
@@ -548,6 +881,10 @@ CURLcode YLCurlRestClient::transfer(const YLPoolExchange& inFlight) {
 }
 
 }  // namespace
+
+std::string ylDefaultUserAgent() {
+  return "libqor/" YL_VERSION_STRING;
+}
 
 IYLRestClient* YLRestClientFactory::createRestClient(IYLAppFactory* /*appFactory*/,
                                                      const YLRestGlobalSettings* settings,

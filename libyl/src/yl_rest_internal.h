@@ -1,6 +1,8 @@
 #pragma once
 // Parts of the REST client that its source files share; not installed.
 
+#include <chrono>
+
 #include "yl/yl_rest.h"
 
 // Initialises libcurl once per process and tells whether that worked. Safe from any thread: the
@@ -31,6 +33,9 @@ class YLPoolExchange {
   int wakeFd() const noexcept;
   // Reads whatever is in the wake-up pipe, so that a stale byte does not keep waking the wait.
   void drainWake() const noexcept;
+  // Sleeps for the delay and tells true, or wakes as soon as a cancel reaches the exchange and
+  // tells false. Without a pool it simply sleeps.
+  bool sleepUnlessCancelled(std::chrono::milliseconds delay) const noexcept;
   // Marks the pool idle again and tells whether a cancel reached the exchange before that. Once
   // it has run, a cancel no longer concerns this exchange.
   bool finish() noexcept;

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -101,7 +102,9 @@ TEST(RestClient, RequestsCarryQueryHeadersAndBody) {
   EXPECT_EQ(seen.query, "q=a%20b%26c%3Dd&utf=%C3%A9%E2%9C%93&safe=x-y_z.~");
   EXPECT_EQ(seen.header("Authorization"), "Bearer sk-test");
   EXPECT_EQ(headerValues(seen.headers, "X-Order"), (Strings{"session", "request"}));
-  EXPECT_EQ(seen.header("User-Agent"), "libqor/0.1");
+  // The library names itself and its version unless the host says otherwise.
+  EXPECT_TRUE(std::regex_match(seen.header("User-Agent"), std::regex(R"(libqor/\d+\.\d+\.\d+)")))
+      << seen.header("User-Agent");
   EXPECT_FALSE(seen.hasHeader("Content-Type"));
   EXPECT_TRUE(seen.body.empty());
 
@@ -332,7 +335,118 @@ TEST(RestClient, ProxyAndRedirectsComeOnlyFromTheSettings) {
   EXPECT_EQ(followed.code, 0);
   EXPECT_EQ(followed.response->getBufferString(), R"({"at":"new"})");
   EXPECT_TRUE(headerValues(followed.response->headers, "X-Hop").empty()) << "last reply's only";
+  // Three redirects are followed, the fourth fails; a hop leaves the web only to fail.
+  const std::size_t before = server.requestCount();
   EXPECT_EQ(get(server.baseUrl() + "/loop", settings).code, YLErrorCode::kCurlCodeBase + 47);
+  EXPECT_EQ(server.requestCount(), before + 4);
+  server.answer("GET", "/away", {301, "", "text/plain", {{"Location", "ftp://127.0.0.1/x"}}});
+  EXPECT_EQ(get(server.baseUrl() + "/away", settings).code, YLErrorCode::kCurlCodeBase + 1);
+}
+
+// The credentials a request carried, in a fixed order: the four key headers, then "?key" for
+// each query parameter named key.
+Strings credentialsIn(const YLParamList& headers, const qortest::Pairs& query = {}) {
+  Strings found;
+  for (const char* name : {"Authorization", "x-api-key", "x-goog-api-key", "api-key"})
+    if (!headerValues(headers, name).empty()) found.push_back(name);
+  for (const auto& [name, value] : query)
+    if (strcasecmp(name.c_str(), "key") == 0) found.push_back("?key");
+  return found;
+}
+
+TEST(RestClient, CredentialsNeverFollowARedirectToAnotherOrigin) {
+  const std::string key = "sk-SECRET";
+  LoopbackServer home;
+  LoopbackServer elsewhere;
+  const auto redirect = [](int status, const std::string& to) {
+    return qortest::ScriptedReply{status, "", "text/plain", {{"Location", to}}};
+  };
+  // Another port; another host name for the same server; the same origin. A server that copies
+  // its query into the Location would pass the key on.
+  home.answer("GET", "/port", redirect(301, elsewhere.baseUrl() + "/landing?key=" + key + "&x=1"));
+  home.answer("POST", "/port", redirect(307, elsewhere.baseUrl() + "/landing?KEY=" + key));
+  home.answer("GET", "/host",
+              redirect(302, "http://localhost:" + std::to_string(home.port()) + "/landing?x=1"));
+  home.answer("POST", "/here", redirect(302, "/landing?key=" + key));
+  for (LoopbackServer* server : {&home, &elsewhere}) {
+    server->answer("GET", "/landing", {200, R"({"landed":"get"})"});
+    server->answer("POST", "/landing", {200, R"({"landed":"post"})"});
+  }
+
+  YLRestSession session;
+  session.setAuthorizationHeaderValue("Bearer " + key);
+  session.addHeaderParam("x-api-key", key);
+  YLRestGlobalSettings settings = quickSettings();
+  settings.followRedirects = true;
+  std::vector<YLParamList> hooked;
+  settings.requestHook = [&](const YLPreparedRequest& r) -> std::optional<YLStandInReply> {
+    hooked.push_back(r.headers);
+    return std::nullopt;
+  };
+  const Strings all = {"Authorization", "x-api-key", "x-goog-api-key", "api-key", "?key"};
+  const auto lastTo = [](const LoopbackServer& server, const std::string& path) {
+    const auto requests = server.requests();
+    for (auto it = requests.rbegin(); it != requests.rend(); ++it)
+      if (it->path == path) return *it;
+    ADD_FAILURE() << "nothing reached " << path;
+    return qortest::RecordedRequest{};
+  };
+
+  // The first request's method and path, the server it lands on, whether it lands as a POST and
+  // keeps its credentials, and the query it lands with.
+  for (const auto& [method, path, landing, posted, kept, query] :
+       {std::tuple{std::string("GET"), std::string("/port"), &elsewhere, false, false,
+                   std::string("x=1")},
+        {"POST", "/port", &elsewhere, true, false, ""},
+        {"GET", "/host", &home, false, false, "x=1"},
+        {"POST", "/here", &home, false, true, "key=" + key}}) {
+    SCOPED_TRACE(method + path);
+    hooked.clear();
+    YLJson document(R"({"q":1})");
+    YLRestPostRequest post;
+    post.updateJson(&document);
+    YLRestGetRequest get;
+    YLRestRequest& request = method == "POST" ? static_cast<YLRestRequest&>(post) : get;
+    request.setURL(home.baseUrl() + path);
+    request.addHeaderParams({{"X-Goog-Api-Key", key}, {"api-key", key}, {"X-Trace", "t"}});
+    request.addQueryParams({{"key", key}});
+
+    Outcome outcome = exchange(request, settings, &session);
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_EQ(outcome.response->getBufferString(),
+              posted ? R"({"landed":"post"})" : R"({"landed":"get"})");
+    const qortest::RecordedRequest first = lastTo(home, path);
+    EXPECT_EQ(credentialsIn(first.headers, first.queryParams), all);
+    const qortest::RecordedRequest landed = lastTo(*landing, "/landing");
+    EXPECT_EQ(landed.method, posted ? "POST" : "GET");
+    EXPECT_EQ(landed.body, posted ? R"({"q":1})" : "");
+    EXPECT_EQ(landed.query, query);
+    EXPECT_EQ(landed.header("X-Trace"), "t") << "other headers go along";
+    EXPECT_EQ(credentialsIn(landed.headers, landed.queryParams), kept ? all : Strings{});
+    if (kept) {
+      EXPECT_EQ(landed.header("x-api-key"), key);
+    }
+    // The hook sees each hop as it leaves.
+    ASSERT_EQ(hooked.size(), 2u);
+    EXPECT_EQ(credentialsIn(hooked[1]).size(), kept ? 4u : 0u);
+  }
+  EXPECT_EQ(elsewhere.requestCount(), 2u);
+}
+
+TEST(RestClient, OnlyTheTotalLimitBoundsASilentServerByDefault) {
+  // Silent for longer than a one-second stall window, well within the (scaled) total limit.
+  LoopbackServer server;
+  server.answer("GET", "/thinking",
+                {200, R"({"done":true})", "application/json", {}, std::chrono::milliseconds(1500)});
+  YLRestGlobalSettings settings = quickSettings();
+  settings.lowSpeedTimeSeconds = 1;
+  Outcome patient = get(server.baseUrl() + "/thinking", settings);
+  EXPECT_EQ(patient.code, 0);
+  EXPECT_EQ(patient.response->getBufferString(), R"({"done":true})");
+
+  // The same silence fails once a host switches the stall check on.
+  settings.lowSpeedLimitBytes = 1;
+  EXPECT_EQ(get(server.baseUrl() + "/thinking", settings).code, YLErrorCode::kCurlCodeBase + 28);
 }
 
 // The pool a SIGUSR1 handler cancels.

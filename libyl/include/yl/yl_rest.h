@@ -45,36 +45,66 @@ struct YLStandInReply {
   std::string body;
 };
 
+// The user agent a YLRestGlobalSettings starts with: "libqor/" and the version of the library
+// that runs, such as "libqor/0.1.0".
+std::string ylDefaultUserAgent();
+
 // Settings of every exchange. The client reads them at the start of an exchange; nothing here
 // reads environment variables (curl's proxy variables are not honoured either).
 struct YLRestGlobalSettings {
-  // Time to establish the connection, TLS included, in milliseconds; 0 means curl's default.
+  // Time to establish the connection, TLS included, in milliseconds: 30 s by default; 0 means
+  // curl's own default of 300 s.
   long connectTimeoutMs = 30000;
-  // Time for the whole exchange, in milliseconds; 0 means no limit. Model replies can be slow.
+  // Time for one whole request, connection and reply included, in milliseconds: 600 s (ten
+  // minutes) by default; 0 means no limit. By default this alone bounds a request: model replies
+  // can be slow. Every retry has the whole time again.
   long totalTimeoutMs = 600000;
-  // Abort when fewer than lowSpeedLimitBytes per second arrive for lowSpeedTimeSeconds; 0
+  // A stall check, off by default (lowSpeedLimitBytes is 0): a model may stay silent for minutes
+  // before the first byte of its answer. A host that sets a limit makes a request fail once fewer
+  // than lowSpeedLimitBytes per second have arrived for lowSpeedTimeSeconds (120 s unless set); 0
   // in either switches the check off.
-  long lowSpeedLimitBytes = 1;
+  long lowSpeedLimitBytes = 0;
   long lowSpeedTimeSeconds = 120;
-  // Proxy URL ("http://proxy:3128", "socks5h://..."); empty means none.
+  // Proxy URL ("http://proxy:3128", "socks5h://..."); empty (the default) means none.
   std::string proxy;
   // Comma-separated hosts that bypass the proxy; "*" for all.
   std::string noProxy;
-  // A PEM file or a folder of certificates to trust instead of the system's; empty for the
-  // system's.
+  // A PEM file or a folder of certificates to trust instead of the system's; empty (the default)
+  // for the system's.
   std::string caFile;
   std::string caPath;
   bool verifyPeer = true;
   bool verifyHost = true;
-  std::string userAgent = "libqor/0.1";
-  // The largest response body accepted, in bytes, after decoding. A larger reply fails.
-  std::size_t maxResponseBytes = 64u * 1024u * 1024u;
+  // Sent as User-Agent; empty sends none. By default ylDefaultUserAgent().
+  std::string userAgent = ylDefaultUserAgent();
+  // The largest response body accepted, in bytes, after decoding: 64 MiB by default. A larger
+  // reply fails.
+  std::size_t maxResponseBytes = std::size_t{64} * 1024 * 1024;
+  // Off by default: a redirect is then the reply. When on, 301, 302, 303, 307 and 308 replies with
+  // a Location are followed, up to maxRedirects of them (5 by default, -1 for no limit), over
+  // http and https only; 303, and 301 and 302 after a POST, continue as a GET without a body.
+  // Credentials (Authorization, x-api-key, x-goog-api-key, api-key, and a query parameter named
+  // key) go only to the scheme, host and port of the request's own URL: a hop to another origin
+  // is sent without them.
   bool followRedirects = false;
   long maxRedirects = 5;
-  // Called with every request just before it would be sent, on the thread of the exchange; a
-  // host logs what leaves the machine with it, or makes a dry run. An empty optional lets the
-  // request go out as usual; a stand-in reply is taken as the server's answer and nothing at all
-  // is sent. A hook that throws fails the exchange with kClientSetupFailed, nothing sent. Empty
+  // How many times a failed request is sent again: 0 by default, so that one call is one request
+  // unless the host asks for more. Sent again are requests that could not connect (including a
+  // failed name or proxy lookup), that timed out or lost the connection before any byte of the
+  // reply arrived, and replies 408, 429, 500, 502, 503 and 504; never another status, a reply
+  // that is too large, or a cancelled exchange. The last attempt's result is the call's result.
+  int maxRetries = 0;
+  // The wait before retry n (from 0) is between half and all of retryBaseDelayMs * 2^n, drawn at
+  // random so that clients that failed together do not come back together, and never more than
+  // retryMaxDelayMs. A Retry-After of the reply (seconds or an HTTP date) replaces the drawn wait,
+  // also held to retryMaxDelayMs. Defaults: 500 ms and 30 s. A cancel ends the wait at once.
+  long retryBaseDelayMs = 500;
+  long retryMaxDelayMs = 30000;
+  // Called with every request just before it would be sent, on the thread of the exchange: each
+  // retry and each redirect hop is shown again. A host logs what leaves the machine with it, or
+  // makes a dry run. An empty optional lets the request go out as usual; a stand-in reply is
+  // taken as the server's answer (retried and followed like one) and nothing at all is sent. A
+  // hook that throws fails the exchange with kClientSetupFailed, nothing sent. Empty (the default)
   // means no hook.
   std::function<std::optional<YLStandInReply>(const YLPreparedRequest&)> requestHook;
 };
@@ -101,6 +131,7 @@ class YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
 
   // Makes the exchange running on this pool at this moment fail at once with
   // YLErrorCode::kCancelled, whose error record text is "Cancelled"; its connection is closed.
+  // An exchange waiting to retry counts as running: the wait ends and nothing more is sent.
   // With no exchange running it does nothing, so it never affects a later exchange. Callable
   // from any thread and from a signal handler (async-signal-safe: it only touches a lock-free
   // atomic and writes one byte to a pipe); the pool must outlive the call. Exchanges of a

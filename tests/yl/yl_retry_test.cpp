@@ -1,0 +1,270 @@
+// Retries of the REST client: which failures are sent again, how long it waits, and cancels.
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/loopback_server.h"
+#include "yl/yl_rest.h"
+
+namespace {
+
+using qortest::LoopbackServer;
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+// Generous enough for a loaded machine; the waits under test are far shorter or far longer.
+constexpr milliseconds kSlack{3000};
+
+// Settings that retry quickly, and a hook that counts what the client sends.
+struct Retrying {
+  YLRestGlobalSettings settings;
+  std::shared_ptr<std::vector<std::string>> sent = std::make_shared<std::vector<std::string>>();
+
+  explicit Retrying(int retries, long baseMs = 20, long capMs = 1000) {
+    settings.connectTimeoutMs = 2000;
+    settings.totalTimeoutMs = 5000;
+    settings.maxRetries = retries;
+    settings.retryBaseDelayMs = baseMs;
+    settings.retryMaxDelayMs = capMs;
+    settings.requestHook = [sent = sent](const YLPreparedRequest& r) {
+      sent->push_back(std::string(r.method) + " " + r.url + " " + std::string(r.body));
+      return std::optional<YLStandInReply>();
+    };
+  }
+};
+
+struct Outcome {
+  std::int32_t code;
+  std::unique_ptr<YLRestResourceResponse> response;
+  milliseconds took;
+};
+
+Outcome run(const std::string& url, const YLRestGlobalSettings& settings,
+            YLRestSession* session = nullptr, const std::string& body = "") {
+  std::unique_ptr<IYLRestClient> client(
+      YL::obtainAppFactory()->obtainRestClientFactory()->createRestClient(YL::obtainAppFactory(),
+                                                                          &settings, session));
+  YLRestResourceResponse* response = nullptr;
+  const Clock::time_point start = Clock::now();
+  std::int32_t code = 0;
+  if (body.empty()) {
+    YLRestGetRequest request;
+    request.setURL(url);
+    code = client->executeGet(&request, &response);
+  } else {
+    YLJson document(body);
+    YLRestPostRequest request;
+    request.setURL(url);
+    request.updateJson(&document);
+    code = client->executePost(&request, &response);
+  }
+  const auto took = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+  EXPECT_NE(response, nullptr);
+  return {code, std::unique_ptr<YLRestResourceResponse>(response), took};
+}
+
+// An HTTP date, written without the locale: "Sun, 06 Nov 1994 08:49:37 GMT".
+std::string httpDate(std::time_t when) {
+  static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  std::tm parts{};
+  gmtime_r(&when, &parts);
+  char text[64];
+  std::snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[parts.tm_wday],
+                parts.tm_mday, kMonths[parts.tm_mon], parts.tm_year + 1900, parts.tm_hour,
+                parts.tm_min, parts.tm_sec);
+  return text;
+}
+
+TEST(RestRetry, OneCallIsOneRequestUnlessTheHostAsks) {
+  LoopbackServer server;
+  server.answer("GET", "/busy", {503, R"({"error":"busy"})"});
+  YLRestGlobalSettings defaults;
+  defaults.totalTimeoutMs = 5000;
+  const Outcome outcome = run(server.baseUrl() + "/busy", defaults);
+  EXPECT_EQ(outcome.code, 503);
+  EXPECT_EQ(server.requestCount(), 1u);
+}
+
+TEST(RestRetry, StatusesThatMeanLaterAreSentAgainAndOthersNot) {
+  LoopbackServer server;
+  for (const int status : {408, 429, 500, 502, 503, 504, 400, 401, 403, 404, 409, 422, 501}) {
+    SCOPED_TRACE(status);
+    const std::string path = "/" + std::to_string(status);
+    const std::string body = R"({"status":)" + std::to_string(status) + "}";
+    server.answer("POST", path, {status, body});
+    const bool retried = status == 408 || status == 429 || (status >= 500 && status != 501);
+    Retrying retrying(2);
+    const std::size_t before = server.requestCount();
+    const Outcome outcome = run(server.baseUrl() + path, retrying.settings, nullptr, R"({"q":1})");
+    // The last reply is reported as it came.
+    EXPECT_EQ(outcome.code, status);
+    EXPECT_EQ(outcome.response->statusCode, status);
+    EXPECT_EQ(outcome.response->getBufferString(), body);
+    EXPECT_NE(outcome.response->responseJson, nullptr);
+    const std::size_t expected = retried ? 3 : 1;
+    EXPECT_EQ(server.requestCount() - before, expected);
+    ASSERT_EQ(retrying.sent->size(), expected) << "the hook sees every attempt";
+    for (const std::string& seen : *retrying.sent)
+      EXPECT_EQ(seen, "POST " + server.baseUrl() + path + R"( {"q":1})");
+    for (const auto& received : server.requests()) {
+      if (received.path == path) {
+        EXPECT_EQ(received.body, R"({"q":1})");
+      }
+    }
+    // Two backoff waits of at least half of 20 ms and of 40 ms.
+    if (retried) {
+      EXPECT_GE(outcome.took, milliseconds(30));
+    }
+  }
+}
+
+TEST(RestRetry, BackoffDoublesUpToTheCapAndARecoveredServiceSucceeds) {
+  LoopbackServer server;
+  server.answer("GET", "/flaky", {502, "bad gateway", "text/plain"});
+  // The service recovers just before the fourth request.
+  Retrying retrying(5, 100, 10000);
+  auto sent = retrying.sent;
+  retrying.settings.requestHook = [&server, sent](const YLPreparedRequest& r) {
+    sent->push_back(r.url);
+    if (sent->size() == 4) server.answer("GET", "/flaky", {200, R"({"ok":true})"});
+    return std::optional<YLStandInReply>();
+  };
+  const Outcome outcome = run(server.baseUrl() + "/flaky", retrying.settings);
+  EXPECT_EQ(outcome.code, 0);
+  EXPECT_EQ(outcome.response->getBufferString(), R"({"ok":true})");
+  EXPECT_EQ(server.requestCount(), 4u);
+  // Waits of at least 50, 100 and 200 ms: more than three undoubled waits could take.
+  EXPECT_GE(outcome.took, milliseconds(350));
+  EXPECT_LT(outcome.took, milliseconds(700) + kSlack);
+
+  // The cap holds every wait: three waits of at most 120 ms where doubling would reach 800 ms.
+  server.answer("GET", "/down", {500, "{}"});
+  Retrying capped(3, 200, 120);
+  const Outcome down = run(server.baseUrl() + "/down", capped.settings);
+  EXPECT_EQ(down.code, 500);
+  EXPECT_EQ(capped.sent->size(), 4u);
+  EXPECT_GE(down.took, milliseconds(180));
+  EXPECT_LT(down.took, milliseconds(360) + kSlack);
+}
+
+TEST(RestRetry, RetryAfterSetsTheWaitWithinTheCap) {
+  LoopbackServer server;
+  server.answer("GET", "/seconds", {429, "{}", "application/json", {{"Retry-After", "1"}}});
+  Retrying retrying(1, 10, 5000);
+  Outcome outcome = run(server.baseUrl() + "/seconds", retrying.settings);
+  EXPECT_EQ(outcome.code, 429);
+  EXPECT_EQ(server.requestCount(), 2u);
+  EXPECT_GE(outcome.took, milliseconds(1000));
+  EXPECT_LT(outcome.took, milliseconds(1000) + kSlack);
+
+  // A date: the second request leaves no earlier than the date.
+  const std::time_t date = std::time(nullptr) + 2;
+  server.answer("GET", "/date", {503, "{}", "application/json", {{"Retry-After", httpDate(date)}}});
+  outcome = run(server.baseUrl() + "/date", retrying.settings);
+  EXPECT_EQ(outcome.code, 503);
+  EXPECT_GE(std::chrono::system_clock::now(), std::chrono::system_clock::from_time_t(date));
+  EXPECT_LT(outcome.took, milliseconds(2000) + kSlack);
+
+  // An hour is cut to the cap; a Retry-After on a status that is not retried changes nothing.
+  server.answer("GET", "/hour", {503, "{}", "application/json", {{"Retry-After", "3600"}}});
+  server.answer("GET", "/bad", {400, "{}", "application/json", {{"Retry-After", "0"}}});
+  Retrying capped(1, 10, 300);
+  outcome = run(server.baseUrl() + "/hour", capped.settings);
+  EXPECT_EQ(outcome.code, 503);
+  EXPECT_GE(outcome.took, milliseconds(300));
+  EXPECT_LT(outcome.took, milliseconds(300) + kSlack);
+  EXPECT_EQ(run(server.baseUrl() + "/bad", capped.settings).code, 400);
+  EXPECT_EQ(capped.sent->size(), 3u);
+}
+
+TEST(RestRetry, FailuresBeforeAnyReplyAreSentAgain) {
+  // Nothing listens: every attempt fails to connect.
+  Retrying refused(2);
+  const std::string nowhere = "http://127.0.0.1:" + std::to_string(qortest::closedLoopbackPort());
+  Outcome outcome = run(nowhere + "/v1", refused.settings);
+  EXPECT_EQ(outcome.code, YLErrorCode::kCurlCodeBase + 7);
+  EXPECT_EQ(refused.sent->size(), 3u);
+  EXPECT_EQ(outcome.response->statusCode, 0);
+
+  // A server that says nothing within the time limit.
+  LoopbackServer server;
+  server.answer("GET", "/silent", {200, "{}", "application/json", {}, milliseconds(1500)});
+  Retrying impatient(1);
+  impatient.settings.totalTimeoutMs = 300;
+  outcome = run(server.baseUrl() + "/silent", impatient.settings);
+  EXPECT_EQ(outcome.code, YLErrorCode::kCurlCodeBase + 28);
+  EXPECT_EQ(server.requestCount(), 2u);
+
+  // A reply that is refused for its size is an answer, not a failure to get one.
+  server.answer("GET", "/huge", {503, std::string(2048, 'x'), "text/plain"});
+  Retrying strict(2);
+  strict.settings.maxResponseBytes = 1024;
+  outcome = run(server.baseUrl() + "/huge", strict.settings);
+  EXPECT_EQ(outcome.code, YLErrorCode::kResponseTooLarge);
+  EXPECT_EQ(strict.sent->size(), 1u);
+}
+
+// The pool a SIGUSR2 handler cancels.
+std::atomic<YLHTTPPoolCenter*> waitingPool{nullptr};
+extern "C" void cancelWaitingPool(int) {
+  if (YLHTTPPoolCenter* pool = waitingPool.load()) pool->cancel();
+}
+
+TEST(RestRetry, ACancelEndsTheWaitAndIsNeverRetried) {
+  LoopbackServer server;
+  // A wait of ten seconds after the first reply, and a request that stalls in flight.
+  server.answer("GET", "/later", {503, "{}", "application/json", {{"Retry-After", "10"}}});
+  server.answer("GET", "/stall", {503, "{}", "application/json", {}, std::chrono::seconds(5)});
+  server.answer("GET", "/ok", {200, "{}"});
+  YLHTTPPoolCenter pool;
+  YLRestSession session;
+  session.connectionPool = &pool;
+  Retrying retrying(3, 10, 20000);
+  retrying.settings.totalTimeoutMs = 20000;
+
+  struct sigaction action {};
+  struct sigaction previous {};
+  action.sa_handler = &cancelWaitingPool;
+  sigemptyset(&action.sa_mask);
+  ASSERT_EQ(sigaction(SIGUSR2, &action, &previous), 0);
+  waitingPool = &pool;
+  const pthread_t waiter = pthread_self();
+  for (const std::string path : {"/later", "/stall"}) {
+    for (const bool bySignal : {false, true}) {
+      SCOPED_TRACE(path + (bySignal ? " by signal" : " by thread"));
+      const std::size_t before = server.requestCount();
+      Clock::time_point cancelledAt;
+      std::thread canceller([&] {
+        std::this_thread::sleep_for(milliseconds(300));
+        cancelledAt = Clock::now();
+        bySignal ? static_cast<void>(pthread_kill(waiter, SIGUSR2)) : pool.cancel();
+      });
+      const Outcome outcome = run(server.baseUrl() + path, retrying.settings, &session);
+      const Clock::time_point ended = Clock::now();
+      canceller.join();
+      EXPECT_EQ(outcome.code, YLErrorCode::kCancelled);
+      EXPECT_EQ(outcome.response->statusCode, 0) << "a cancelled exchange keeps no reply";
+      EXPECT_LT(ended - cancelledAt, milliseconds(400)) << "the cancel must not wait";
+      EXPECT_EQ(server.requestCount(), before + 1) << "nothing is sent after a cancel";
+      EXPECT_EQ(run(server.baseUrl() + "/ok", retrying.settings, &session).code, 0)
+          << "the next exchange on the pool is unaffected";
+    }
+  }
+  waitingPool = nullptr;
+  sigaction(SIGUSR2, &previous, nullptr);
+}
+
+}  // namespace
