@@ -18,7 +18,8 @@ std::string footer() {
       "\nExamples:\n"
       "  qorchat                                  chat about the sample shop with a local Ollama\n"
       "  qorchat --db app.sqlite --service openai --model gpt-4.1\n"
-      "  qorchat --ask \"Which customers never ordered?\"\n"
+      "  qorchat --ask \"Which customers never ordered?\" --run     (and runs its SQL)\n"
+      "  qorchat --db postgresql://me@db.example/shop\n"
       "  qorchat --service anthropic --print-request \"Top 5 products?\"   (sends nothing)\n"
       "\nKeys are read from the environment, never from an argument:\n";
   for (const Service& service : allServices()) {
@@ -28,8 +29,9 @@ std::string footer() {
   }
   text +=
       "or from --api-key-file FILE. Ollama needs no key.\n"
-      "\nIn a conversation, /help lists the commands. Conversations are kept under\n"
-      "$XDG_STATE_HOME/qorchat (default ~/.local/state/qorchat), one per database and service.\n";
+      "\nIn a conversation, /help lists the commands, and /run N runs SQL block N of the last\n"
+      "reply, read-only. Conversations are kept under $XDG_STATE_HOME/qorchat (default\n"
+      "~/.local/state/qorchat), one per database and service.\n";
   return text;
 }
 
@@ -49,8 +51,8 @@ CommandLine parseCommandLine(int argc, const char* const* argv, std::ostream& ou
   Options& options = result.options;
 
   CLI::App app(
-      "qorchat: chat with a model about an SQLite database. The model sees the database's "
-      "structure (tables, columns, keys), never its rows.",
+      "qorchat: chat with a model about an SQLite or PostgreSQL database. The model sees the "
+      "database's structure (tables, columns, keys), never its rows.",
       "qorchat");
   app.footer(footer());
   app.set_version_flag("--version", std::string("qorchat ") + QORCHAT_VERSION);
@@ -60,8 +62,9 @@ CommandLine parseCommandLine(int argc, const char* const* argv, std::ostream& ou
   std::string printRequest;
   bool listModels = false;
   app.add_option("--db", options.database,
-                 "SQLite database file or file: URI, opened read-only (default: the sample shop)")
-      ->option_text("FILE");
+                 "SQLite file or file: URI, or PostgreSQL connection string or URI "
+                 "(postgresql://...); always read-only (default: the sample shop)")
+      ->option_text("FILE|URI");
   app.add_option("--service", options.service, "Model service: " + serviceNames())
       ->option_text("NAME")
       ->default_str("ollama");
@@ -90,6 +93,27 @@ CommandLine parseCommandLine(int argc, const char* const* argv, std::ostream& ou
           ->option_text("QUESTION");
   app.add_flag("--list-models", listModels, "List the service's models");
   app.add_flag("--no-history", options.noHistory, "Keep the conversation in memory only");
+  auto* runOption = app.add_flag(
+      "--run", options.runFirstBlock,
+      "With --ask: run the reply's first SQL block read-only and show its rows (status 1 if it "
+      "fails)");
+  app.add_option("--statement-timeout", options.statementTimeoutSeconds,
+                 "Seconds one statement run from a reply may take (0: no limit)")
+      ->option_text("SECONDS")
+      ->default_str("30")
+      ->check(CLI::Range(0L, 86400L));
+  app.add_option("--schema-budget", options.schemaBudget,
+                 "Bytes of database structure the model gets (about 4 a token); past it, the "
+                 "tables a question names and their neighbours go first (0: no limit)")
+      ->option_text("BYTES")
+      ->default_str("120000")
+      ->check(CLI::Validator(
+          [](const std::string& value) {
+            return !value.empty() && value.find_first_not_of("0123456789") == std::string::npos
+                       ? std::string()
+                       : std::string("'" + value + "' is not a whole number of bytes");
+          },
+          ""));
 
   try {
     app.parse(argc, argv);
@@ -116,6 +140,9 @@ CommandLine parseCommandLine(int argc, const char* const* argv, std::ostream& ou
   } else if (askOption->count() + printOption->count() + (listModels ? 1 : 0) > 1) {
     err << "qorchat: --ask, --print-request and --list-models each make a run of its own: "
            "give one of them\n";
+    result.exitStatus = kUsageError;
+  } else if (runOption->count() > 0 && askOption->count() == 0) {
+    err << "qorchat: --run goes with --ask; in a conversation, type /run N\n";
     result.exitStatus = kUsageError;
   } else if (askOption->count() > 0) {
     options.mode = Mode::Ask;

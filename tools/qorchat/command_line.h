@@ -1,6 +1,7 @@
 #pragma once
 // qorchat's command line: what the user asked for, read with CLI11.
 
+#include <cstddef>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -13,7 +14,8 @@ enum class Mode { Converse, Ask, PrintRequest, ListModels };
 struct Options {
   Mode mode = Mode::Converse;
   std::string question;  // for Ask and PrintRequest
-  std::string database;  // a path or a file: URI; empty: the sample shop
+  std::string database;  // an SQLite path or file: URI, or a PostgreSQL connection string or URI;
+                         // empty: the sample shop
   std::string service = "ollama";
   std::string host;   // empty: the service's own
   std::string model;  // empty: the first the service lists
@@ -23,6 +25,9 @@ struct Options {
   std::string caFile;
   std::string apiKeyFile;
   bool noHistory = false;
+  bool runFirstBlock = false;         // with Ask: run the reply's first SQL block
+  long statementTimeoutSeconds = 30;  // for each statement run; 0: no limit
+  std::size_t schemaBudget = 120000;  // bytes of digest text the model gets; 0: no limit
 };
 
 // Either options to run with, or the status to exit with at once (after --help, --version or a

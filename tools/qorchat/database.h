@@ -42,6 +42,9 @@ class Database {
   // the SQL), until one fails; keeps at most maxRows rows of each. The last result carries the
   // failure, if any.
   virtual std::vector<StatementResult> runReadOnly(const std::string& sql, std::size_t maxRows) = 0;
+  // Stops the statement runReadOnly is running, called from another thread (Ctrl-C); the
+  // statement then fails with the database's own text. Does nothing while none runs.
+  virtual void interrupt() = 0;
 };
 
 }  // namespace qorchat
@@ -53,7 +56,8 @@ struct DatabaseSettings {
   std::chrono::milliseconds statementTimeout{30000};
 };
 
-// Opens the database that --db names: an SQLite file or file: URI. Throws DatabaseError.
+// Opens the database that --db names: a PostgreSQL connection string or URI, else an SQLite file
+// or file: URI. Throws DatabaseError.
 std::unique_ptr<Database> openDatabase(const std::string& target,
                                        const DatabaseSettings& settings = {});
 

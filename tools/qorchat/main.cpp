@@ -1,4 +1,5 @@
-// qorchat: a terminal chat about an SQLite database with one of the library's model services.
+// qorchat: a terminal chat about an SQLite or PostgreSQL database with one of the library's model
+// services.
 #include <iostream>
 
 #include "command_line.h"

@@ -1,5 +1,6 @@
 // A qorchat run: sets up the assistant for the chosen service and database, then converses,
-// answers one question, prints a request without sending it, or lists the models.
+// answers one question, prints a request without sending it, or lists the models; runs the SQL of
+// a reply read-only when asked.
 #include "session.h"
 
 #include <unistd.h>
@@ -7,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -14,8 +17,11 @@
 #include <optional>
 #include <ostream>
 #include <sstream>
+#include <string_view>
 #include <system_error>
+#include <vector>
 
+#include "result_table.h"
 #include "terminal.h"
 #include "yl/yl.h"
 
@@ -28,6 +34,12 @@ namespace fs = std::filesystem;
 constexpr const char* kModelPlaceholder = "MODEL";
 // A failure text longer than this is cut for display; a service may answer with a whole page.
 constexpr std::size_t kShownFailureBytes = 400;
+// The history entries the library sends along with a question; they name tables too.
+constexpr std::int32_t kHistoryEntries = 20;
+// How much of a block or statement its one-line summary shows, in characters.
+constexpr std::size_t kSummaryWidth = 64;
+// The key of the system instruction that says what the structure leaves out.
+constexpr const char* kScopeKey = "scope";
 
 std::string trimmed(const std::string& text) {
   const auto first = text.find_first_not_of(" \t\r\n");
@@ -134,6 +146,8 @@ constexpr const char* kCommandHelp =
     "  /models             the service's models\n"
     "  /model NAME         use another model (/model alone shows the current one)\n"
     "  /temperature X      set the temperature (/temperature alone shows it)\n"
+    "  /run [N]            run SQL block N of the last reply (the first by default), read-only\n"
+    "  /explain-error      ask the model to fix the statement that just failed\n"
     "  /schema             the database text the model sees, with its size\n"
     "  /reset              start a new conversation\n"
     "  /quit               leave (Ctrl-D too)\n"
@@ -220,7 +234,9 @@ bool Session::openDatabase() {
     }
   }
   try {
-    database_ = qorchat::openDatabase(target);
+    DatabaseSettings settings;
+    settings.statementTimeout = std::chrono::seconds(options_.statementTimeoutSeconds);
+    database_ = qorchat::openDatabase(target, settings);
   } catch (const DatabaseError& error) {
     err_ << "qorchat: " << error.what() << "\n";
     return false;
@@ -258,9 +274,9 @@ void Session::openMemory() {
 void Session::applySettings() {
   YLRestGlobalSettings settings;
   settings.totalTimeoutMs = options_.timeoutSeconds * 1000;
-  // A reasoning model may stay silent for minutes before its whole answer comes: the total limit
-  // alone bounds an exchange.
-  settings.lowSpeedLimitBytes = 0;
+  // A dropped connection, a 429 or a 503 is usually gone a moment later; the library waits with
+  // backoff and honours Retry-After. Ctrl-C ends a wait at once.
+  settings.maxRetries = 2;
   settings.proxy = options_.proxy;
   settings.caFile = options_.caFile;
   settings.userAgent = std::string("qorchat/") + QORCHAT_VERSION;
@@ -287,11 +303,18 @@ bool Session::createAssistant() {
     err_ << "qorchat: " << error.what() << "\n";
     return false;
   }
+  scope_ = std::make_unique<SchemaScope>(std::move(structure), options_.schemaBudget);
   assistant_->updateProperties([&](IQORProperties* properties) {
-    properties->setValue("db_structure", YLVariant(structure));
+    if (scope_->fitsWhole()) {
+      properties->setValue("db_structure", YLVariant(scope_->wholeStructure()));
+      // A conversation taken up keeps no instruction of an earlier run, but say it plainly.
+      properties->setValue("system_instructions", YLVariant(YLVariantMap{{kScopeKey, ""}}));
+    }
     if (!options_.model.empty()) properties->setValue("model", YLVariant(options_.model));
     if (options_.temperature) properties->setValue("temperature", YLVariant(*options_.temperature));
   });
+  // Past the budget, even /schema before the first question shows what the history names.
+  applyScope("");
   model_ = options_.model;
   return true;
 }
@@ -363,7 +386,27 @@ void Session::reportWriteFailure() {
     err_ << "qorchat: warning: " << failure << "; the conversation goes on in memory only\n";
 }
 
+void Session::applyScope(const std::string& question) {
+  if (scope_->fitsWhole()) return;
+  std::vector<std::string_view> texts{question};
+  const std::vector<QORHistoryEntry> history = memory_->obtainHistory(kHistoryEntries);
+  for (auto entry = history.rbegin(); entry != history.rend(); ++entry)
+    texts.emplace_back(entry->text);
+  SchemaScope::Choice choice = scope_->choose(texts);
+  if (choice.structure == appliedStructure_) return;
+  scopeInstruction_ = choice.listed < choice.total
+                          ? SchemaScope::instruction(choice.listed, choice.total)
+                          : std::string();
+  assistant_->updateProperties([&](IQORProperties* properties) {
+    properties->setValue("db_structure", YLVariant(choice.structure));
+    properties->setValue("system_instructions",
+                         YLVariant(YLVariantMap{{kScopeKey, YLVariant(scopeInstruction_)}}));
+  });
+  appliedStructure_ = std::move(choice.structure);
+}
+
 bool Session::exchange(const std::string& question) {
+  applyScope(question);
   std::pair<IQORMessage*, std::string> result;
   bool interrupted = false;
   {
@@ -387,13 +430,100 @@ bool Session::exchange(const std::string& question) {
   } else {
     out_ << masked(text) << "\n";
   }
+  blocks_ = SqlBlocks(text);
+  if (options_.mode == Mode::Converse) {
+    for (std::size_t i = 0; i < blocks_.size(); ++i) {
+      const std::string number = std::to_string(i + 1);
+      out_ << "[" << number << "] "
+           << ResultTable::fitted(SqlBlocks::oneLine(masked(blocks_[i])), kSummaryWidth)
+           << "  (/run " << number << ")\n";
+    }
+  }
   out_.flush();
   return true;
 }
 
+bool Session::runBlock(std::size_t index) {
+  failure_.reset();
+  std::vector<StatementResult> results;
+  try {
+    ExchangeWatch watch(
+        nullptr, spinnerWanted(), [this] { database_->interrupt(); }, "running the statement");
+    results = database_->runReadOnly(blocks_[index], ResultTable::kMaxRows);
+  } catch (const DatabaseError& error) {
+    // The connection itself failed, not a statement: there is nothing for the model to fix.
+    err_ << "qorchat: " << error.what() << "\n";
+    return false;
+  }
+  if (results.empty()) {
+    err_ << "qorchat: block " << index + 1 << " holds no statement\n";
+    return false;
+  }
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    const StatementResult& result = results[i];
+    const std::string summary =
+        ResultTable::fitted(SqlBlocks::oneLine(result.statement), kSummaryWidth);
+    if (!result.error.empty()) {
+      out_.flush();
+      err_ << "qorchat: the statement failed: " << result.error << "\n"
+           << "  in: " << summary << "\n";
+      if (options_.mode == Mode::Converse) err_ << "  /explain-error asks the model to fix it\n";
+      failure_ = FailedStatement{result.statement, result.error};
+      return false;
+    }
+    // Several statements: each result says which statement it belongs to.
+    if (results.size() > 1) out_ << "-- " << summary << "\n";
+    out_ << ResultTable(result).render();
+  }
+  out_.flush();
+  return true;
+}
+
+void Session::runCommand(const std::string& argument) {
+  std::size_t number = 1;
+  if (!argument.empty()) {
+    const auto [end, error] =
+        std::from_chars(argument.data(), argument.data() + argument.size(), number);
+    if (error != std::errc() || end != argument.data() + argument.size() || number == 0) {
+      err_ << "qorchat: '" << argument << "' is not a block number: write e.g. /run 2\n";
+      return;
+    }
+  }
+  if (blocks_.empty()) {
+    err_ << "qorchat: the last reply holds no SQL block to run\n";
+  } else if (number > blocks_.size()) {
+    err_ << "qorchat: there is no block " << number << ": the last reply has "
+         << (blocks_.size() == 1 ? std::string("one (/run 1)")
+                                 : std::to_string(blocks_.size()) + " (/run 1 to /run " +
+                                       std::to_string(blocks_.size()) + ")")
+         << "\n";
+  } else {
+    runBlock(number - 1);
+  }
+}
+
+void Session::explainError() {
+  if (!failure_) {
+    err_ << "qorchat: no statement has failed: /explain-error follows a /run whose statement "
+            "the database refused\n";
+    return;
+  }
+  // The database's own words and the statement, as the user would have typed them.
+  const FailedStatement failed = *failure_;
+  exchange("This statement failed on the database:\n\n```sql\n" + failed.statement +
+           "\n```\n\nThe database's error: " + failed.error +
+           "\n\nExplain the error briefly and give a corrected statement.");
+}
+
 int Session::ask() {
   if (!chooseModel()) return kExchangeFailed;
-  return exchange(options_.question) ? 0 : kExchangeFailed;
+  if (!exchange(options_.question)) return kExchangeFailed;
+  if (!options_.runFirstBlock) return 0;
+  if (blocks_.empty()) {
+    err_ << "qorchat: the reply holds no SQL block to run\n";
+    return kExchangeFailed;
+  }
+  return runBlock(0) ? 0 : kExchangeFailed;
 }
 
 int Session::printRequest() {
@@ -420,6 +550,7 @@ int Session::printRequest() {
     err_ << "qorchat: no --model given; the request names the model " << kModelPlaceholder
          << " (a real run takes the first model the service lists)\n";
   }
+  applyScope(options_.question);
   const auto result = assistant_->addMessage(options_.question);
   QORFreeObject(result.first);
   if (!captured->seen) {
@@ -451,6 +582,10 @@ void Session::showSchema() {
   out_ << text;
   // About four bytes a token for this kind of text; a model's own tokenizer decides.
   out_ << "-- " << text.size() << " bytes, about " << (text.size() + 3) / 4 << " tokens\n";
+  if (!scopeInstruction_.empty()) {
+    out_ << "-- " << scopeInstruction_ << " (--schema-budget " << options_.schemaBudget
+         << " bytes; a question that names a table brings it in)\n";
+  }
 }
 
 void Session::setTemperature(const std::string& value) {
@@ -497,9 +632,16 @@ bool Session::command(const std::string& line) {
     setTemperature(argument);
   } else if (name == "/schema") {
     showSchema();
+  } else if (name == "/run") {
+    runCommand(argument);
+  } else if (name == "/explain-error") {
+    explainError();
   } else if (name == "/reset") {
     memory_->startNewConversation();
+    blocks_ = SqlBlocks();
+    failure_.reset();
     reportWriteFailure();
+    applyScope("");
     out_ << "A new conversation begins.\n";
   } else {
     err_ << "qorchat: unknown command " << name << ": type /help for the list\n";

@@ -1,6 +1,7 @@
 #pragma once
 // One run of qorchat: the database, the conversation store and the assistant, and what the user
-// asked the run to do (a conversation, one question, a dry run, the model list).
+// asked the run to do (a conversation, one question, a dry run, the model list), with the SQL of
+// the last reply ready to run read-only.
 
 #include <iosfwd>
 #include <memory>
@@ -12,7 +13,9 @@
 #include "database.h"
 #include "memory_store.h"
 #include "qor.h"
+#include "schema_scope.h"
 #include "services.h"
+#include "sql_blocks.h"
 
 class YLHTTPPoolCenter;
 
@@ -53,8 +56,17 @@ class Session {
   int printRequest();
   int listModels();
 
-  // Sends one question and shows the reply or what failed; true when a reply came.
+  // Sends one question and shows the reply or what failed; true when a reply came. In a
+  // conversation, the reply's SQL blocks are listed after it, numbered for /run.
   bool exchange(const std::string& question);
+  // Hands the library the structure chosen for this question and the history, with the "scope"
+  // instruction that says what was left out.
+  void applyScope(const std::string& question);
+  // Runs SQL block index (from 0) of the last reply and shows its rows or the database's error;
+  // true when every statement succeeded.
+  bool runBlock(std::size_t index);
+  void runCommand(const std::string& argument);
+  void explainError();
   // Runs a /command; false when it asks to quit.
   bool command(const std::string& line);
   void showModels();
@@ -80,6 +92,17 @@ class Session {
   std::unique_ptr<IQORAssistant, FreeObject> assistant_;
   std::string model_;
   std::string inputHistoryFile_;
+
+  // The structure the model sees: whole while it fits the budget, otherwise chosen per question.
+  std::unique_ptr<SchemaScope> scope_;
+  std::string appliedStructure_;
+  std::string scopeInstruction_;  // empty while the whole structure goes
+  SqlBlocks blocks_;              // of the last reply
+  struct FailedStatement {
+    std::string statement;
+    std::string error;
+  };
+  std::optional<FailedStatement> failure_;  // of the last /run
 };
 
 }  // namespace qorchat

@@ -1,4 +1,5 @@
-// Opens an SQLite database read-only and describes its tables and views as db_structure JSON.
+// Opens an SQLite database read-only, describes its tables and views as db_structure JSON and runs
+// statements on it that cannot write.
 
 #include "sqlite_database.h"
 
@@ -7,12 +8,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -348,51 +351,169 @@ std::string SqliteDatabase::displayName() const {
 }  // namespace qorchat
 
 namespace qorchat {
+namespace {
+
+// How many virtual machine steps pass between two looks at the clock: often enough to stop within
+// milliseconds, rarely enough to cost nothing measurable.
+constexpr int kProgressSteps = 1000;
+// The bytes of a BLOB shown in its hexadecimal form; a table cell shows fewer anyway.
+constexpr std::size_t kShownBlobBytes = 256;
+
+std::string durationText(std::chrono::milliseconds duration) {
+  if (duration.count() % 1000 == 0) return std::to_string(duration.count() / 1000) + " s";
+  return std::to_string(duration.count()) + " ms";
+}
+
+// A BLOB as an SQL literal, X'0A1B...', its end cut with an ellipsis when it is long.
+std::string blobText(const void* data, int size) {
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  const std::size_t count = static_cast<std::size_t>(size);
+  std::string text = "X'";
+  for (std::size_t i = 0; i < std::min(count, kShownBlobBytes); ++i) {
+    text += kDigits[bytes[i] >> 4];
+    text += kDigits[bytes[i] & 0x0F];
+  }
+  text += count > kShownBlobBytes ? "\u2026'" : "'";
+  return text;
+}
+
+// What runReadOnly puts around the statements it runs, undone when it ends.
+//
+// The connection is read-only from its opening, and query_only also refuses writes to the
+// temporary and in-memory databases. The authorizer keeps statements from lifting query_only and
+// from attaching files: ATTACH would reach databases the user never chose, and VACUUM INTO, which
+// a read-only connection still runs, attaches the file it writes. A progress handler stops a
+// statement past its time limit. A transaction a statement began is rolled back, so that no
+// snapshot outlives the run.
+class RunGuard {
+ public:
+  RunGuard(sqlite3* db, std::chrono::milliseconds limit)
+      : db_(db), limit_(limit), ownsTransaction_(sqlite3_get_autocommit(db) != 0) {
+    sqlite3_exec(db_, "PRAGMA query_only = ON", nullptr, nullptr, nullptr);
+    sqlite3_set_authorizer(db_, &authorize, nullptr);
+    if (limit_.count() > 0) sqlite3_progress_handler(db_, kProgressSteps, &checkClock, this);
+  }
+  ~RunGuard() {
+    sqlite3_progress_handler(db_, 0, nullptr, nullptr);
+    sqlite3_set_authorizer(db_, nullptr, nullptr);
+    if (ownsTransaction_ && sqlite3_get_autocommit(db_) == 0)
+      sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  RunGuard(const RunGuard&) = delete;
+  RunGuard& operator=(const RunGuard&) = delete;
+
+  // Each statement has the whole limit to itself.
+  void startStatement() {
+    deadline_ = std::chrono::steady_clock::now() + limit_;
+    expired_ = false;
+  }
+  // The text of a statement that failed: SQLite's own, or what the limit did.
+  std::string failure() const {
+    if (expired_) {
+      return "statement timeout: stopped after " + durationText(limit_) +
+             " (--statement-timeout SECONDS changes the limit)";
+    }
+    return sqlite3_errmsg(db_);
+  }
+
+ private:
+  static int authorize(void*, int action, const char* first, const char* second, const char*,
+                       const char*) {
+    if (action == SQLITE_ATTACH || action == SQLITE_DETACH) return SQLITE_DENY;
+    // Reading the pragma is harmless; giving it a value is not.
+    if (action == SQLITE_PRAGMA && first != nullptr && second != nullptr &&
+        sqlite3_stricmp(first, "query_only") == 0) {
+      return SQLITE_DENY;
+    }
+    return SQLITE_OK;
+  }
+  static int checkClock(void* context) {
+    auto* guard = static_cast<RunGuard*>(context);
+    if (std::chrono::steady_clock::now() < guard->deadline_) return 0;
+    guard->expired_ = true;
+    return 1;
+  }
+
+  sqlite3* db_;
+  std::chrono::milliseconds limit_;
+  bool ownsTransaction_;
+  std::chrono::steady_clock::time_point deadline_{};
+  bool expired_ = false;
+};
+
+std::string_view trimmedStatement(const char* begin, const char* end) {
+  std::string_view text(begin, static_cast<std::size_t>(end - begin));
+  const std::size_t first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+}  // namespace
 
 std::vector<StatementResult> SqliteDatabase::runReadOnly(const std::string& sql,
                                                          std::size_t maxRows) {
-  // The connection was opened read-only; query_only also refuses writes to attached databases.
-  sqlite3_exec(db_, "PRAGMA query_only = ON", nullptr, nullptr, nullptr);
+  RunGuard guard(db_, settings_.statementTimeout);
   std::vector<StatementResult> results;
   const char* next = sql.c_str();
   const char* const end = next + sql.size();
   while (next < end) {
+    guard.startStatement();
     sqlite3_stmt* raw = nullptr;
     const char* tail = nullptr;
     const int prepared = sqlite3_prepare_v2(db_, next, static_cast<int>(end - next), &raw, &tail);
     std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> statement(raw, &sqlite3_finalize);
-    const std::string text(next, tail != nullptr ? tail : end);
-    next = tail != nullptr ? tail : end;
+    // A statement that does not compile has no known end: the rest of the text is shown.
+    const char* const statementEnd =
+        prepared == SQLITE_OK && tail != nullptr && tail > next ? tail : end;
+    const std::string_view text = trimmedStatement(next, statementEnd);
+    next = statementEnd;
     if (prepared == SQLITE_OK && statement == nullptr) continue;  // white space or a comment
     StatementResult& result = results.emplace_back();
-    result.statement = text;
+    result.statement = std::string(text);
     if (prepared != SQLITE_OK) {
-      result.error = sqlite3_errmsg(db_);
+      result.error = guard.failure();
       break;
     }
     const int columns = sqlite3_column_count(statement.get());
-    for (int i = 0; i < columns; ++i)
-      result.columns.emplace_back(sqlite3_column_name(statement.get(), i));
+    for (int i = 0; i < columns; ++i) {
+      const char* name = sqlite3_column_name(statement.get(), i);
+      result.columns.emplace_back(name != nullptr ? name : "");
+    }
     int stepped = SQLITE_ROW;
     while ((stepped = sqlite3_step(statement.get())) == SQLITE_ROW) {
       if (result.rowCount++ >= maxRows) continue;
       auto& row = result.rows.emplace_back();
       for (int i = 0; i < columns; ++i) {
-        const auto* data = reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), i));
-        if (data == nullptr) {
-          row.emplace_back(std::nullopt);
-        } else {
-          row.emplace_back(std::string(
-              data, static_cast<std::size_t>(sqlite3_column_bytes(statement.get(), i))));
+        switch (sqlite3_column_type(statement.get(), i)) {
+          case SQLITE_NULL:
+            row.emplace_back(std::nullopt);
+            break;
+          case SQLITE_BLOB:
+            row.emplace_back(blobText(sqlite3_column_blob(statement.get(), i),
+                                      sqlite3_column_bytes(statement.get(), i)));
+            break;
+          default: {
+            const auto* data =
+                reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), i));
+            row.emplace_back(
+                std::string(data != nullptr ? data : "",
+                            static_cast<std::size_t>(sqlite3_column_bytes(statement.get(), i))));
+          }
         }
       }
     }
     if (stepped != SQLITE_DONE) {
-      result.error = sqlite3_errmsg(db_);
+      result.error = guard.failure();
       break;
     }
   }
   return results;
+}
+
+// SQLite allows this from another thread; a statement it stops fails with "interrupted".
+void SqliteDatabase::interrupt() {
+  sqlite3_interrupt(db_);
 }
 
 }  // namespace qorchat

@@ -23,6 +23,7 @@ class SqliteDatabase final : public Database {
   std::string identity() const override;
   std::string displayName() const override;
   std::vector<StatementResult> runReadOnly(const std::string& sql, std::size_t maxRows) override;
+  void interrupt() override;
 
   // The open connection, for callers that run statements of their own (tests attach databases).
   sqlite3* handle() const { return db_; }

@@ -73,8 +73,13 @@ std::optional<std::string> LineReader::readLine(const std::string& prompt) {
   return text;
 }
 
-ExchangeWatch::ExchangeWatch(YLHTTPPoolCenter* pool, bool spinner)
-    : pool_(pool), spinner_(spinner), start_(std::chrono::steady_clock::now()) {
+ExchangeWatch::ExchangeWatch(YLHTTPPoolCenter* pool, bool spinner, std::function<void()> alsoCancel,
+                             std::string label)
+    : pool_(pool),
+      spinner_(spinner),
+      alsoCancel_(std::move(alsoCancel)),
+      label_(std::move(label)),
+      start_(std::chrono::steady_clock::now()) {
   interruptSeen.store(false);
   watchedPool.store(pool_);
   thread_ = std::thread([this] { watch(); });
@@ -105,13 +110,17 @@ void ExchangeWatch::watch() {
   while (!done_) {
     // A Ctrl-C that came before the transfer began found nothing to cancel: repeat it until the
     // exchange is over.
-    if (interruptSeen.load()) pool_->cancel();
+    if (interruptSeen.load()) {
+      if (pool_ != nullptr) pool_->cancel();
+      if (alsoCancel_) alsoCancel_();
+    }
     if (spinner_) {
       const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
                                std::chrono::steady_clock::now() - start_)
                                .count();
-      std::fprintf(stderr, "\r%c waiting for the model, %llds (Ctrl-C cancels)\033[K",
-                   kFrames[frame++ % sizeof kFrames], static_cast<long long>(elapsed));
+      std::fprintf(stderr, "\r%c %s, %llds (Ctrl-C cancels)\033[K",
+                   kFrames[frame++ % sizeof kFrames], label_.c_str(),
+                   static_cast<long long>(elapsed));
       std::fflush(stderr);
     }
     wake_.wait_for(lock, kTick, [this] { return done_; });

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -39,7 +40,11 @@ class LineReader {
 // seconds runs on standard error when asked for.
 class ExchangeWatch {
  public:
-  ExchangeWatch(YLHTTPPoolCenter* pool, bool spinner);
+  // pool: the exchange's pool, cancelled from the signal handler (may be null). alsoCancel runs on
+  // the watching thread after Ctrl-C, for work that no signal handler may stop (a database
+  // statement). label names the wait on the spinner.
+  ExchangeWatch(YLHTTPPoolCenter* pool, bool spinner, std::function<void()> alsoCancel = {},
+                std::string label = "waiting for the model");
   ~ExchangeWatch();
   ExchangeWatch(const ExchangeWatch&) = delete;
   ExchangeWatch& operator=(const ExchangeWatch&) = delete;
@@ -52,6 +57,8 @@ class ExchangeWatch {
 
   YLHTTPPoolCenter* pool_;
   bool spinner_;
+  std::function<void()> alsoCancel_;
+  std::string label_;
   std::chrono::steady_clock::time_point start_;
   std::mutex mutex_;
   std::condition_variable wake_;

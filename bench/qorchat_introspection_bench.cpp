@@ -1,0 +1,141 @@
+// How long qorchat takes to describe a PostgreSQL database of 2,000 tables, against describing
+// the same tables in SQLite, both measured in the same run. Run the release build:
+//   build/release/bench/qorchat_introspection_bench
+// It starts a throwaway cluster as the tests do (as root, its programs run as postgres) and ends
+// with the ratio of the two times.
+
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <exception>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "postgres_cluster.h"
+#include "postgres_database.h"
+#include "sqlite_database.h"
+
+namespace {
+
+constexpr int kTables = 2000;
+
+// The same tables for both engines: seven typed columns, a primary key, and a foreign key to the
+// table before.
+std::string schemaSql(int from, int to) {
+  std::string sql;
+  for (int t = from; t < to; ++t) {
+    sql +=
+        "CREATE TABLE table_" + std::to_string(t) + " (id integer PRIMARY KEY, parent_id integer";
+    if (t > 0) sql += " REFERENCES table_" + std::to_string(t - 1) + " (id)";
+    sql +=
+        ", name varchar(100), price numeric(10,2), created timestamp, active boolean, note "
+        "text);\n";
+  }
+  return sql;
+}
+
+// Both databases, made once for the whole run.
+struct Databases {
+  Databases() : cluster(qortest::PostgresCluster::shared()) {
+    const std::string sql = schemaSql(0, kTables);
+    const std::string database = cluster.createDatabase();
+    // In parts: one transaction cannot hold the locks of them all.
+    for (int from = 0; from < kTables; from += 200)
+      cluster.execute(schemaSql(from, from + 200), database);
+    conninfo = cluster.conninfo(database);
+
+    sqlitePath = cluster.socketDir() + "/tables.db";
+    sqlite3* db = nullptr;
+    char* error = nullptr;
+    const bool made = sqlite3_open(sqlitePath.c_str(), &db) == SQLITE_OK &&
+                      sqlite3_exec(db, ("BEGIN;\n" + sql + "COMMIT;").c_str(), nullptr, nullptr,
+                                   &error) == SQLITE_OK;
+    const std::string reason = error != nullptr ? error : "";
+    sqlite3_free(error);
+    sqlite3_close(db);
+    if (!made) throw std::runtime_error("cannot make the SQLite database: " + reason);
+  }
+
+  qortest::PostgresCluster& cluster;
+  std::string conninfo;
+  std::string sqlitePath;
+};
+
+Databases& databases() {
+  static Databases made;
+  return made;
+}
+
+// A description that lacks a table would make a fast and worthless measure.
+void checkTables(benchmark::State& state, const std::string& structure) {
+  std::size_t tables = 0;
+  for (std::size_t at = structure.find(R"("name":"table_)"); at != std::string::npos;
+       at = structure.find(R"("name":"table_)", at + 1)) {
+    ++tables;
+  }
+  if (tables != kTables) state.SkipWithError("the description does not list every table");
+  state.counters["json_bytes"] = static_cast<double>(structure.size());
+}
+
+void BM_DescribePostgres(benchmark::State& state) {
+  qorchat::PostgresDatabase database(databases().conninfo);
+  std::string structure;
+  for (auto _ : state) {
+    structure = database.describeStructure();
+    benchmark::DoNotOptimize(structure.data());
+  }
+  checkTables(state, structure);
+}
+
+void BM_DescribeSqlite(benchmark::State& state) {
+  qorchat::SqliteDatabase database(databases().sqlitePath);
+  std::string structure;
+  for (auto _ : state) {
+    structure = database.describeStructure();
+    benchmark::DoNotOptimize(structure.data());
+  }
+  checkTables(state, structure);
+}
+
+BENCHMARK(BM_DescribePostgres)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DescribeSqlite)->Unit(benchmark::kMillisecond);
+
+// The console's report, with the times kept for the ratio: of each repetition, or their mean
+// when there are several.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      if (run.run_type == Run::RT_Iteration || run.aggregate_name == "mean")
+        times[run.run_name.function_name] = run.GetAdjustedRealTime();
+    }
+  }
+  std::map<std::string, double> times;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  try {
+    databases();
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "qorchat_introspection_bench: %s\n", failure.what());
+    return 1;
+  }
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  const auto postgres = reporter.times.find("BM_DescribePostgres");
+  const auto sqlite = reporter.times.find("BM_DescribeSqlite");
+  if (postgres != reporter.times.end() && sqlite != reporter.times.end() && sqlite->second > 0) {
+    std::printf("PostgreSQL took %.2f times as long as SQLite to describe %d tables\n",
+                postgres->second / sqlite->second, kTables);
+  }
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,124 @@
+// Extracts the fenced SQL blocks of a model's reply.
+#include "sql_blocks.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+
+namespace qorchat {
+namespace {
+
+constexpr std::array<std::string_view, 6> kSqlLanguages = {"sql",      "sqlite",     "sqlite3",
+                                                           "postgres", "postgresql", "pgsql"};
+
+bool isBlank(char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\v';
+}
+
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && isBlank(text.front()))
+    text.remove_prefix(1);
+  while (!text.empty() && isBlank(text.back()))
+    text.remove_suffix(1);
+  return text;
+}
+
+std::size_t indentation(std::string_view line) {
+  std::size_t count = 0;
+  while (count < line.size() && (line[count] == ' ' || line[count] == '\t'))
+    ++count;
+  return count;
+}
+
+struct Fence {
+  char mark;
+  std::size_t length;
+  std::size_t indent;
+  std::string_view info;
+};
+
+// The fence that opens or closes a block on this line, if any.
+std::optional<Fence> fenceOf(std::string_view line) {
+  const std::size_t indent = indentation(line);
+  line.remove_prefix(indent);
+  if (line.empty() || (line.front() != '`' && line.front() != '~')) return std::nullopt;
+  const char mark = line.front();
+  const std::size_t length = std::min(line.find_first_not_of(mark), line.size());
+  if (length < 3) return std::nullopt;
+  const std::string_view info = trimmed(line.substr(length));
+  // A backtick in the rest makes the line inline code, such as ```SELECT 1```.
+  if (mark == '`' && info.find('`') != std::string_view::npos) return std::nullopt;
+  return Fence{mark, length, indent, info};
+}
+
+bool isSqlLabel(std::string_view info) {
+  const std::string_view word = info.substr(0, std::min(info.size(), info.find_first_of(" \t{")));
+  if (word.empty()) return true;
+  std::string lower(word);
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) {
+    return static_cast<char>(c | (c >= 'A' && c <= 'Z' ? 0x20 : 0));
+  });
+  return std::find(kSqlLanguages.begin(), kSqlLanguages.end(), lower) != kSqlLanguages.end();
+}
+
+bool closes(const Fence& open, std::string_view line) {
+  const std::optional<Fence> fence = fenceOf(line);
+  return fence && fence->mark == open.mark && fence->length >= open.length && fence->info.empty();
+}
+
+}  // namespace
+
+SqlBlocks::SqlBlocks(std::string_view reply) {
+  std::optional<Fence> open;
+  bool wanted = false;
+  std::string block;
+  const auto finish = [&] {
+    while (!block.empty() && (block.back() == '\n' || block.back() == '\r'))
+      block.pop_back();
+    if (wanted && !trimmed(block).empty()) blocks_.push_back(std::move(block));
+    block.clear();
+    open.reset();
+  };
+
+  std::size_t start = 0;
+  while (start < reply.size()) {
+    std::size_t end = reply.find('\n', start);
+    if (end == std::string_view::npos) end = reply.size();
+    std::string_view line = reply.substr(start, end - start);
+    start = end + 1;
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+
+    if (!open) {
+      open = fenceOf(line);
+      if (open) wanted = isSqlLabel(open->info);
+      continue;
+    }
+    if (closes(*open, line)) {
+      finish();
+      continue;
+    }
+    if (!wanted) continue;
+    // The fence's own indentation belongs to the surrounding text, not to the SQL.
+    line.remove_prefix(std::min(open->indent, indentation(line)));
+    block.append(line);
+    block += '\n';
+  }
+  if (open) finish();
+}
+
+std::string SqlBlocks::oneLine(std::string_view text) {
+  std::string line;
+  bool gap = false;
+  for (const char c : trimmed(text)) {
+    if (isBlank(c)) {
+      gap = true;
+      continue;
+    }
+    if (gap) line += ' ';
+    gap = false;
+    line += c;
+  }
+  return line;
+}
+
+}  // namespace qorchat
