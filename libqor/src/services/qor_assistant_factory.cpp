@@ -2,13 +2,10 @@
 
 #include <memory>
 
-#include "qor_assistant_alibaba.h"
 #include "qor_assistant_anthropic.h"
-#include "qor_assistant_deepseek.h"
+#include "qor_assistant_chat_completions.h"
 #include "qor_assistant_google.h"
 #include "qor_assistant_ollama.h"
-#include "qor_assistant_openai.h"
-#include "qor_assistant_x.h"
 
 std::unique_ptr<QORAssistant> constructAssistant(QORAssistantType type, IYLHTTPPoolCenter* pool,
                                                  const std::string& apiKey, const std::string& host,

@@ -20,21 +20,16 @@ QORAssistantChatCompletions::obtainAvailableModels() {
 }
 
 std::pair<IQORMessage*, std::string> QORAssistantChatCompletions::addMessage(std::string text) {
-  const QORAssistantProperties& record = *properties;
-  if (record.model.empty()) return {nullptr, failure(kModelIsEmpty, profile_.chat.failureTail)};
-
-  YLJson body;
-  body.addKeyValue("model")->setStringValue(record.model);
-  if (record.hasChanged("temperature")) {
-    body.addKeyValue("temperature")->setDoubleValue(record.temperature);
-  }
-  IYLJsonValue* messages = body.addKeyValue("messages");
-  messages->setArrayType();
-  // The instructions read the memory before the history does.
-  const std::string instructions = record.obtainCombinedInstructions();
-  appendConversation(messages, profile_.instructionRole, instructions, obtainRecentHistory(*this),
-                     text);
-  return exchangeChat(*this, profile_.chat, body, text);
+  return chat(*this, profile_.chat, text, [this](YLJson& body, const ChatTurn& turn) {
+    body.addKeyValue("model")->setStringValue(turn.record.model);
+    if (turn.record.hasChanged("temperature")) {
+      body.addKeyValue("temperature")->setDoubleValue(turn.record.temperature);
+    }
+    IYLJsonValue* messages = body.addKeyValue("messages");
+    messages->setArrayType();
+    appendConversation(messages, profile_.instructionRole, turn.instructions, turn.history,
+                       turn.text);
+  });
 }
 
 bool QORAssistantChatCompletions::readUndatedModel(const YLJsonValue* item, ModelEntry& entry) {

@@ -38,6 +38,16 @@ std::string failure(std::string_view sentence, std::string_view tail) {
   return text;
 }
 
+std::string failureTail(Method method, const std::vector<std::string>& pathSegments) {
+  std::string tail = ": ";
+  tail += static_cast<char>(method);
+  for (const std::string& segment : pathSegments) {
+    tail += '/';
+    tail += segment;
+  }
+  return tail;
+}
+
 const YLJsonValue* member(const YLJsonValue* value, std::string_view key, YLJsonValueType type) {
   if (value == nullptr) return nullptr;
   const YLJsonValue* found = value->obtainKeyValue(key);
@@ -62,7 +72,9 @@ std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assist
 
   if (rules.gate == ListingRules::Gate::ExchangeFirst) {
     if (!result.second.empty()) return {{}, failedExchangeText(rules.errorReader, result)};
-    if (!hasUsableJson(response)) return {{}, failure(kInvalidResponse, rules.failureTail)};
+    if (!hasUsableJson(response)) {
+      return {{}, failure(kInvalidResponse, failureTail(Method::Get, rules.pathSegments))};
+    }
   } else {
     if (!hasUsableJson(response)) return {{}, result.second};
     const YLJsonValue* error = response.responseJson->obtainKeyValue("error");
@@ -78,7 +90,9 @@ std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assist
   }
 
   const YLJsonValue* items = member(response.responseJson, rules.arrayKey, YLJsonValueType::Array);
-  if (items == nullptr) return {{}, failure(kUnsupportedDataFormat, rules.failureTail)};
+  if (items == nullptr) {
+    return {{}, failure(kUnsupportedDataFormat, failureTail(Method::Get, rules.pathSegments))};
+  }
 
   std::vector<ModelEntry> entries;
   const std::size_t count = items->obtainArraySize();
@@ -100,6 +114,20 @@ std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assist
   return {std::move(names), std::string()};
 }
 
+std::pair<IQORMessage*, std::string> chat(QORAssistant& assistant, const ChatRules& rules,
+                                          const std::string& text, const ComposeBody& compose) {
+  const QORAssistantProperties& record = *assistant.properties;
+  if (record.model.empty()) {
+    return {nullptr, failure(kModelIsEmpty, failureTail(Method::Post, rules.pathSegments))};
+  }
+  // The instructions read the memory before the history does.
+  const std::string instructions = record.obtainCombinedInstructions();
+  const std::vector<QORHistoryEntry> history = obtainRecentHistory(assistant);
+  YLJson body;
+  compose(body, ChatTurn{record, instructions, history, text});
+  return exchangeChat(assistant, rules, body, text);
+}
+
 std::pair<IQORMessage*, std::string> exchangeChat(QORAssistant& assistant, const ChatRules& rules,
                                                   const YLJson& body, const std::string& text) {
   const HTTP::Result result =
@@ -108,11 +136,14 @@ std::pair<IQORMessage*, std::string> exchangeChat(QORAssistant& assistant, const
   if (!result.second.empty()) return {nullptr, failedExchangeText(rules.errorReader, result)};
 
   const YLRestResourceResponse& response = *result.first;
-  if (!hasUsableJson(response)) return {nullptr, failure(kInvalidResponse, rules.failureTail)};
+  if (!hasUsableJson(response)) {
+    return {nullptr, failure(kInvalidResponse, failureTail(Method::Post, rules.pathSegments))};
+  }
 
   std::string reply;
   if (!rules.readReply(*response.responseJson, reply)) {
-    return {nullptr, failure(kUnsupportedDataFormat, rules.failureTail)};
+    return {nullptr,
+            failure(kUnsupportedDataFormat, failureTail(Method::Post, rules.pathSegments))};
   }
 
   std::unique_ptr<QORMessage> message(QORMessage::makeTextReply(reply));

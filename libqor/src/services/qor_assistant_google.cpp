@@ -21,7 +21,6 @@ QORAssistant_GOOGLE::QORAssistant_GOOGLE(IYLHTTPPoolCenter* pool, const std::str
 
 std::pair<std::vector<std::string>, std::string> QORAssistant_GOOGLE::obtainAvailableModels() {
   const ListingRules rules = {.pathSegments = {"v1beta", "models"},
-                              .failureTail = ": g/v1beta/models",
                               .queryParams = {{"key", apiKey}},
                               .gate = ListingRules::Gate::ExchangeFirst,
                               .errorReader = obtainErrorMessage,
@@ -31,41 +30,36 @@ std::pair<std::vector<std::string>, std::string> QORAssistant_GOOGLE::obtainAvai
 }
 
 std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessage(std::string text) {
-  const QORAssistantProperties& record = *properties;
-  // Without a model there is none to name in the tail.
-  if (record.model.empty()) {
-    return {nullptr, failure(kModelIsEmpty, ": p/v1beta/models/generateContent")};
-  }
-
-  YLJson body;
-  if (record.hasChanged("temperature")) {
-    body.addKeyValue("generationConfig")
-        ->addKeyValue("temperature")
-        ->setDoubleValue(record.temperature);
-  }
-  const std::string instructions = record.obtainCombinedInstructions();
-  if (!instructions.empty()) {
-    // Here "parts" is an object, unlike in "contents".
-    body.addKeyValue("system_instruction")
-        ->addKeyValue("parts")
-        ->addKeyValue("text")
-        ->setStringValue(instructions);
-  }
-  IYLJsonValue* contents = body.addKeyValue("contents");
-  contents->setArrayType();
-  for (const QORHistoryEntry& entry : obtainRecentHistory(*this)) {
-    addTextParts(contents->addArrayItem(), entry.role == kChatRoleAssistant ? "model" : "user",
-                 entry.text);
-  }
-  addTextParts(contents->addArrayItem(), "user", text);
-
-  const std::string method = record.model + ":generateContent";
-  const ChatRules rules = {.pathSegments = {"v1beta", "models", method},
-                           .failureTail = ": p/v1beta/models/" + method,
-                           .queryParams = {{"key", apiKey}},
-                           .errorReader = obtainErrorMessage,
-                           .readReply = readCandidates};
-  return exchangeChat(*this, rules, body, text);
+  const std::string& model = properties->model;
+  // The model is part of the path; without one, the path (and the failure's tail) names the
+  // method alone.
+  const ChatRules rules = {
+      .pathSegments = {"v1beta", "models",
+                       model.empty() ? std::string("generateContent") : model + ":generateContent"},
+      .queryParams = {{"key", apiKey}},
+      .errorReader = obtainErrorMessage,
+      .readReply = readCandidates};
+  return chat(*this, rules, text, [](YLJson& body, const ChatTurn& turn) {
+    if (turn.record.hasChanged("temperature")) {
+      body.addKeyValue("generationConfig")
+          ->addKeyValue("temperature")
+          ->setDoubleValue(turn.record.temperature);
+    }
+    if (!turn.instructions.empty()) {
+      // Here "parts" is an object, unlike in "contents".
+      body.addKeyValue("system_instruction")
+          ->addKeyValue("parts")
+          ->addKeyValue("text")
+          ->setStringValue(turn.instructions);
+    }
+    IYLJsonValue* contents = body.addKeyValue("contents");
+    contents->setArrayType();
+    for (const QORHistoryEntry& entry : turn.history) {
+      addTextParts(contents->addArrayItem(), entry.role == kChatRoleAssistant ? "model" : "user",
+                   entry.text);
+    }
+    addTextParts(contents->addArrayItem(), "user", turn.text);
+  });
 }
 
 std::string QORAssistant_GOOGLE::obtainErrorMessage(const YLRestResourceResponse* response) {

@@ -1,7 +1,6 @@
 #include "qor_assistant_anthropic.h"
 
-#include <algorithm>
-#include <limits>
+#include <cstdint>
 #include <memory>
 
 #include "qor_assistant_properties_anthropic.h"
@@ -17,7 +16,6 @@ constexpr const char* kCreatedAtFormat = "%Y-%m-%dT%H:%M:%SZ";
 
 const ChatRules& chatRules() {
   static const ChatRules rules = {.pathSegments = {"v1", "messages"},
-                                  .failureTail = ": p/v1/messages",
                                   .errorReader = obtainErrorMessage,
                                   .readReply = QORAssistant_ANTHROPIC::readContentBlocks};
   return rules;
@@ -38,7 +36,6 @@ std::pair<std::vector<std::string>, std::string> QORAssistant_ANTHROPIC::obtainA
   // Made when the first model is read, once the reply has shown its list.
   std::unique_ptr<YLDateTimeConverter> converter;
   ListingRules rules = {.pathSegments = {"v1", "models"},
-                        .failureTail = ": g/v1/models",
                         .gate = ListingRules::Gate::ReplyFirst,
                         .errorKey = ListingRules::ErrorKey::AnyType,
                         .errorReader = obtainErrorMessage,
@@ -57,11 +54,10 @@ std::pair<std::vector<std::string>, std::string> QORAssistant_ANTHROPIC::obtainA
     // A date that does not fit the format gives an invalid record, which converts to 0.
     const std::unique_ptr<YLDateTime> date(
         YLDateTime::dateTimeFromString(createdAt->obtainStringValue(), kCreatedAtFormat));
-    // Cut to 32 bits by saturation, so that dates after 2038 still sort as the newest.
+    // Cut down to a signed 32-bit integer: the low 32 bits, as two's complement. A date after
+    // 2038-01-19 wraps to a negative key and sorts behind every earlier one, as required.
     const std::int64_t seconds = converter->timestampFromDateTime(date.get(), 0);
-    entry.created = static_cast<std::int32_t>(
-        std::clamp<std::int64_t>(seconds, std::numeric_limits<std::int32_t>::min(),
-                                 std::numeric_limits<std::int32_t>::max()));
+    entry.created = static_cast<std::int32_t>(static_cast<std::uint32_t>(seconds));
     entry.name = id->obtainStringValue();
     return true;
   };
@@ -69,24 +65,22 @@ std::pair<std::vector<std::string>, std::string> QORAssistant_ANTHROPIC::obtainA
 }
 
 std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::addMessage(std::string text) {
-  auto& record = static_cast<QORAssistantProperties_ANTHROPIC&>(*properties);
-  if (record.model.empty()) return {nullptr, failure(kModelIsEmpty, chatRules().failureTail)};
-
-  YLJson body;
-  body.addKeyValue("model")->setStringValue(record.model);
-  if (record.hasChanged("temperature")) {
-    body.addKeyValue("temperature")->setDoubleValue(record.temperature);
-  }
-  body.addKeyValue("max_tokens")
-      ->setIntValue(record.hasChanged("max_tokens")
-                        ? record.maxTokens
-                        : QORAssistantProperties_ANTHROPIC::kDefaultMaxTokens);
-  const std::string instructions = record.obtainCombinedInstructions();
-  if (!instructions.empty()) body.addKeyValue("system")->setStringValue(instructions);
-  IYLJsonValue* messages = body.addKeyValue("messages");
-  messages->setArrayType();
-  appendConversation(messages, nullptr, std::string(), obtainRecentHistory(*this), text);
-  return exchangeChat(*this, chatRules(), body, text);
+  return chat(*this, chatRules(), text, [](YLJson& body, const ChatTurn& turn) {
+    const auto& record = static_cast<const QORAssistantProperties_ANTHROPIC&>(turn.record);
+    body.addKeyValue("model")->setStringValue(record.model);
+    if (record.hasChanged("temperature")) {
+      body.addKeyValue("temperature")->setDoubleValue(record.temperature);
+    }
+    body.addKeyValue("max_tokens")
+        ->setIntValue(record.hasChanged("max_tokens")
+                          ? record.maxTokens
+                          : QORAssistantProperties_ANTHROPIC::kDefaultMaxTokens);
+    if (!turn.instructions.empty()) body.addKeyValue("system")->setStringValue(turn.instructions);
+    IYLJsonValue* messages = body.addKeyValue("messages");
+    messages->setArrayType();
+    // The instructions go in "system", not in the list.
+    appendConversation(messages, nullptr, std::string(), turn.history, turn.text);
+  });
 }
 
 bool QORAssistant_ANTHROPIC::readContentBlocks(const YLJsonValue& reply, std::string& text) {

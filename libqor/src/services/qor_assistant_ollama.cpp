@@ -9,7 +9,6 @@ namespace {
 const ListingRules& listingRules() {
   static const ListingRules rules = {
       .pathSegments = {"api", "tags"},
-      .failureTail = ": g/api/tags",
       // A failed listing shows the exchange's text only; the body is not read.
       .gate = ListingRules::Gate::ExchangeFirst,
       .arrayKey = "models",
@@ -24,7 +23,6 @@ const ListingRules& listingRules() {
 
 const ChatRules& chatRules() {
   static const ChatRules rules = {.pathSegments = {"api", "chat"},
-                                  .failureTail = ": p/api/chat",
                                   .errorReader = obtainErrorMessage,
                                   .readReply = QORAssistant_OLLAMA::readMessage};
   return rules;
@@ -41,21 +39,18 @@ std::pair<std::vector<std::string>, std::string> QORAssistant_OLLAMA::obtainAvai
 }
 
 std::pair<IQORMessage*, std::string> QORAssistant_OLLAMA::addMessage(std::string text) {
-  const QORAssistantProperties& record = *properties;
-  if (record.model.empty()) return {nullptr, failure(kModelIsEmpty, chatRules().failureTail)};
-
-  YLJson body;
-  body.addKeyValue("model")->setStringValue(record.model);
-  body.addKeyValue("stream")->setBoolValue(false);
-  if (record.hasChanged("temperature")) {
-    body.addKeyValue("options")->addKeyValue("temperature")->setDoubleValue(record.temperature);
-  }
-  IYLJsonValue* messages = body.addKeyValue("messages");
-  messages->setArrayType();
-  // The instructions read the memory before the history does.
-  const std::string instructions = record.obtainCombinedInstructions();
-  appendConversation(messages, "system", instructions, obtainRecentHistory(*this), text);
-  return exchangeChat(*this, chatRules(), body, text);
+  return chat(*this, chatRules(), text, [](YLJson& body, const ChatTurn& turn) {
+    body.addKeyValue("model")->setStringValue(turn.record.model);
+    body.addKeyValue("stream")->setBoolValue(false);
+    if (turn.record.hasChanged("temperature")) {
+      body.addKeyValue("options")
+          ->addKeyValue("temperature")
+          ->setDoubleValue(turn.record.temperature);
+    }
+    IYLJsonValue* messages = body.addKeyValue("messages");
+    messages->setArrayType();
+    appendConversation(messages, "system", turn.instructions, turn.history, turn.text);
+  });
 }
 
 bool QORAssistant_OLLAMA::readMessage(const YLJsonValue& reply, std::string& text) {

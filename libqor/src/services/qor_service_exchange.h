@@ -24,7 +24,6 @@ struct ModelEntry {
 
 struct ListingRules {
   std::vector<std::string> pathSegments{};  // behind the host
-  std::string failureTail{};                // ": g/..." behind a sentence of the library's own
   YLParamList queryParams{};
 
   // What decides first. ReplyFirst: a reply without usable JSON ends with the exchange's text
@@ -51,7 +50,6 @@ struct ListingRules {
 
 struct ChatRules {
   std::vector<std::string> pathSegments{};
-  std::string failureTail{};  // ": p/..."
   YLParamList queryParams{};
   ErrorReader errorReader = nullptr;
   // Reads the reply's text; false when the reply has not the service's shape.
@@ -61,12 +59,31 @@ struct ChatRules {
 // The library's own failure sentence, translated by the host, with its untranslated tail.
 std::string failure(std::string_view sentence, std::string_view tail);
 
+// What goes behind a sentence of the library's own: ": ", 'g' for a GET or 'p' for a POST, "/",
+// and the request's path, as in ": g/v1/models".
+enum class Method : char { Get = 'g', Post = 'p' };
+std::string failureTail(Method method, const std::vector<std::string>& pathSegments);
+
 inline constexpr std::string_view kModelIsEmpty = "Model is empty";
 inline constexpr std::string_view kUnsupportedDataFormat = "Unsupported data format";
 inline constexpr std::string_view kInvalidResponse = "Invalid response";
 
 std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assistant,
                                                             const ListingRules& rules);
+
+// The shared parts of one chat, handed to the service that composes its body.
+struct ChatTurn {
+  const QORAssistantProperties& record;
+  const std::string& instructions;              // the combined instructions
+  const std::vector<QORHistoryEntry>& history;  // the recent history, oldest first
+  const std::string& text;                      // the user's new text
+};
+using ComposeBody = std::function<void(YLJson& body, const ChatTurn& turn)>;
+
+// The steps of every chat, in this order: an empty model fails at once; the instructions are read
+// from the memory, then the history; the service composes its body; exchangeChat posts it.
+std::pair<IQORMessage*, std::string> chat(QORAssistant& assistant, const ChatRules& rules,
+                                          const std::string& text, const ComposeBody& compose);
 
 // Posts the body and reads the reply. On success the message is made and the user's text and the
 // reply's text are added to the memory, in this order; on failure nothing changes.
