@@ -5,6 +5,20 @@
 // inside updateProperties, and sends the user's texts with addMessage. Everything the library hands
 // out is freed with QORFreeObject. Failures come back as texts: an empty text means success.
 //
+// A failure text can be as long as the largest reply the settings accept: most services' error
+// bodies are passed on whole when they hold no message of their own, so a service that answers a
+// 400 with 60 MiB of HTML gives a failure text of 60 MiB (YLRestGlobalSettings::maxResponseBytes,
+// 64 MiB by default, bounds it). A host cuts a failure text to a sensible length before it shows
+// it.
+//
+// Threads. Separate assistants, each with a pool of its own, may run at the same time, one thread
+// each, and so may the objects they hand out (messages, property copies) on the thread that uses
+// them. Each assistant is used by one thread at a time: two threads never call into the same
+// assistant, its property copies or its memory at once, and two assistants never share a pool.
+// YLHTTPPoolCenter::cancel() is the exception: any thread or a signal handler may call it while
+// the pool's assistant runs an exchange. QORSetHTTPSettings and QORRegisterCallback change what
+// every assistant reads: call them only while nothing else of the library runs, on any thread.
+//
 // Strings, lists, pairs and function objects cross the boundary by value, so the host must be
 // built with the same standard library as the library.
 
@@ -108,7 +122,8 @@ class IQORAssistant : public IQORObject {
   virtual IQORAssistantMemory* detachMemory() = 0;
   // Uses another memory from now on, which stays the caller's. Must not be null.
   virtual void attachMemory(IQORAssistantMemory* memory) = 0;
-  // The service's model names, or an empty list and the text of what failed.
+  // The service's model names, or an empty list and the text of what failed (which may be a
+  // service's whole error body: see the top of this file).
   virtual std::pair<std::vector<std::string>, std::string> obtainAvailableModels() = 0;
   // Calls the function once with the live properties, then brings the values into the service's
   // range. Returns the empty text. An empty function throws std::bad_function_call.
@@ -116,7 +131,8 @@ class IQORAssistant : public IQORObject {
   // A copy of the properties, owned by the caller. It shares the memory with the assistant.
   virtual IQORProperties* obtainProperties() = 0;
   // Sends one user text. Gives the reply, owned by the caller, and an empty text; or null and the
-  // text of what failed. The history grows only after a successful exchange.
+  // text of what failed (which may be a service's whole error body, up to the largest reply
+  // accepted: cut it for display). The history grows only after a successful exchange.
   virtual std::pair<IQORMessage*, std::string> addMessage(std::string text) = 0;
 };
 
@@ -149,9 +165,9 @@ QOR_EXPORT IQORAssistant* QORCreateAssistant(QORAssistantType type, IYLHTTPPoolC
 QOR_EXPORT void QORFreeObject(IQORObject* object);
 
 // Sets the callback that translates the library's own sentences; null removes it. Call while no
-// other call into the library runs.
+// other call into the library runs, on any thread: not while an assistant works on another one.
 QOR_EXPORT void QORRegisterCallback(QORCallback callback);
 
 // Copies the REST settings used by every assistant from its next exchange on. Call while no other
-// call into the library runs.
+// call into the library runs, on any thread: not while an assistant works on another one.
 QOR_EXPORT void QORSetHTTPSettings(const YLRestGlobalSettings& settings);

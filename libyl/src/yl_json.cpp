@@ -24,6 +24,12 @@
 #endif
 #include <rapidjson/reader.h>
 #include <rapidjson/stream.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+// The SAX handler that builds a document, defined below.
+struct YLJsonBuilder;
 
 namespace {
 
@@ -34,6 +40,20 @@ struct BytewiseInsituStream : rapidjson::InsituStringStream {
   using rapidjson::InsituStringStream::InsituStringStream;
 };
 
+// The reader's stack allocator, a type of its own so that the reader below is a type that only
+// this file uses: the two members it replaces (see further down) change nothing for any other
+// user of RapidJSON in the process.
+struct ReaderStackAllocator : rapidjson::CrtAllocator {};
+using DocumentReader =
+    rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, ReaderStackAllocator>;
+
+// Iterative: the parser keeps its own stack, so deep nesting cannot exhaust the call stack.
+// Standard JSON only: no comments, trailing commas, NaN or Infinity. In situ, strings and keys are
+// decoded inside the buffer and handed over there, never as copies. Numbers are read by
+// readNumber below, whatever the flags say about them.
+constexpr unsigned kParseFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag |
+                                 rapidjson::kParseStopWhenDoneFlag;
+
 }  // namespace
 
 namespace rapidjson {
@@ -41,6 +61,33 @@ template <>
 struct StreamTraits<BytewiseInsituStream> {
   enum { copyOptimization = 1 };
 };
+
+// RapidJSON 1.1 reads some valid numbers wrong: a zero with a large exponent ("0e+300") comes out
+// as garbage, a zero with an exponent above 308 ("0e309") or an integer part of more than 308
+// digits is refused, and its own conversion is not always correctly rounded. Its number reader is
+// replaced, for this reader and its two streams only, by readNumber.
+template <>
+template <>
+void DocumentReader::ParseNumber<kParseFlags, InsituStringStream, YLJsonBuilder>(
+    InsituStringStream& is, YLJsonBuilder& handler);
+template <>
+template <>
+void DocumentReader::ParseNumber<kParseFlags, BytewiseInsituStream, YLJsonBuilder>(
+    BytewiseInsituStream& is, YLJsonBuilder& handler);
+
+namespace internal {
+// The reader's stack starts without memory, and its first push computes "null + size" to compare
+// with its end: undefined behaviour, which UndefinedBehaviorSanitizer reports at the first array or
+// object of every parse. The iterative parser pushes nothing but SizeType; this version compares
+// sizes instead and never offsets a null pointer.
+template <>
+template <>
+inline void Stack<ReaderStackAllocator>::Reserve<SizeType>(size_t count) {
+  const size_t wanted = sizeof(SizeType) * count;
+  if (stack_ == nullptr || static_cast<size_t>(stackEnd_ - stackTop_) < wanted)
+    Expand<SizeType>(count);
+}
+}  // namespace internal
 }  // namespace rapidjson
 
 namespace {
@@ -277,6 +324,121 @@ bool isJsonSpace(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
+// RapidJSON's 16-byte string scanners stop at bytes up to 0x19 instead of 0x1F, so inside a string
+// they let the raw bytes 0x1A to 0x1F through, which its byte-by-byte code rightly refuses. No
+// JSON text holds such a byte anywhere, in a string or outside one, so a text with one is refused
+// before it meets the wide scanners: both ways of parsing then agree on every text.
+bool holdsByteThatWideScansMiss(const char* bytes, std::size_t size) {
+  std::size_t i = 0;
+#if defined(__SSE2__)
+  const __m128i low = _mm_set1_epi8(0x1A);
+  const __m128i high = _mm_set1_epi8(0x1F);
+  for (; i + 16 <= size; i += 16) {
+    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
+    // Unsigned low <= c <= high: max(c, low) == c and min(c, high) == c.
+    const __m128i inRange = _mm_and_si128(_mm_cmpeq_epi8(_mm_max_epu8(chunk, low), chunk),
+                                          _mm_cmpeq_epi8(_mm_min_epu8(chunk, high), chunk));
+    if (_mm_movemask_epi8(inRange) != 0) return true;
+  }
+#endif
+  for (; i < size; ++i) {
+    if (static_cast<unsigned char>(bytes[i] - 0x1A) < 6) return true;
+  }
+  return false;
+}
+
+bool isDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+// What readNumber came to: no error, or RapidJSON's code for one and its offset in the text.
+struct NumberRead {
+  rapidjson::ParseErrorCode error = rapidjson::kParseErrorNone;
+  std::size_t offset = 0;
+};
+
+// Reads the JSON number at the stream's position, moves the stream past it and hands it to the
+// handler: an integer that fits 64 bits, signed or else unsigned, as such; any other number as the
+// double that std::strtod gives for its text (correctly rounded, independent of the locale). A
+// number too large for a double is refused; one too small for it becomes a zero of its sign.
+template <typename Stream, typename Handler>
+NumberRead readNumber(Stream& is, Handler& handler) {
+  char* const start = is.src_;
+  const auto offsetOf = [&is](const char* at) { return static_cast<std::size_t>(at - is.head_); };
+  char* p = start;
+  const bool minus = *p == '-';
+  if (minus) ++p;
+  // The number's order of magnitude, should the conversion find it out of range: the digits of the
+  // integer part without a lone zero, else the zeros that start the fraction, and the exponent.
+  std::int64_t integerDigits = 0;
+  std::int64_t fractionZeros = 0;
+  std::int64_t exponent = 0;
+  if (*p == '0') {
+    ++p;
+  } else if (*p >= '1' && *p <= '9') {
+    const char* first = p;
+    while (isDigit(*p))
+      ++p;
+    integerDigits = p - first;
+  } else {
+    return {rapidjson::kParseErrorValueInvalid, offsetOf(p)};
+  }
+  bool integral = true;
+  if (*p == '.') {
+    ++p;
+    if (!isDigit(*p)) return {rapidjson::kParseErrorNumberMissFraction, offsetOf(p)};
+    const char* first = p;
+    while (*p == '0')
+      ++p;
+    fractionZeros = p - first;
+    while (isDigit(*p))
+      ++p;
+    integral = false;
+  }
+  if (*p == 'e' || *p == 'E') {
+    ++p;
+    const bool negative = *p == '-';
+    if (*p == '+' || *p == '-') ++p;
+    if (!isDigit(*p)) return {rapidjson::kParseErrorNumberMissExponent, offsetOf(p)};
+    // Far beyond any double's range, and far from overflowing the sums below.
+    constexpr std::int64_t kExponentCap = std::int64_t{1} << 40;
+    for (; isDigit(*p); ++p) {
+      if (exponent < kExponentCap) exponent = exponent * 10 + (*p - '0');
+    }
+    if (negative) exponent = -exponent;
+    integral = false;
+  }
+  is.src_ = p;
+
+  const auto handed = [&](bool accepted) {
+    return NumberRead{accepted ? rapidjson::kParseErrorNone : rapidjson::kParseErrorTermination,
+                      offsetOf(start)};
+  };
+  if (integral) {
+    std::int64_t signedValue = 0;
+    const auto asSigned = std::from_chars(start, p, signedValue);
+    if (asSigned.ec == std::errc() && asSigned.ptr == p) return handed(handler.Int64(signedValue));
+    std::uint64_t unsignedValue = 0;
+    const auto asUnsigned = std::from_chars(start, p, unsignedValue);
+    if (asUnsigned.ec == std::errc() && asUnsigned.ptr == p)
+      return handed(handler.Uint64(unsignedValue));
+  }
+  double value = 0.0;
+  const auto asDouble = std::from_chars(start, p, value);
+  if (asDouble.ptr != p) return {rapidjson::kParseErrorValueInvalid, offsetOf(start)};
+  if (asDouble.ec == std::errc::result_out_of_range) {
+    // The power of ten of the first significant digit; the digits are not all zeros, or the
+    // number would be in range.
+    const std::int64_t magnitude =
+        (integerDigits > 0 ? integerDigits - 1 : -(fractionZeros + 1)) + exponent;
+    if (magnitude >= 0) return {rapidjson::kParseErrorNumberTooBig, offsetOf(start)};
+    value = minus ? -0.0 : 0.0;
+  } else if (asDouble.ec != std::errc()) {
+    return {rapidjson::kParseErrorValueInvalid, offsetOf(start)};
+  }
+  return handed(handler.Double(value));
+}
+
 }  // namespace
 
 // Where a document keeps its text and its values: blocks that live as long as the document, so
@@ -298,11 +460,12 @@ struct YLJson::Arena {
 
   // Frees everything, the text too: the arena is as new.
   void release() {
+    // The unsized forms: clang declares the sized ones only with -fsized-deallocation.
     for (const Block& block : blocks) {
       if (block.aligned) {
-        ::operator delete (block.memory, block.bytes, std::align_val_t{kSegmentBytes});
+        ::operator delete (block.memory, std::align_val_t{kSegmentBytes});
       } else {
-        ::operator delete(block.memory, block.bytes);
+        ::operator delete(block.memory);
       }
     }
     std::vector<Block>().swap(blocks);
@@ -907,6 +1070,7 @@ struct YLJsonBuilder {
     const auto start = reinterpret_cast<std::uintptr_t>(text.data());
     const std::size_t lastLoaded = ((start + size) | kWideLoadSlack) - start;
     if (lastLoaded <= text.capacity()) {
+      if (holdsByteThatWideScansMiss(text.data(), size)) return false;
       text.resize(lastLoaded);  // zeros within the capacity: no reallocation
       return parseWith<rapidjson::InsituStringStream>(document, size);
     }
@@ -918,16 +1082,10 @@ struct YLJsonBuilder {
     Arena& arena = *document.arena_;
     char* buffer = arena.text.data();
     arena.parseSize = size;
-    // Iterative: the parser keeps its own stack, so deep nesting cannot exhaust the call stack.
-    // Standard JSON only: no comments, trailing commas, NaN or Infinity. In situ, strings and keys
-    // are decoded inside the buffer and handed over there, never as copies.
-    constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag |
-                                rapidjson::kParseFullPrecisionFlag |
-                                rapidjson::kParseStopWhenDoneFlag;
     Stream stream(buffer);
     YLJsonBuilder builder(document, buffer);
-    rapidjson::Reader reader;
-    const bool failed = reader.Parse<kFlags>(stream, builder).IsError();
+    DocumentReader reader;
+    const bool failed = reader.Parse<kParseFlags>(stream, builder).IsError();
     arena.parseSize = 0;
     arena.parsePosition = 0;
     arena.parseWaiting = 0;
@@ -952,6 +1110,7 @@ struct YLJsonBuilder {
     return add(Encoded{makeWord(kUint64), storeNumber(arena_, value)});
   }
   bool Double(double value) { return add(encodeDouble(arena_, value)); }
+  // Numbers come through readNumber, never raw.
   bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
   bool String(const char* bytes, rapidjson::SizeType size, bool) {
     arena_.parsePosition = offsetOf(bytes);
@@ -1158,6 +1317,24 @@ struct YLJsonBuilder {
   std::uint32_t keyOffset_ = 0;
   std::uint32_t keySize_ = 0;
 };
+
+namespace rapidjson {
+template <>
+template <>
+void DocumentReader::ParseNumber<kParseFlags, InsituStringStream, YLJsonBuilder>(
+    InsituStringStream& is, YLJsonBuilder& handler) {
+  const NumberRead read = readNumber(is, handler);
+  if (read.error != kParseErrorNone) SetParseError(read.error, read.offset);
+}
+
+template <>
+template <>
+void DocumentReader::ParseNumber<kParseFlags, BytewiseInsituStream, YLJsonBuilder>(
+    BytewiseInsituStream& is, YLJsonBuilder& handler) {
+  const NumberRead read = readNumber(is, handler);
+  if (read.error != kParseErrorNone) SetParseError(read.error, read.offset);
+}
+}  // namespace rapidjson
 
 // ---- YLJsonValue ----------------------------------------------------------------------------
 

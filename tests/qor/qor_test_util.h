@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <ctime>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <utility>
@@ -147,14 +147,21 @@ inline const auto failed = [](std::string text) { return Outcome{false, std::mov
 // the reply to the memory; a failure gives no message and leaves the memory as it was.
 inline void expectChat(IQORAssistant& assistant, const Outcome& expected) {
   Turns history = historyOf(assistant);
-  const std::int64_t before = std::time(nullptr);
+  // The clock the library reads, not time(): glibc's time() reads a coarse clock that can lag a
+  // tick behind it.
+  const auto now = [] {
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
+  };
+  const std::int64_t before = now();
   auto [message, failure] = chat(assistant, "q");
   EXPECT_EQ(failure, expected.replied ? std::string() : expected.text);
   EXPECT_EQ(message != nullptr, expected.replied);
   if (message != nullptr && expected.replied) {
     EXPECT_EQ(message->obtainRole(), 1);
     EXPECT_GE(message->obtainCreationTime(), before);
-    EXPECT_LE(message->obtainCreationTime(), std::time(nullptr));
+    EXPECT_LE(message->obtainCreationTime(), now());
     ASSERT_EQ(message->obtainSections().size(), 1u);
     EXPECT_EQ(message->obtainSections()[0]->obtainSectionType(), kQORMessageSectionText);
     EXPECT_EQ(message->obtainSections()[0]->obtainText(), expected.text);

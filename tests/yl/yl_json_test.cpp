@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <clocale>
+#include <cmath>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -211,6 +214,96 @@ TEST(Json, ParsingInPlaceGivesTheSameDocument) {
   EXPECT_EQ(named, R"({"a":"b"})") << "a string that is still needed is copied, never taken";
   EXPECT_TRUE(YLJson("[true]").obtainArrayItem(0)->obtainBoolValue());
   EXPECT_FALSE(YLJson(static_cast<const char*>(nullptr)).getIsValidJson());
+}
+
+TEST(Json, NumbersReadAsStrtodReadsTheirText) {
+  // Zeros with any exponent, the ends of the double range, correctly rounded halfway cases, long
+  // mantissas and exponents: the value is what strtod gives for the same text, a number beyond the
+  // largest double is refused, and one below the smallest becomes a zero of its sign.
+  const std::string thousandDigits = "1" + std::string(999, '0');
+  const std::string numbers[] = {"0e+300",
+                                 "0.000e308",
+                                 "-0e-300",
+                                 "0e309",
+                                 "0E400",
+                                 "-0.0e99999999999999999999",
+                                 "0e-400",
+                                 "1e308",
+                                 "1.7976931348623157e308",
+                                 "1.7976931348623158e308",
+                                 "1.7976931348623159e308",
+                                 "-1.7976931348623159e308",
+                                 "1e309",
+                                 "0.1e310",
+                                 "1e99999999999999999999",
+                                 "2.2250738585072014e-308",
+                                 "2.2250738585072011e-308",
+                                 "4.9406564584124654e-324",
+                                 "2.4703282292062328e-324",
+                                 "2.4703282292062327e-324",
+                                 "1e-400",
+                                 "-1e-400",
+                                 "1e-99999999999999999999",
+                                 "9007199254740993.0",
+                                 "9007199254740993e0",
+                                 "0.30000000000000004",
+                                 "123456789012345678901234567890",
+                                 "-123456789012345678901234567890e-10",
+                                 thousandDigits,
+                                 thousandDigits + "e-999",
+                                 thousandDigits + ".5e-1000",
+                                 "0." + std::string(400, '0') + "1e400",
+                                 "0." + thousandDigits,
+                                 "1" + std::string(400, '0') + "e-390",
+                                 "18446744073709551616",
+                                 "-9223372036854775809",
+                                 "1.00000000000000011102230246251565404236316680908203125",
+                                 "1.00000000000000011102230246251565404236316680908203124"};
+  for (const std::string& number : numbers) {
+    const double expected = std::strtod(number.c_str(), nullptr);
+    const std::string written = reformat("[" + number + "]");
+    if (!std::isfinite(expected)) {
+      EXPECT_EQ(written, "<invalid>") << number;
+      continue;
+    }
+    const YLJson document(number);
+    ASSERT_TRUE(document.getIsValidJson()) << number;
+    const double read = document.obtainDoubleValue();
+    EXPECT_EQ(read, expected) << number;
+    EXPECT_EQ(std::signbit(read), std::signbit(expected)) << number;
+    EXPECT_EQ(YLJson(written).obtainArrayItem(0)->obtainDoubleValue(), read) << number;
+  }
+  EXPECT_EQ(reformat("[0e+300,0.000e308,-0e-300,-1e-400,0e309]"), "[0.0,0.0,-0.0,-0.0,0.0]");
+  // Integers that fit 64 bits stay exact; anything else of the grammar is refused as before.
+  EXPECT_EQ(reformat("[-0,9223372036854775807,-9223372036854775808,18446744073709551615]"),
+            "[0,9223372036854775807,-9223372036854775808,18446744073709551615]");
+  for (const char* text : {"-", "1.", ".5", "1e", "1e+", "-e1", "+1", "0x10", "1.e5", "--1", "00",
+                           "01.5", "1ee5", "[1.5.5]", "[-]", "[1e-]", "Infinity", "[-0x]"}) {
+    EXPECT_EQ(reformat(text), "<invalid>") << text;
+  }
+}
+
+TEST(Json, ControlBytesAreRefusedWhateverBufferHoldsTheText) {
+  // A raw byte below 0x20 is never JSON. It is refused at every place in a string, as a key and
+  // outside strings, whether the text is parsed from a copy or in place, whatever its alignment;
+  // the escaped form is accepted.
+  for (int byte = 1; byte < 0x20; ++byte) {
+    const std::string raw(1, static_cast<char>(byte));
+    char escaped[8];
+    std::snprintf(escaped, sizeof escaped, "\\u%04x", byte);
+    for (std::size_t pad = 0; pad < 48; ++pad) {
+      const std::string a(pad, 'a');
+      EXPECT_EQ(reformat("[\"" + a + raw + "\"]"), "<invalid>") << byte << " " << pad;
+      EXPECT_EQ(reformat("{\"" + a + raw + "\":1}"), "<invalid>") << byte << " " << pad;
+      YLJson built;
+      built.addArrayItem()->setStringValue(a + raw);
+      EXPECT_EQ(reformat("[\"" + a + escaped + "\"]"), built.obtainJsonString()) << byte;
+    }
+    if (byte != '\t' && byte != '\n' && byte != '\r') {
+      EXPECT_EQ(reformat("[1," + raw + "2]"), "<invalid>") << byte;
+      EXPECT_EQ(reformat("[1]" + raw), "<invalid>") << byte;
+    }
+  }
 }
 
 TEST(Json, ParsedDocumentStaysCompact) {

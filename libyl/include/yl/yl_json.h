@@ -2,11 +2,17 @@
 // JSON documents: a tree of values whose addresses never change while the document lives, and
 // whose objects keep their members in insertion order.
 //
-// Parsing never throws. It accepts any bytes inside strings (invalid UTF-8 is passed through
-// unchanged), lets the last of duplicate keys win as ECMAScript does (the member keeps the place
-// of its first occurrence), and rejects nesting deeper than YLJson::kMaxDepth: such a text gives
-// an invalid document, never a crash. A \u escape of a high surrogate must be followed by its low
-// partner, or the text is invalid; a lone low surrogate is kept as its three-byte form.
+// Parsing never throws. It accepts any bytes of 0x20 and above inside strings (invalid UTF-8 is
+// passed through unchanged) and refuses a raw control byte below 0x20 anywhere but as white space,
+// as JSON requires, lets the last of duplicate keys win as ECMAScript does (the member keeps the
+// place of its first occurrence), and rejects nesting deeper than YLJson::kMaxDepth: such a text
+// gives an invalid document, never a crash. A \u escape of a high surrogate must be followed by
+// its low partner, or the text is invalid; a lone low surrogate is kept as its three-byte form.
+// A number without a fraction or an exponent that fits 64 bits, signed or else unsigned, is kept
+// as that integer; any other number is the double that std::strtod gives for its text in the C
+// locale (correctly rounded; one too small for a double is a zero of its sign), and a number
+// beyond the range of a double makes the text invalid. The verdict and the document are the same
+// whichever constructor parses the text and whatever buffer holds it.
 //
 // Writing gives compact JSON (no white space). Only what JSON requires is escaped: the quote, the
 // backslash and control bytes below 0x20; every other byte is passed through. Integers are written

@@ -1,0 +1,133 @@
+// The reply and error-body readers of the seven services, for a chat and a listing. The first byte
+// of an input picks the service, the exchange and the HTTP status; the rest is the body. A request
+// hook answers every request with that reply, so nothing goes to the network: each input runs the
+// library's whole path from the client's handling of the reply to the text the host gets.
+//
+// For any reply:
+// - a chat gives a message or a failure text, never both and never neither; a message is one text
+//   section of the assistant; a success adds the question and that text to the history, a failure
+//   leaves it as it was;
+// - a listing that fails gives no names;
+// - a failure text is at most the body and one of the library's sentences.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fuzz_support.h"
+#include "qor.h"
+#include "yl/yl.h"
+
+namespace {
+
+using qorfuzz::check;
+
+constexpr QORAssistantType kTypes[] = {QORAssistantType::OPENAI_v1, QORAssistantType::GOOGLE,
+                                       QORAssistantType::DEEPSEEK,  QORAssistantType::OLLAMA,
+                                       QORAssistantType::X,         QORAssistantType::ANTHROPIC,
+                                       QORAssistantType::ALIBABA};
+constexpr std::size_t kServiceCount = std::size(kTypes);
+constexpr long kStatuses[] = {200, 400, 401, 404, 429, 500, 503, 302};
+
+// The reply the hook gives for the request in flight.
+long replyStatus = 200;
+std::string replyBody;
+
+// A memory that starts every input with the same two turns.
+class Memory final : public IQORAssistantMemory {
+ public:
+  void setDatabaseStructure(const std::string& structure) override { structure_ = structure; }
+  std::string obtainDatabaseStructure() override { return structure_; }
+  void addHistoryEntry(ChatRole role, const std::string& text) override {
+    history.push_back({role, text});
+  }
+  std::vector<QORHistoryEntry> obtainHistory(std::int32_t) override { return history; }
+  std::vector<QORHistoryEntry> history;
+
+ private:
+  std::string structure_;
+};
+
+struct FreeObject {
+  void operator()(IQORObject* object) const { QORFreeObject(object); }
+};
+
+struct Service {
+  Memory memory;
+  // Freed at exit, before the leak check, and before its memory.
+  std::unique_ptr<IQORAssistant, FreeObject> assistant;
+};
+
+std::vector<std::unique_ptr<Service>>& services() {
+  static std::vector<std::unique_ptr<Service>> all;
+  return all;
+}
+
+bool sameHistory(const std::vector<QORHistoryEntry>& a, const std::vector<QORHistoryEntry>& b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (a[i].role != b[i].role || a[i].text != b[i].text) return false;
+  }
+  return true;
+}
+
+void ignoreAssertion(const char*, const char*) {}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  ylSetAssertionHandler(&ignoreAssertion);
+  YLRestGlobalSettings settings;
+  settings.maxResponseBytes = std::size_t{1} << 20;
+  settings.requestHook = [](const YLPreparedRequest&) -> std::optional<YLStandInReply> {
+    return YLStandInReply{replyStatus, {}, replyBody};
+  };
+  QORSetHTTPSettings(settings);
+  for (QORAssistantType type : kTypes) {
+    auto service = std::make_unique<Service>();
+    service->assistant.reset(QORCreateAssistant(type, new YLHTTPPoolCenter, "key",
+                                                "http://127.0.0.1:9", &service->memory));
+    service->assistant->updateProperties(
+        [](IQORProperties* p) { p->setValue("model", YLVariant("m")); });
+    services().push_back(std::move(service));
+  }
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0) return 0;
+  const unsigned selector = data[0];
+  Service& service = *services()[selector % kServiceCount];
+  const bool chat = (selector / kServiceCount) % 2 == 0;
+  replyStatus = kStatuses[(selector / (2 * kServiceCount)) % std::size(kStatuses)];
+  replyBody.assign(reinterpret_cast<const char*>(data) + 1, size - 1);
+  // The longest sentence of the library's own with its tail, and then some.
+  const std::size_t longestFailure = replyBody.size() + 256;
+
+  if (chat) {
+    service.memory.history = {{kChatRoleUser, "before"}, {kChatRoleAssistant, "answer"}};
+    const std::vector<QORHistoryEntry> before = service.memory.history;
+    const auto [message, failure] = service.assistant->addMessage("question");
+    check((message != nullptr) != !failure.empty(), "a message or a failure text, not both");
+    check(failure.size() <= longestFailure, "a failure text is the body or a sentence", failure);
+    if (message == nullptr) {
+      check(sameHistory(service.memory.history, before), "a failure leaves the history alone");
+      return 0;
+    }
+    check(message->obtainRole() == kChatRoleAssistant, "a reply is the assistant's");
+    check(message->obtainSections().size() == 1, "a reply is one section");
+    const std::string text(message->obtainSections()[0]->obtainText());
+    std::vector<QORHistoryEntry> after = before;
+    after.push_back({kChatRoleUser, "question"});
+    after.push_back({kChatRoleAssistant, text});
+    check(sameHistory(service.memory.history, after), "a success adds the question and reply");
+    QORFreeObject(message);
+  } else {
+    const auto [names, failure] = service.assistant->obtainAvailableModels();
+    check(failure.empty() || names.empty(), "a failed listing gives no names", failure);
+    check(failure.size() <= longestFailure, "a failure text is the body or a sentence", failure);
+  }
+  return 0;
+}

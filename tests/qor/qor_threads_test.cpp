@@ -1,0 +1,93 @@
+// What qor.h allows to run at once: separate assistants, each with its own pool, on threads of
+// their own. The tsan preset runs this under ThreadSanitizer (.ci/run), which reports any race.
+//
+// The service is the raw loopback server, built with the tests and so watched by ThreadSanitizer
+// as well: the HTTP library behind the other loopback server is not instrumented, and its own
+// threads draw reports that say nothing about this library.
+
+#include <atomic>
+#include <map>
+#include <thread>
+#include <vector>
+
+#include "qor_test_util.h"
+#include "support/raw_server.h"
+
+namespace {
+
+using namespace qortest;
+
+const char* const kStructure =
+    R"~([{"catalog_name":"shop","schemas":[{"schema_name":"s","tables":[{"name":"t",)~"
+    R"~("fields":[{"name":"id","type":"int"}],"pkeys":["id"]}]}]}])~";
+
+struct Service {
+  QORAssistantType type;
+  const char* modelsPath;
+  const char* modelsFile;
+  std::size_t modelCount;
+  const char* chatPath;  // for the model "m"
+  const char* chatFile;
+  const char* reply;
+};
+
+const Service kServices[] = {
+    {QORAssistantType::OPENAI_v1, "/v1/models", "openai/models.json", 119, "/v1/chat/completions",
+     "openai/chat_simple.json", "Hello! How can I assist you today?"},
+    {QORAssistantType::GOOGLE, "/v1beta/models", "gemini/models.json", 30,
+     "/v1beta/models/m:generateContent", "gemini/chat_simple_recorded.json", "2 + 2 = **4**"},
+};
+
+TEST(Threads, TwoAssistantsWithTheirOwnPoolsChatAndListAtOnce) {
+  constexpr int kRounds = 10;
+  std::map<std::string, std::string> replies;  // by method and path
+  for (const Service& service : kServices) {
+    replies[std::string("GET ") + service.modelsPath] = readWireFile(service.modelsFile);
+    replies[std::string("POST ") + service.chatPath] = readWireFile(service.chatFile);
+  }
+  RawServer server([&replies](RawConnection& connection, const RawRequest& request) {
+    const std::string path = request.target.substr(0, request.target.find('?'));
+    const auto found = replies.find(request.method + " " + path);
+    if (found == replies.end()) return httpReply(404, "", "text/plain")(connection, request);
+    httpReply(200, found->second)(connection, request);
+  });
+
+  // Both threads start their exchanges together, so that they overlap from the first one on.
+  std::atomic<int> ready{0};
+  std::vector<std::thread> threads;
+  for (const Service& service : kServices) {
+    threads.emplace_back([&server, &ready, service] {
+      AssistantPtr assistant = create(service.type, server.baseUrl());
+      assistant->updateProperties([](IQORProperties* p) {
+        p->setValue("model", YLVariant("m"));
+        p->setValue("db_structure", YLVariant(kStructure));
+        p->setValue("user_instructions", YLVariant("Answer in SQL."));
+      });
+      ++ready;
+      while (ready < static_cast<int>(std::size(kServices)))
+        std::this_thread::yield();
+      for (int round = 0; round < kRounds; ++round) {
+        const auto [models, failure] = assistant->obtainAvailableModels();
+        EXPECT_EQ(failure, "");
+        EXPECT_EQ(models.size(), service.modelCount);
+        auto [message, chatFailure] = chat(*assistant, "q" + std::to_string(round));
+        EXPECT_EQ(chatFailure, "");
+        ASSERT_NE(message, nullptr);
+        EXPECT_EQ(message->obtainSections()[0]->obtainText(), service.reply);
+      }
+      // Every exchange of this assistant is in its own history, and nothing of the other's.
+      const Turns history = historyOf(*assistant);
+      ASSERT_EQ(history.size(), 2u * kRounds);
+      for (int round = 0; round < kRounds; ++round) {
+        EXPECT_EQ(history[2 * round],
+                  Turns::value_type(kChatRoleUser, "q" + std::to_string(round)));
+        EXPECT_EQ(history[2 * round + 1], Turns::value_type(kChatRoleAssistant, service.reply));
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(server.requestCount(), std::size(kServices) * 2 * kRounds);
+}
+
+}  // namespace

@@ -1,0 +1,299 @@
+#include "support/raw_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace qortest {
+
+namespace {
+
+constexpr auto kSlice = std::chrono::milliseconds(20);
+
+// Waits for the socket to become readable (or closed) in short slices, so that a stop is noticed.
+bool waitReadable(int fd, const std::atomic<bool>& stopping,
+                  std::chrono::milliseconds limit = std::chrono::hours(1)) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!stopping && std::chrono::steady_clock::now() < end) {
+    pollfd entry{fd, POLLIN, 0};
+    const int ready = ::poll(&entry, 1, static_cast<int>(kSlice.count()));
+    if (ready > 0) return true;
+    if (ready < 0 && errno != EINTR) return false;
+  }
+  return false;
+}
+
+std::string reasonFor(int status) {
+  switch (status) {
+    case 200:
+      return "OK";
+    case 400:
+      return "Bad Request";
+    case 404:
+      return "Not Found";
+    default:
+      return "Status";
+  }
+}
+
+// The value of a header in a request head, compared without case; empty if absent.
+std::string headerValue(const std::string& head, std::string_view name) {
+  std::size_t line = head.find("\r\n");
+  while (line != std::string::npos && line + 2 < head.size()) {
+    const std::size_t start = line + 2;
+    const std::size_t end = head.find("\r\n", start);
+    const std::string_view text(head.data() + start,
+                                (end == std::string::npos ? head.size() : end) - start);
+    const std::size_t colon = text.find(':');
+    if (colon == name.size() && strncasecmp(text.data(), name.data(), name.size()) == 0) {
+      std::string_view value = text.substr(colon + 1);
+      while (!value.empty() && value.front() == ' ')
+        value.remove_prefix(1);
+      return std::string(value);
+    }
+    line = end;
+  }
+  return {};
+}
+
+}  // namespace
+
+bool RawConnection::send(std::string_view bytes) {
+  while (!bytes.empty()) {
+    if (stopping_) return false;
+    const ssize_t sent = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(sent));
+  }
+  return true;
+}
+
+std::size_t RawConnection::sendWhileTaken(const std::function<std::string()>& next,
+                                          std::size_t limit) {
+  std::size_t total = 0;
+  while (total < limit) {
+    const std::string piece = next();
+    if (!send(piece)) break;
+    total += piece.size();
+  }
+  return total;
+}
+
+bool RawConnection::waitForPeerClose(std::chrono::milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  char sink[4096];
+  while (std::chrono::steady_clock::now() < end) {
+    if (!waitReadable(fd_, stopping_,
+                      std::chrono::duration_cast<std::chrono::milliseconds>(
+                          end - std::chrono::steady_clock::now())))
+      return false;
+    const ssize_t got = ::recv(fd_, sink, sizeof sink, 0);
+    if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN)) return true;
+  }
+  return false;
+}
+
+void RawConnection::reset() {
+  // A zero linger time makes close send a reset and drop what is unsent.
+  const linger abort{1, 0};
+  ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+  keepOpen_ = false;
+}
+
+RawBehaviour httpReply(int status, std::string body, std::string contentType) {
+  return [status, body = std::move(body), contentType = std::move(contentType)](
+             RawConnection& connection, const RawRequest&) {
+    const std::string head = "HTTP/1.1 " + std::to_string(status) + " " + reasonFor(status) +
+                             "\r\nContent-Type: " + contentType +
+                             "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+    if (connection.send(head) && connection.send(body)) connection.keepOpen();
+  };
+}
+
+struct RawServer::Impl {
+  int listenFd = -1;
+  std::atomic<bool> stopping{false};
+  std::thread acceptor;
+  mutable std::mutex mutex;
+  std::vector<std::thread> workers;
+  std::set<int> open;  // connections not yet closed, to shut down at the stop
+  std::deque<RawBehaviour> queue;
+  RawBehaviour fallback;
+  std::size_t requests = 0;
+  std::size_t connections = 0;
+
+  ~Impl() {
+    stopping = true;
+    if (acceptor.joinable()) acceptor.join();
+    {
+      std::lock_guard lock(mutex);
+      for (int fd : open)
+        ::shutdown(fd, SHUT_RDWR);
+    }
+    // No worker is added once the acceptor has stopped.
+    for (std::thread& worker : workers)
+      worker.join();
+    if (listenFd >= 0) ::close(listenFd);
+  }
+
+  void acceptLoop() {
+    while (!stopping) {
+      if (!waitReadable(listenFd, stopping)) continue;
+      const int fd = ::accept(listenFd, nullptr, nullptr);
+      if (fd < 0) continue;
+      std::lock_guard lock(mutex);
+      open.insert(fd);
+      ++connections;
+      workers.emplace_back([this, fd] { serve(fd); });
+    }
+  }
+
+  // Reads one request into request, keeping what follows it in pending; false when the peer
+  // closed or the server stops first.
+  bool readRequest(int fd, std::string& pending, RawRequest& request) {
+    std::size_t headEnd;
+    char buffer[16384];
+    while ((headEnd = pending.find("\r\n\r\n")) == std::string::npos) {
+      if (!waitReadable(fd, stopping)) return false;
+      const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
+      if (got <= 0) return false;
+      pending.append(buffer, static_cast<std::size_t>(got));
+    }
+    request.head = pending.substr(0, headEnd);
+    const std::size_t space = request.head.find(' ');
+    request.method = request.head.substr(0, space);
+    request.target = request.head.substr(space + 1, request.head.find(' ', space + 1) - space - 1);
+    const std::string length = headerValue(request.head, "Content-Length");
+    const std::size_t bodySize = length.empty() ? 0 : std::stoul(length);
+    pending.erase(0, headEnd + 4);
+    while (pending.size() < bodySize) {
+      if (!waitReadable(fd, stopping)) return false;
+      const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
+      if (got <= 0) return false;
+      pending.append(buffer, static_cast<std::size_t>(got));
+    }
+    request.body = pending.substr(0, bodySize);
+    pending.erase(0, bodySize);
+    return true;
+  }
+
+  void serve(int fd) {
+    std::string pending;
+    for (;;) {
+      RawRequest request;
+      if (!readRequest(fd, pending, request)) break;
+      RawBehaviour behaviour;
+      {
+        std::lock_guard lock(mutex);
+        ++requests;
+        if (queue.empty()) {
+          behaviour = fallback;
+        } else {
+          behaviour = std::move(queue.front());
+          queue.pop_front();
+        }
+      }
+      RawConnection connection(fd, stopping);
+      behaviour(connection, request);
+      if (!connection.keptOpen()) break;
+    }
+    std::lock_guard lock(mutex);
+    open.erase(fd);
+    ::close(fd);
+  }
+};
+
+RawServer::RawServer(RawBehaviour fallback) : impl_(std::make_unique<Impl>()) {
+  impl_->fallback = std::move(fallback);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  impl_->listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (impl_->listenFd < 0 ||
+      ::bind(impl_->listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(impl_->listenFd, 16) != 0 ||
+      ::getsockname(impl_->listenFd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    throw std::runtime_error("raw server: cannot listen on 127.0.0.1");
+  }
+  port_ = ntohs(address.sin_port);
+  impl_->acceptor = std::thread([impl = impl_.get()] { impl->acceptLoop(); });
+}
+
+RawServer::~RawServer() = default;
+
+void RawServer::enqueue(RawBehaviour behaviour) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->queue.push_back(std::move(behaviour));
+}
+
+void RawServer::setFallback(RawBehaviour behaviour) {
+  std::lock_guard lock(impl_->mutex);
+  impl_->fallback = std::move(behaviour);
+}
+
+std::size_t RawServer::requestCount() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->requests;
+}
+
+std::size_t RawServer::connectionCount() const {
+  std::lock_guard lock(impl_->mutex);
+  return impl_->connections;
+}
+
+std::function<std::string()> endlessGzipOfZeros() {
+  struct Bits {
+    std::uint64_t pending = 0;
+    int count = 0;
+    bool started = false;
+  };
+  auto bits = std::make_shared<Bits>();
+  return [bits] {
+    std::string out;
+    // Values go in least significant bit first; Huffman codes most significant bit first.
+    const auto put = [&](std::uint32_t value, int width) {
+      bits->pending |= std::uint64_t{value} << bits->count;
+      bits->count += width;
+      for (; bits->count >= 8; bits->count -= 8) {
+        out.push_back(static_cast<char>(bits->pending & 0xFF));
+        bits->pending >>= 8;
+      }
+    };
+    const auto putCode = [&](std::uint32_t code, int width) {
+      std::uint32_t reversed = 0;
+      for (int i = 0; i < width; ++i)
+        reversed |= ((code >> i) & 1u) << (width - 1 - i);
+      put(reversed, width);
+    };
+    if (!bits->started) {
+      bits->started = true;
+      out.assign("\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03", 10);  // gzip header, deflate
+      put(1, 1);         // the final block, which never ends
+      put(1, 2);         // fixed Huffman codes
+      putCode(0x30, 8);  // literal 0
+    }
+    for (int i = 0; i < 40000; ++i) {
+      putCode(0xC5, 8);  // length code 285: 258 bytes
+      putCode(0x00, 5);  // distance code 0: distance 1
+    }
+    return out;
+  };
+}
+
+}  // namespace qortest

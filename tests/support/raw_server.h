@@ -1,0 +1,85 @@
+#pragma once
+// A service on 127.0.0.1 that writes raw bytes, for tests of replies that no proper HTTP server
+// would send: cut off, stalled, endless, oversized, not HTTP at all. Each request takes the next
+// scripted behaviour; once none is left, the fallback answers. It runs in the test's process on an
+// ephemeral port and stops with the object; stopping ends every behaviour that still waits.
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace qortest {
+
+struct RawRequest {
+  std::string method;
+  std::string target;
+  std::string head;  // the request line and the headers, as received
+  std::string body;
+};
+
+// One connection, as a behaviour sees it.
+class RawConnection {
+ public:
+  RawConnection(int fd, const std::atomic<bool>& stopping) : fd_(fd), stopping_(stopping) {}
+
+  // Writes all the bytes; false once the peer is gone or the server stops.
+  bool send(std::string_view bytes);
+  // Writes what next() gives, again and again, until the peer stops taking it, the server stops
+  // or the total reaches limit bytes; gives the number of bytes written.
+  std::size_t sendWhileTaken(const std::function<std::string()>& next, std::size_t limit);
+  // Waits until the peer closes the connection or the server stops, reading and dropping what
+  // arrives, at most for the given time; true if the peer closed.
+  bool waitForPeerClose(std::chrono::milliseconds limit);
+  // Ends the connection with a reset instead of an orderly close.
+  void reset();
+  // Lets the connection serve the next request when the behaviour is done (keep-alive); closed
+  // otherwise.
+  void keepOpen() { keepOpen_ = true; }
+
+  bool keptOpen() const { return keepOpen_; }
+  int fd() const { return fd_; }
+
+ private:
+  int fd_;
+  const std::atomic<bool>& stopping_;
+  bool keepOpen_ = false;
+};
+
+using RawBehaviour = std::function<void(RawConnection& connection, const RawRequest& request)>;
+
+// A well-formed HTTP/1.1 reply with a Content-Length; the connection stays open for the next one.
+RawBehaviour httpReply(int status, std::string body, std::string contentType = "application/json");
+
+class RawServer {
+ public:
+  // Starts listening at once; every request gets the fallback until behaviours are queued.
+  explicit RawServer(RawBehaviour fallback = httpReply(404, "", "text/plain"));
+  ~RawServer();
+  RawServer(const RawServer&) = delete;
+  RawServer& operator=(const RawServer&) = delete;
+
+  // The next request that arrives, on any connection, gets this behaviour.
+  void enqueue(RawBehaviour behaviour);
+  void setFallback(RawBehaviour behaviour);
+
+  int port() const { return port_; }
+  std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  std::size_t requestCount() const;
+  std::size_t connectionCount() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+  int port_ = 0;
+};
+
+// A deflate stream in a gzip member that inflates to zeros without end: one literal zero, then
+// matches of 258 bytes at distance 1, each 13 bits on the wire. Each call of the function gives
+// the next piece; the first one starts with the gzip header.
+std::function<std::string()> endlessGzipOfZeros();
+
+}  // namespace qortest
