@@ -59,9 +59,13 @@ YLHTTPPoolCenter::YLHTTPPoolCenter() {
 YLHTTPPoolCenter::~YLHTTPPoolCenter() {
   if (wakeRead_ >= 0) ::close(wakeRead_);
   if (wakeWrite_ >= 0) ::close(wakeWrite_);
+  // The easy handle first: it leaves the share as it goes. It is in the multi handle only while
+  // an exchange runs, which the one-thread rule excludes here.
+  if (easy_ != nullptr) curl_easy_cleanup(static_cast<CURL*>(easy_));
+  if (multi_ != nullptr) curl_multi_cleanup(static_cast<CURLM*>(multi_));
   if (share_ == nullptr) return;
-  // Clients attach the share only for the length of an exchange, so it is free here unless the
-  // pool is destroyed while one of its exchanges runs, which the one-thread rule excludes.
+  // Other clients attach the share only for the length of an exchange, so it is free here unless
+  // the pool is destroyed while one of its exchanges runs, which the one-thread rule excludes.
   const CURLSHcode result = curl_share_cleanup(static_cast<CURLSH*>(share_));
   YL_ASSERT(result == CURLSHE_OK, "YLHTTPPoolCenter::~YLHTTPPoolCenter");
   (void)result;
@@ -90,7 +94,30 @@ YLPoolExchange::YLPoolExchange(IYLHTTPPoolCenter* pool) noexcept {
   // Another exchange runs on the pool at the same time, which the one-thread rule excludes; this
   // one goes on without cancel rather than taking the other's.
   YL_ASSERT(claimed, "YLPoolExchange::YLPoolExchange");
-  if (claimed) pool_ = center;
+  if (!claimed) return;
+  pool_ = center;
+  if (center->easy_ != nullptr || !ylEnsureCurlGlobalInit()) return;
+  // Made once, at the first exchange: a pool that never sends anything costs no handles. Without
+  // them, or without the share, the exchange still runs on handles of the client's own.
+  CURLM* multi = curl_multi_init();
+  CURL* easy = multi != nullptr ? curl_easy_init() : nullptr;
+  // The share stays attached across curl_easy_reset, so it is set once, here.
+  if (easy == nullptr || (center->share_ != nullptr &&
+                          curl_easy_setopt(easy, CURLOPT_SHARE, center->share_) != CURLE_OK)) {
+    if (easy != nullptr) curl_easy_cleanup(easy);
+    if (multi != nullptr) curl_multi_cleanup(multi);
+    return;
+  }
+  center->easy_ = easy;
+  center->multi_ = multi;
+}
+
+CURL* YLPoolExchange::easy() const noexcept {
+  return pool_ == nullptr ? nullptr : static_cast<CURL*>(pool_->easy_);
+}
+
+CURLM* YLPoolExchange::multi() const noexcept {
+  return pool_ == nullptr ? nullptr : static_cast<CURLM*>(pool_->multi_);
 }
 
 bool YLPoolExchange::cancelRequested() const noexcept {

@@ -13,6 +13,7 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "yl/yl_util.h"
@@ -337,6 +338,9 @@ class CurlOptions {
   CURLcode result_ = CURLE_OK;
 };
 
+// Runs on a handle just reset: what curl does by default is left alone, and only what differs is
+// set. Among the defaults kept: certificates are verified, and redirects are not followed (the
+// client follows them itself: curl would send the credential headers wherever they lead).
 CURLcode applySettings(CURL* easy, const YLRestGlobalSettings& settings) {
   CurlOptions options(easy);
   // Only the web: a caller's URL or a redirect hop can never reach file://, ftp:// and the like.
@@ -344,24 +348,25 @@ CURLcode applySettings(CURL* easy, const YLRestGlobalSettings& settings) {
       .set(CURLOPT_PROTOCOLS_STR, "http,https")
       // Time-outs must not be carried out with signals: the host may run other threads.
       .set(CURLOPT_NOSIGNAL, 1L)
-      .set(CURLOPT_CONNECTTIMEOUT_MS, settings.connectTimeoutMs)
-      .set(CURLOPT_TIMEOUT_MS, settings.totalTimeoutMs)
-      .set(CURLOPT_TCP_KEEPALIVE, 1L);
-  const bool lowSpeedCheck = settings.lowSpeedLimitBytes > 0 && settings.lowSpeedTimeSeconds > 0;
-  options.set(CURLOPT_LOW_SPEED_LIMIT, lowSpeedCheck ? settings.lowSpeedLimitBytes : 0L)
-      .set(CURLOPT_LOW_SPEED_TIME, lowSpeedCheck ? settings.lowSpeedTimeSeconds : 0L)
+      .set(CURLOPT_TCP_KEEPALIVE, 1L)
       // Set even when empty: an unset proxy makes curl read http_proxy, all_proxy and no_proxy
       // from the environment, and the settings are meant to be the only word on proxies.
       .set(CURLOPT_PROXY, settings.proxy)
       .set(CURLOPT_NOPROXY, settings.noProxy)
-      .set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L)
-      .set(CURLOPT_SSL_VERIFYPEER, settings.verifyPeer ? 1L : 0L)
-      .set(CURLOPT_SSL_VERIFYHOST, settings.verifyHost ? 2L : 0L)
       // "" offers every coding this libcurl can decode and has it decode the reply.
-      .set(CURLOPT_ACCEPT_ENCODING, "")
-      // The client follows redirects itself: curl would send the credential headers to wherever
-      // the redirect leads.
-      .set(CURLOPT_FOLLOWLOCATION, 0L);
+      .set(CURLOPT_ACCEPT_ENCODING, "");
+  // 0 is curl's own default for both.
+  if (settings.connectTimeoutMs != 0)
+    options.set(CURLOPT_CONNECTTIMEOUT_MS, settings.connectTimeoutMs);
+  if (settings.totalTimeoutMs != 0) options.set(CURLOPT_TIMEOUT_MS, settings.totalTimeoutMs);
+  if (settings.lowSpeedLimitBytes > 0 && settings.lowSpeedTimeSeconds > 0) {
+    options.set(CURLOPT_LOW_SPEED_LIMIT, settings.lowSpeedLimitBytes)
+        .set(CURLOPT_LOW_SPEED_TIME, settings.lowSpeedTimeSeconds);
+  }
+  // A proxy's own reply to CONNECT is no part of the server's.
+  if (!settings.proxy.empty()) options.set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  if (!settings.verifyPeer) options.set(CURLOPT_SSL_VERIFYPEER, 0L);
+  if (!settings.verifyHost) options.set(CURLOPT_SSL_VERIFYHOST, 0L);
   if (!settings.caFile.empty() || !settings.caPath.empty()) {
     // Given certificates replace the system's: the default bundle and folder are switched off.
     options.set(CURLOPT_CAINFO, settings.caFile.empty() ? nullptr : settings.caFile.c_str())
@@ -551,24 +556,19 @@ std::uint_fast32_t randomSeed() {
   }
 }
 
+using CurlEasy = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
+using CurlMulti = std::unique_ptr<CURLM, decltype(&curl_multi_cleanup)>;
+
 class YLCurlRestClient final : public IYLRestClient {
  public:
+  // Makes no curl handle: an exchange on a YLHTTPPoolCenter runs on the pool's, and hosts may
+  // make a client for every exchange.
   YLCurlRestClient(const YLRestGlobalSettings* settings, YLRestSession* session)
-      : settings_(settings), session_(session), random_(randomSeed()) {
+      : settings_(settings), session_(session) {
     if (settings_ == nullptr) {
       ownSettings_ = std::make_unique<YLRestGlobalSettings>();
       settings_ = ownSettings_.get();
     }
-    if (!ylEnsureCurlGlobalInit()) return;
-    // The multi handle keeps the connections of a client without a pool, as curl_easy_perform's
-    // hidden one would; with a pool, the pool's share keeps them.
-    multi_ = curl_multi_init();
-    if (multi_ != nullptr) easy_ = curl_easy_init();
-  }
-  ~YLCurlRestClient() override {
-    // Closes the connections the client kept for itself; pooled ones stay with the pool.
-    if (easy_ != nullptr) curl_easy_cleanup(easy_);
-    if (multi_ != nullptr) curl_multi_cleanup(multi_);
   }
   YLCurlRestClient(const YLCurlRestClient&) = delete;
   YLCurlRestClient& operator=(const YLCurlRestClient&) = delete;
@@ -597,6 +597,9 @@ class YLCurlRestClient final : public IYLRestClient {
   Attempt receive(Exchange& exchange, YLRestResourceResponse& response,
                   const YLPoolExchange& inFlight);
   CURLcode transfer(const YLPoolExchange& inFlight);
+  // Points easy_ and multi_ at the handles the exchange runs on: the pool's when it lends them,
+  // else the client's own, made the first time they are needed. False if none can be made.
+  bool takeHandles(const YLPoolExchange& inFlight);
   std::chrono::milliseconds retryDelay(int retry, std::optional<std::chrono::milliseconds> asked);
   CURLSH* sessionShare() const;
   IYLHTTPPoolCenter* sessionPool() const {
@@ -606,9 +609,19 @@ class YLCurlRestClient final : public IYLRestClient {
   const YLRestGlobalSettings* settings_;
   std::unique_ptr<YLRestGlobalSettings> ownSettings_;
   YLRestSession* session_;
-  CURLM* multi_ = nullptr;
+  // The handles of the exchange in progress, and whether they are the pool's, whose easy handle
+  // is attached to the pool's share for good.
   CURL* easy_ = nullptr;
-  std::minstd_rand random_;
+  CURLM* multi_ = nullptr;
+  bool pooledHandles_ = false;
+  // The client's own handles, for exchanges without a pool's. The multi handle keeps the
+  // connections of a client without a pool, as curl_easy_perform's hidden one would. Declared so
+  // that the easy handle goes first.
+  CurlMulti ownMulti_{nullptr, &curl_multi_cleanup};
+  CurlEasy ownEasy_{nullptr, &curl_easy_cleanup};
+  // Seeded at the first retry: drawing a seed is a system call, or worse, that an exchange without
+  // a retry never needs.
+  std::optional<std::minstd_rand> random_;
 };
 
 std::int32_t YLCurlRestClient::execute(const YLRestRequest* request, const YLRestPostRequest* post,
@@ -616,11 +629,16 @@ std::int32_t YLCurlRestClient::execute(const YLRestRequest* request, const YLRes
   if (response == nullptr) return YLErrorCode::kClientSetupFailed;
   auto* fresh = new YLRestResourceResponse;
   *response = fresh;
-  if (request == nullptr || easy_ == nullptr) return YLErrorCode::kClientSetupFailed;
+  if (request == nullptr) return YLErrorCode::kClientSetupFailed;
 
   // From here until finish() a cancel on the session's pool stops this exchange, and the waits
-  // between its attempts are part of it.
+  // between its attempts are part of it; the pool's handles are the exchange's until then too.
   YLPoolExchange inFlight(sessionPool());
+  // A request hook may run an exchange of its own on this client: the outer one gets its handles
+  // back.
+  const std::tuple saved(easy_, multi_, pooledHandles_);
+  const YLDefer restore([this, &saved] { std::tie(easy_, multi_, pooledHandles_) = saved; });
+  if (!takeHandles(inFlight)) return YLErrorCode::kClientSetupFailed;
   std::int32_t code = YLErrorCode::kSuccess;
   for (int retry = 0;; ++retry) {
     const Attempt outcome = attempt(*request, post, *fresh, inFlight);
@@ -636,6 +654,27 @@ std::int32_t YLCurlRestClient::execute(const YLRestRequest* request, const YLRes
   return code;
 }
 
+bool YLCurlRestClient::takeHandles(const YLPoolExchange& inFlight) {
+  if (inFlight.easy() != nullptr && inFlight.multi() != nullptr) {
+    easy_ = inFlight.easy();
+    multi_ = inFlight.multi();
+    pooledHandles_ = true;
+    return true;
+  }
+  if (!ownEasy_) {
+    if (!ylEnsureCurlGlobalInit()) return false;
+    CurlMulti multi(curl_multi_init(), &curl_multi_cleanup);
+    CurlEasy easy(multi ? curl_easy_init() : nullptr, &curl_easy_cleanup);
+    if (!easy) return false;
+    ownMulti_ = std::move(multi);
+    ownEasy_ = std::move(easy);
+  }
+  easy_ = ownEasy_.get();
+  multi_ = ownMulti_.get();
+  pooledHandles_ = false;
+  return true;
+}
+
 std::chrono::milliseconds YLCurlRestClient::retryDelay(
     int retry, std::optional<std::chrono::milliseconds> asked) {
   using std::chrono::milliseconds;
@@ -647,7 +686,8 @@ std::chrono::milliseconds YLCurlRestClient::retryDelay(
   // Between half and all of the delay: clients that failed together spread out, and each still
   // waits at least half of what the backoff asks.
   std::uniform_int_distribution<long> draw(delay / 2, delay);
-  return milliseconds(draw(random_));
+  if (!random_) random_.emplace(randomSeed());
+  return milliseconds(draw(*random_));
 }
 
 // One request and the redirects it is sent along, when the settings follow them.
@@ -660,8 +700,8 @@ Attempt YLCurlRestClient::attempt(const YLRestRequest& request, const YLRestPost
     return {YLErrorCode::kClientSetupFailed};
   }
   // The credentials belong to the origin of the request's own URL; if that cannot be read, no
-  // hop is taken to share it.
-  const std::optional<Origin> home = originOf(*url);
+  // hop is taken to share it. Read at the first hop: most exchanges take none.
+  std::optional<Origin> home;
   bool withCredentials = true;
   for (long redirects = 0;; ++redirects) {
     Attempt outcome = send(request, *url, post, withCredentials, response, inFlight);
@@ -681,6 +721,7 @@ Attempt YLCurlRestClient::attempt(const YLRestRequest& request, const YLRestPost
     if (settings_->maxRedirects >= 0 && redirects >= settings_->maxRedirects) {
       return fail(CURLE_TOO_MANY_REDIRECTS);
     }
+    if (redirects == 0) home = originOf(*url);
     std::optional<std::string> target = redirectTarget(*url, location);
     if (!target) return fail(CURLE_URL_MALFORMAT);
     const std::optional<Origin> there = originOf(*target);
@@ -752,8 +793,9 @@ Attempt YLCurlRestClient::send(const YLRestRequest& request, const std::string& 
                                const YLRestPostRequest* post, bool withCredentials,
                                YLRestResourceResponse& response, const YLPoolExchange& inFlight) {
   clearResponse(response);
-  // A reset handle keeps its own connection and DNS caches, so a client without a pool still
-  // reuses its connections; every option of the previous request is gone, though.
+  // A reset handle keeps its connection and DNS caches and its share, so connections are reused;
+  // every option of the previous request, the previous exchange's included, is gone, so that
+  // what follows sets only what differs from curl's defaults.
   curl_easy_reset(easy_);
   const CURLcode setup = applySettings(easy_, *settings_);
   if (setup != CURLE_OK) return {YLErrorCode::kCurlCodeBase + setup};
@@ -783,9 +825,8 @@ Attempt YLCurlRestClient::send(const YLRestRequest& request, const std::string& 
     options.set(CURLOPT_POST, 1L)
         .set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(post->body().size()))
         .set(CURLOPT_POSTFIELDS, post->body().data());
-  } else {
-    options.set(CURLOPT_HTTPGET, 1L);
   }
+  // Otherwise the reset handle sends a GET without a body.
   if (inFlight.cancellable()) {
     options.set(CURLOPT_XFERINFOFUNCTION, &onProgress)
         .set(CURLOPT_XFERINFODATA, static_cast<const void*>(&inFlight))
@@ -814,9 +855,10 @@ Attempt YLCurlRestClient::send(const YLRestRequest& request, const std::string& 
 
 Attempt YLCurlRestClient::receive(Exchange& exchange, YLRestResourceResponse& response,
                                   const YLPoolExchange& inFlight) {
-  // The pool is attached only while the request runs, so that it can be destroyed between
-  // exchanges without waiting for its clients; curl_easy_reset would not detach it.
-  CURLSH* share = sessionShare();
+  // The pool's own handle is attached to its share for good. The client's own is attached only
+  // while the request runs, so that the pool can be destroyed between exchanges without waiting
+  // for its clients; curl_easy_reset would not detach it.
+  CURLSH* share = pooledHandles_ ? nullptr : sessionShare();
   if (share != nullptr) {
     const CURLcode setup = curl_easy_setopt(easy_, CURLOPT_SHARE, share);
     if (setup != CURLE_OK) return {YLErrorCode::kCurlCodeBase + setup};

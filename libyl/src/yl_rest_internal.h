@@ -1,6 +1,8 @@
 #pragma once
 // Parts of the REST client that its source files share; not installed.
 
+#include <curl/curl.h>
+
 #include <chrono>
 
 #include "yl/yl_rest.h"
@@ -17,17 +19,23 @@ inline constexpr int kPoolRunning = 1;
 inline constexpr int kPoolCancelRequested = 2;
 
 // One exchange's claim on a pool, so that YLHTTPPoolCenter::cancel() reaches this exchange and
-// no other. Without a YLHTTPPoolCenter the exchange cannot be cancelled and every query says no.
+// no other, and so that the exchange may use the pool's curl handles. Without a YLHTTPPoolCenter
+// the exchange cannot be cancelled, has no handles lent and every query says no.
 class YLPoolExchange {
  public:
   // Empties the pool's wake-up pipe, in case a cancel that came as the last exchange ended left a
-  // byte in it, and marks the pool running.
+  // byte in it, marks the pool running, and makes the pool's handles if it has none yet.
   explicit YLPoolExchange(IYLHTTPPoolCenter* pool) noexcept;
   ~YLPoolExchange() { (void)finish(); }
   YLPoolExchange(const YLPoolExchange&) = delete;
   YLPoolExchange& operator=(const YLPoolExchange&) = delete;
 
   bool cancellable() const noexcept { return pool_ != nullptr; }
+  // The pool's easy handle, attached to the pool's share, and the multi handle to run it in: the
+  // exchange's until finish(). Null when the exchange holds no pool or the handles could not be
+  // made; the client then uses handles of its own.
+  CURL* easy() const noexcept;
+  CURLM* multi() const noexcept;
   bool cancelRequested() const noexcept;
   // The read end of the pool's wake-up pipe, to wait on beside the sockets; -1 if there is none.
   int wakeFd() const noexcept;

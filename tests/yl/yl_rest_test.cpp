@@ -265,6 +265,92 @@ TEST(RestClient, PoolsShareConnectionsBetweenClients) {
   ylSetAssertionHandler(nullptr);
 }
 
+TEST(RestClient, ReusedHandlesCarryNothingIntoTheNextExchange) {
+  LoopbackServer server;
+  server.answer("POST", "/chat", {200, R"({"from":"server"})"});
+  server.answer("GET", "/models", {200, R"({"data":[]})"});
+  std::optional<YLStandInReply> standIn;
+  YLRestGlobalSettings settings = quickSettings();
+  settings.requestHook = [&](const YLPreparedRequest&) { return standIn; };
+  YLHTTPPoolCenter pool;
+  YLRestSession pooled;
+  pooled.connectionPool = &pool;
+  YLRestSession bare;
+
+  const std::string large = R"({"text":")" + std::string(3000, 'x') + R"("})";
+  const std::string small = R"({"n":2})";
+  // The pool's handles serve a new client for every exchange, as the library makes them; without
+  // a pool one client serves every exchange on its own handles.
+  for (const bool onPool : {true, false}) {
+    SCOPED_TRACE(onPool ? "the pool's handles" : "a client's own handles");
+    YLRestSession* session = onPool ? &pooled : &bare;
+    std::unique_ptr<IYLRestClient> kept;
+    const auto send = [&](YLRestRequest& request) {
+      if (!kept || onPool) {
+        kept.reset(YL::obtainAppFactory()->obtainRestClientFactory()->createRestClient(
+            YL::obtainAppFactory(), &settings, session));
+      }
+      YLRestResourceResponse* response = nullptr;
+      auto* post = dynamic_cast<YLRestPostRequest*>(&request);
+      const std::int32_t code =
+          post ? kept->executePost(post, &response)
+               : kept->executeGet(static_cast<YLRestGetRequest*>(&request), &response);
+      return Outcome{code, std::unique_ptr<YLRestResourceResponse>(response)};
+    };
+    const auto post = [&](const std::string& body, const YLParamList& headers) {
+      YLJson document(body);
+      YLRestPostRequest request;
+      request.setURL(server.baseUrl() + "/chat");
+      request.updateJson(&document);
+      request.addHeaderParams(headers);
+      return send(request);
+    };
+    const auto getModels = [&] {
+      YLRestGetRequest request;
+      request.setURL(server.baseUrl() + "/models");
+      return send(request);
+    };
+    const std::size_t sent = server.requestCount();
+
+    ASSERT_EQ(post(large, {{"X-Once", "1"}}).code, 0);
+    EXPECT_EQ(server.lastRequest().body, large);
+    EXPECT_EQ(server.lastRequest().header("X-Once"), "1");
+
+    // After a POST, a GET: no body, no size, no type, no header of the POST's.
+    Outcome got = getModels();
+    ASSERT_EQ(got.code, 0);
+    qortest::RecordedRequest seen = server.lastRequest();
+    EXPECT_EQ(seen.method, "GET");
+    EXPECT_TRUE(seen.body.empty());
+    for (const char* name : {"Content-Length", "Content-Type", "X-Once"})
+      EXPECT_FALSE(seen.hasHeader(name)) << name;
+    EXPECT_EQ(got.response->getBufferString(), R"({"data":[]})");
+
+    // A shorter body after a longer one goes with its own size.
+    ASSERT_EQ(post(small, {}).code, 0);
+    seen = server.lastRequest();
+    EXPECT_EQ(seen.method, "POST");
+    EXPECT_EQ(seen.body, small);
+    EXPECT_EQ(seen.header("Content-Length"), std::to_string(small.size()));
+    EXPECT_FALSE(seen.hasHeader("X-Once"));
+
+    // A stand-in answers one exchange only: the next goes out and gets the server's reply.
+    standIn = YLStandInReply{201, {{"X-From", "hook"}}, R"({"from":"hook"})"};
+    Outcome stood = post(small, {});
+    EXPECT_EQ(stood.code, 0);
+    EXPECT_EQ(stood.response->statusCode, 201);
+    standIn.reset();
+    got = getModels();
+    ASSERT_EQ(got.code, 0);
+    EXPECT_EQ(got.response->statusCode, 200);
+    EXPECT_EQ(got.response->getBufferString(), R"({"data":[]})");
+    EXPECT_TRUE(headerValues(got.response->headers, "X-From").empty());
+    EXPECT_EQ(server.requestCount(), sent + 4) << "the stand-in's exchange sent nothing";
+    // The pool's handles kept one connection for all its clients.
+    EXPECT_EQ(server.connectionCount(), onPool ? 1u : 2u);
+  }
+}
+
 TEST(RestClient, TlsTrustsOnlyWhatItIsTold) {
   LoopbackServer server(LoopbackServer::Transport::Tls);
   server.answer("GET", "/secure", {200, R"({"tls":true})"});

@@ -117,8 +117,10 @@ class IYLHTTPPoolCenter {
 
 class YLPoolExchange;
 
-// The pool that hosts construct with new: a curl share of connections, DNS cache and TLS sessions.
-// Not synchronised: one pool serves one thread at a time; cancel() is the exception.
+// The pool that hosts construct with new: a curl share of connections, DNS cache and TLS sessions,
+// and the curl handles its exchanges take turns on, made at the first exchange and reset before
+// each next one rather than made again. Not synchronised: one pool serves one thread at a time;
+// cancel() is the exception.
 class YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
  public:
   YLHTTPPoolCenter();
@@ -142,6 +144,10 @@ class YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
   friend class YLPoolExchange;  // the client's side of cancel()
 
   void* share_ = nullptr;
+  // The curl easy handle (CURL*), attached to the share for good, and the multi handle (CURLM*)
+  // it runs in: lent to one exchange at a time, for as long as that exchange holds the pool.
+  void* easy_ = nullptr;
+  void* multi_ = nullptr;
   // Idle, running an exchange, or running one that is to be cancelled.
   std::atomic<int> exchangeState_{0};
   // A non-blocking pipe: cancel() writes a byte to wake the exchange's wait at once.
