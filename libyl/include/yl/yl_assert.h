@@ -6,14 +6,16 @@
 // its orderly result. Reports are compiled in when YL_ENABLE_ASSERTIONS is defined (the dev and
 // asan presets); otherwise the macro evaluates nothing.
 
+#include "yl/yl_export.h"
+
 using YLAssertionHandler = void (*)(const char* condition, const char* source);
 
 // Installs the handler and returns the previous one. Null restores the default handler, which
 // writes one line to standard error. Not synchronised: install it while no other call runs.
-YLAssertionHandler ylSetAssertionHandler(YLAssertionHandler handler);
+YL_EXPORT YLAssertionHandler ylSetAssertionHandler(YLAssertionHandler handler);
 
 // Reports one failed condition through the installed handler.
-void ylReportAssertion(const char* condition, const char* source);
+YL_EXPORT void ylReportAssertion(const char* condition, const char* source);
 
 #ifdef YL_ENABLE_ASSERTIONS
 #define YL_ASSERT(condition, source) \

@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <string>
 
+#include "yl/yl_export.h"
+
 // A broken-down UTC date and time.
-class YLDateTime {
+class YL_EXPORT YLDateTime {
  public:
   virtual ~YLDateTime() = default;
 
@@ -26,7 +28,7 @@ class YLDateTime {
   std::int32_t second = 0;
 };
 
-class YLDateTimeConverter {
+class YL_EXPORT YLDateTimeConverter {
  public:
   virtual ~YLDateTimeConverter() = default;
   // Seconds since 1970-01-01T00:00:00 UTC, growing with the date. The mode is reserved: every

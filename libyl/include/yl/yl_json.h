@@ -26,6 +26,8 @@
 #include <string>
 #include <string_view>
 
+#include "yl/yl_export.h"
+
 class YLVariant;
 class YLJson;
 
@@ -39,7 +41,7 @@ enum class YLJsonValueType : std::int32_t {
   Bool = 5,
 };
 
-class IYLJsonValue {
+class YL_EXPORT IYLJsonValue {
  public:
   virtual ~IYLJsonValue() = default;
 
@@ -79,7 +81,7 @@ class IYLJsonValue {
 // A value inside a document. Values belong to their document and die with it; nobody deletes
 // them. Turning a value into another type drops its old children from the tree; their storage
 // stays valid until the document dies.
-class YLJsonValue : public IYLJsonValue {
+class YL_EXPORT YLJsonValue : public IYLJsonValue {
  public:
   YLJsonValue(const YLJsonValue&) = delete;
   YLJsonValue& operator=(const YLJsonValue&) = delete;
@@ -131,7 +133,7 @@ class YLJsonValue : public IYLJsonValue {
 //
 // A parsed document keeps the text it was parsed from and decodes strings inside it: strings and
 // keys are views into that one buffer. Texts of 4 GiB and more are not parsed (invalid).
-class YLJson final : public YLJsonValue {
+class YL_EXPORT YLJson final : public YLJsonValue {
  public:
   // The deepest nesting of arrays and objects that parsing accepts.
   static constexpr std::size_t kMaxDepth = 4096;
@@ -163,4 +165,4 @@ class YLJson final : public YLJsonValue {
 
 // A document for a variant: maps become objects (in the map's key order), lists arrays, strings
 // strings, Int and Double numbers, Null null. The caller owns the document.
-std::unique_ptr<YLJson> ylCreateYLJsonFromYLVariant(const YLVariant& value);
+YL_EXPORT std::unique_ptr<YLJson> ylCreateYLJsonFromYLVariant(const YLVariant& value);

@@ -12,8 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "yl_datetime.h"
-#include "yl_json.h"
+#include "yl/yl_datetime.h"
+#include "yl/yl_export.h"
+#include "yl/yl_json.h"
 
 // A list of name and value pairs, name first, in the order given.
 using YLParamList = std::vector<std::pair<std::string, std::string>>;
@@ -22,7 +23,7 @@ using YLParamList = std::vector<std::pair<std::string, std::string>>;
 // the values of the headers x-api-key, x-goog-api-key and api-key and of a query parameter named
 // key read "****", and Authorization keeps only its scheme word ("Bearer ****"). The request that
 // goes out is not masked.
-struct YLPreparedRequest {
+struct YL_EXPORT YLPreparedRequest {
   // "GET" or "POST".
   std::string method;
   // The whole URL with its query, percent-encoded as sent.
@@ -38,7 +39,7 @@ struct YLPreparedRequest {
 // A reply a request hook gives instead of sending the request. The client treats it exactly as a
 // reply from the server: the same size limit, the same status handling, the body parsed into
 // responseJson.
-struct YLStandInReply {
+struct YL_EXPORT YLStandInReply {
   long statusCode = 200;
   YLParamList headers;
   // The body as received after decoding; no Content-Encoding is applied to it.
@@ -47,11 +48,11 @@ struct YLStandInReply {
 
 // The user agent a YLRestGlobalSettings starts with: "libqor/" and the version of the library
 // that runs, such as "libqor/0.1.0".
-std::string ylDefaultUserAgent();
+YL_EXPORT std::string ylDefaultUserAgent();
 
 // Settings of every exchange. The client reads them at the start of an exchange; nothing here
 // reads environment variables (curl's proxy variables are not honoured either).
-struct YLRestGlobalSettings {
+struct YL_EXPORT YLRestGlobalSettings {
   // Time to establish the connection, TLS included, in milliseconds: 30 s by default; 0 means
   // curl's own default of 300 s.
   long connectTimeoutMs = 30000;
@@ -110,7 +111,7 @@ struct YLRestGlobalSettings {
 };
 
 // A connection pool: what exchanges of one session share so that they reuse connections.
-class IYLHTTPPoolCenter {
+class YL_EXPORT IYLHTTPPoolCenter {
  public:
   virtual ~IYLHTTPPoolCenter() = default;
 };
@@ -121,7 +122,7 @@ class YLPoolExchange;
 // and the curl handles its exchanges take turns on, made at the first exchange and reset before
 // each next one rather than made again. Not synchronised: one pool serves one thread at a time;
 // cancel() is the exception.
-class YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
+class YL_EXPORT YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
  public:
   YLHTTPPoolCenter();
   ~YLHTTPPoolCenter() override;
@@ -156,7 +157,7 @@ class YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
 };
 
 // What all requests of one conversation carry: the pool and the session headers.
-class YLRestSession {
+class YL_EXPORT YLRestSession {
  public:
   YLRestSession() = default;
   virtual ~YLRestSession() = default;
@@ -179,7 +180,7 @@ class YLRestSession {
   YLParamList headers_;
 };
 
-class YLRestRequest {
+class YL_EXPORT YLRestRequest {
  public:
   virtual ~YLRestRequest() = default;
 
@@ -202,9 +203,9 @@ class YLRestRequest {
   YLParamList headers_;
 };
 
-class YLRestGetRequest : public YLRestRequest {};
+class YL_EXPORT YLRestGetRequest : public YLRestRequest {};
 
-class YLRestPostRequest : public YLRestRequest {
+class YL_EXPORT YLRestPostRequest : public YLRestRequest {
  public:
   // The body becomes the JSON text of the value at this moment; later changes to the value do not
   // reach the request. Content-Type is application/json.
@@ -215,7 +216,7 @@ class YLRestPostRequest : public YLRestRequest {
   std::string body_;
 };
 
-class YLRestResourceResponse {
+class YL_EXPORT YLRestResourceResponse {
  public:
   YLRestResourceResponse() = default;
   virtual ~YLRestResourceResponse();
@@ -239,32 +240,32 @@ class YLRestResourceResponse {
 };
 
 // Two texts and a code. text is a plain English sentence for people; symbol names the code.
-struct YLErrorRecord {
+struct YL_EXPORT YLErrorRecord {
   std::string symbol;
   std::string text;
   std::int32_t code = 0;
 };
 
-class IYLErrorCatalogue {
+class YL_EXPORT IYLErrorCatalogue {
  public:
   virtual ~IYLErrorCatalogue() = default;
   virtual YLErrorRecord obtainErrorRecord(std::int32_t code) const = 0;
 };
 
-class IYLErrorService {
+class YL_EXPORT IYLErrorService {
  public:
   virtual ~IYLErrorService() = default;
   virtual IYLErrorCatalogue* obtainErrorCatalogue() = 0;
 };
 
-class IYLDateTimeFactory {
+class YL_EXPORT IYLDateTimeFactory {
  public:
   virtual ~IYLDateTimeFactory() = default;
   // A new converter, owned by the caller.
   virtual YLDateTimeConverter* createDateTimeConverter() = 0;
 };
 
-class IYLRestClient {
+class YL_EXPORT IYLRestClient {
  public:
   virtual ~IYLRestClient() = default;
   // Both block until the exchange has ended and always leave a new response in *response, owned by
@@ -276,7 +277,7 @@ class IYLRestClient {
 
 class IYLAppFactory;
 
-class IYLRestClientFactory {
+class YL_EXPORT IYLRestClientFactory {
  public:
   virtual ~IYLRestClientFactory() = default;
   // A new client, owned by the caller, for exchanges under the settings and the session. Both
@@ -286,7 +287,7 @@ class IYLRestClientFactory {
                                           YLRestSession* session) = 0;
 };
 
-class IYLAppFactory {
+class YL_EXPORT IYLAppFactory {
  public:
   virtual ~IYLAppFactory() = default;
   virtual IYLRestClientFactory* obtainRestClientFactory() = 0;
@@ -307,5 +308,5 @@ inline constexpr std::int32_t kCancelled = 2003;
 
 namespace YL {
 // The process's application factory; never null, not owned.
-IYLAppFactory* obtainAppFactory();
+YL_EXPORT IYLAppFactory* obtainAppFactory();
 }  // namespace YL

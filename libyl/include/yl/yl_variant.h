@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "yl/yl_export.h"
+
 class YLVariant;
 
 // A list of variants; used directly as a standard container.
@@ -14,7 +16,7 @@ using YLVariantList = std::vector<YLVariant>;
 // Keys are ordered byte-wise: std::char_traits<char> compares as unsigned char.
 using YLVariantMap = std::map<std::string, YLVariant>;
 
-class YLVariant {
+class YL_EXPORT YLVariant {
  public:
   // The codes are fixed: hosts store and compare them.
   enum class ValueType : std::int32_t {
@@ -61,7 +63,7 @@ class YLVariant {
   // The text of a String value, or null.
   const std::string* stringPtr() const { return type_ == ValueType::String ? &string_ : nullptr; }
 
-  friend bool operator==(const YLVariant& a, const YLVariant& b);
+  friend YL_EXPORT bool operator==(const YLVariant& a, const YLVariant& b);
 
  private:
   ValueType type_ = ValueType::Null;
