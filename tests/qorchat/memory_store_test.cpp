@@ -1,19 +1,9 @@
 // Tests that MemoryStore keeps conversations in a real SQLite file across reopening, concurrent
 // processes and a process killed outright.
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sqlite3.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <stdexcept>
-#include <string>
-#include <vector>
-
 #include "memory_store.h"
+
+#include "helpers.h"
 
 namespace {
 
@@ -23,6 +13,7 @@ using qorchat::MemoryStore;
 
 std::vector<std::string> textsOf(const std::vector<QORHistoryEntry>& entries) {
   std::vector<std::string> texts;
+  texts.reserve(entries.size());
   for (const QORHistoryEntry& entry : entries)
     texts.push_back(entry.text);
   return texts;
@@ -30,31 +21,8 @@ std::vector<std::string> textsOf(const std::vector<QORHistoryEntry>& entries) {
 
 class MemoryStoreTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "qorchat-memory-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-    path_ = (dir_ / "history.db").string();
-  }
-  void TearDown() override { fs::remove_all(dir_); }
-
-  // One text value of the file, read by a connection of its own.
-  std::string query(const std::string& sql) {
-    sqlite3* db = nullptr;
-    EXPECT_EQ(sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);
-    sqlite3_stmt* statement = nullptr;
-    std::string value;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) == SQLITE_OK &&
-        sqlite3_step(statement) == SQLITE_ROW) {
-      value = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
-    }
-    sqlite3_finalize(statement);
-    sqlite3_close(db);
-    return value;
-  }
-
-  fs::path dir_;
-  std::string path_;
+  qortest::TempDir dir_;
+  const std::string path_ = (dir_.path / "history.db").string();
 };
 
 TEST_F(MemoryStoreTest, ConversationsAreResumedPerKeyUntilANewOneStarts) {
@@ -64,8 +32,7 @@ TEST_F(MemoryStoreTest, ConversationsAreResumedPerKeyUntilANewOneStarts) {
     store.setDatabaseStructure("[1]");
     store.addHistoryEntry(kChatRoleUser, "how many customers?");
     store.addHistoryEntry(kChatRoleAssistant, "SELECT count(*) FROM customers");
-    MemoryStore other(path_, "crm");
-    other.addHistoryEntry(kChatRoleUser, "list leads");
+    MemoryStore(path_, "crm").addHistoryEntry(kChatRoleUser, "list leads");
   }
   {
     MemoryStore store(path_, "shop");
@@ -88,7 +55,7 @@ TEST_F(MemoryStoreTest, ConversationsAreResumedPerKeyUntilANewOneStarts) {
   store.setDatabaseStructure("");
   EXPECT_EQ(MemoryStore(path_, "crm").resumedEntryCount(), 1u);
   EXPECT_EQ(MemoryStore(path_, "shop").obtainDatabaseStructure(), "");
-  EXPECT_EQ(query("SELECT count(*) FROM conversations"), "3");
+  EXPECT_EQ(qortest::sqlite(path_, "SELECT count(*) FROM conversations"), "3");
 }
 
 TEST_F(MemoryStoreTest, HistoryLimitAndBlankReplies) {
@@ -103,10 +70,28 @@ TEST_F(MemoryStoreTest, HistoryLimitAndBlankReplies) {
   file.addHistoryEntry(kChatRoleAssistant, " \n\t");
   file.addHistoryEntry(kChatRoleUser, " ");
   EXPECT_EQ(textsOf(file.obtainHistory(0)), (std::vector<std::string>{kNoTextReply, " "}));
-  EXPECT_EQ(query("SELECT text FROM entries ORDER BY id LIMIT 1"), kNoTextReply);
+  EXPECT_EQ(qortest::sqlite(path_, "SELECT text FROM entries ORDER BY id LIMIT 1"), kNoTextReply);
 }
 
-TEST_F(MemoryStoreTest, ARemovedFileIsReportedOnceAndTheSessionGoesOn) {
+TEST_F(MemoryStoreTest, AFileItCannotUseIsRefusedOrReportedOnce) {
+  const std::string unwritable = (dir_.path / "no such folder" / "history.db").string();
+  try {
+    MemoryStore store(unwritable, "k");
+    ADD_FAILURE() << "opened a file in a missing folder";
+  } catch (const std::runtime_error& error) {
+    EXPECT_NE(std::string(error.what()).find(unwritable), std::string::npos) << error.what();
+  }
+  const std::string text = (dir_.path / "notes.txt").string();
+  std::ofstream(text) << "not a database, but long enough to be read as one: "
+                      << std::string(99, 'x');
+  EXPECT_THROW(MemoryStore(text, "k"), std::runtime_error);
+  // Someone's own database is not taken over as a history file.
+  const std::string own = (dir_.path / "own.db").string();
+  qortest::sqlite(own, "CREATE TABLE customers (id INTEGER)");
+  EXPECT_THROW(MemoryStore(own, "k"), std::runtime_error);
+  EXPECT_EQ(qortest::sqlite(own, "SELECT count(*) FROM sqlite_master"), "1");
+
+  // A file removed under a session: said once, and the session goes on in memory.
   MemoryStore store(path_, "k");
   store.addHistoryEntry(kChatRoleUser, "saved");
   EXPECT_EQ(store.takeWriteFailure(), "");
@@ -120,31 +105,10 @@ TEST_F(MemoryStoreTest, ARemovedFileIsReportedOnceAndTheSessionGoesOn) {
   EXPECT_EQ(store.obtainHistory(0).size(), 3u);
 }
 
-TEST_F(MemoryStoreTest, RefusesWhatItCannotOpen) {
-  const std::string unwritable = (dir_ / "no such folder" / "history.db").string();
-  try {
-    MemoryStore store(unwritable, "k");
-    ADD_FAILURE() << "opened a file in a missing folder";
-  } catch (const std::runtime_error& error) {
-    EXPECT_NE(std::string(error.what()).find(unwritable), std::string::npos) << error.what();
-  }
-  const std::string text = (dir_ / "notes.txt").string();
-  std::ofstream(text) << "not a database, but long enough to be read as one: "
-                      << std::string(99, 'x');
-  EXPECT_THROW(MemoryStore(text, "k"), std::runtime_error);
-  // Someone's own database is not taken over as a history file.
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open(path_.c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE customers (id INTEGER)", nullptr, nullptr, nullptr),
-            SQLITE_OK);
-  sqlite3_close(db);
-  EXPECT_THROW(MemoryStore(path_, "k"), std::runtime_error);
-  EXPECT_EQ(query("SELECT count(*) FROM sqlite_master"), "1");
-}
-
-TEST_F(MemoryStoreTest, TwoProcessesWriteTheSameFile) {
+// Two processes on one file, both open before either writes so that the writes overlap; then a
+// process killed outright after its writes.
+TEST_F(MemoryStoreTest, ConcurrentAndKilledProcessesLoseNothing) {
   constexpr int kEach = 200;
-  // Both open the file before either writes, so that the writes overlap.
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
   const pid_t child = fork();
@@ -177,27 +141,21 @@ TEST_F(MemoryStoreTest, TwoProcessesWriteTheSameFile) {
   close(ready[1]);
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_EQ(query("SELECT count(*) FROM entries"), std::to_string(2 * kEach));
-  EXPECT_EQ(query("PRAGMA integrity_check"), "ok");
-}
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  EXPECT_EQ(qortest::sqlite(path_, "SELECT count(*) FROM entries"), std::to_string(2 * kEach));
+  EXPECT_EQ(qortest::sqlite(path_, "PRAGMA integrity_check"), "ok");
 
-TEST_F(MemoryStoreTest, AKilledProcessLosesNothingAlreadyAdded) {
-  const pid_t child = fork();
-  if (child == 0) {
-    MemoryStore store(path_, "k");
+  if (fork() == 0) {
+    MemoryStore store(path_, "killed");
     store.setDatabaseStructure("[]");
     for (int i = 0; i < 10; ++i)
       store.addHistoryEntry(kChatRoleUser, std::to_string(i));
     raise(SIGKILL);
     _exit(1);
   }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFSIGNALED(status));
-  EXPECT_EQ(WTERMSIG(status), SIGKILL);
-  MemoryStore store(path_, "k");
+  ASSERT_GT(wait(&status), 0);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+  MemoryStore store(path_, "killed");
   EXPECT_EQ(store.resumedEntryCount(), 10u);
   EXPECT_EQ(store.obtainHistory(1)[0].text, "9");
   EXPECT_EQ(store.obtainDatabaseStructure(), "[]");

@@ -3,8 +3,7 @@
 // server listening only on a Unix socket in it, stopped and deleted when the process ends, also
 // when it crashes or is killed.
 
-#include <sys/types.h>
-
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -34,23 +33,10 @@ class PostgresCluster {
   std::string createDatabase();
 
  private:
-  // A process of its own that waits for this one to end, however it ends, then stops the server
-  // and deletes the folder.
-  class Watchdog {
-   public:
-    Watchdog() = default;
-    ~Watchdog();
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
-    void start(const std::string& pgCtl, const std::string& dir, bool asPostgres);
-
-   private:
-    int input_ = -1;  // its end of a pipe: when it closes, the watchdog acts
-    pid_t pid_ = -1;
-  };
-
   std::string dir_;
-  Watchdog watchdog_;
+  // The input of a shell that waits for this process to end, however it ends, then stops the
+  // server and deletes the folder.
+  FILE* watchdog_ = nullptr;
   int databases_ = 0;
 };
 

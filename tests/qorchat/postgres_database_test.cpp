@@ -2,23 +2,11 @@
 // reads it (the CREATE lines of the digest), rights, names without passwords, statements run
 // read-only, and qorchat itself describing a PostgreSQL database.
 
-#include <gtest/gtest.h>
 #include <libpq-fe.h>
-#include <stdlib.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <string>
-#include <thread>
-#include <vector>
-
+#include "helpers.h"
 #include "postgres_cluster.h"
 #include "postgres_database.h"
-#include "program.h"
-#include "qor.h"
 #include "sqlite_database.h"
 
 namespace {
@@ -28,7 +16,10 @@ using qorchat::DatabaseError;
 using qorchat::DatabaseSettings;
 using qorchat::PostgresDatabase;
 using qorchat::StatementResult;
+using qortest::has;
 using qortest::PostgresCluster;
+using Lines = std::vector<std::string>;
+using Rows = std::vector<std::vector<std::optional<std::string>>>;
 
 // Several schemas, keys across them, a composite key declared out of column order, a partitioned
 // table and a key to it, a view, a materialized view, enum, domain and array types, a dropped
@@ -69,8 +60,9 @@ constexpr const char* kShop = R"(
 )";
 
 // The digest lines of kShop for a user who may read everything, catalog line excluded.
-const std::vector<std::string> kShopLines{
+const Lines kShopLines{
     "CREATE TABLE `hidden`.`secrets` (`id` integer, `code` text)",
+    // NOLINTNEXTLINE(bugprone-suspicious-missing-comma): long lines are split on purpose
     "CREATE TABLE `inventory`.`products` (`sku` character varying(32), `warehouse` integer, "
     "`name` character varying(255), `tags` text[], `sizes` integer[], `price` positive_money, "
     "PRIMARY KEY(`warehouse`, `sku`))",
@@ -93,73 +85,18 @@ const std::vector<std::string> kShopLines{
     "CREATE VIEW `sales`.`big_orders` (`id` integer, `total` numeric(10,2))",
 };
 
-// The instructions the model is given for the structure.
-std::string digestOf(const std::string& structure) {
-  IQORAssistant* assistant =
-      QORCreateAssistant(QORAssistantType::OLLAMA, new YLHTTPPoolCenter, "", "", nullptr);
-  assistant->updateProperties([&](IQORProperties* properties) {
-    EXPECT_TRUE(properties->setValue("db_structure", YLVariant(structure)));
-  });
-  IQORProperties* properties = assistant->obtainProperties();
-  const YLVariant combined = properties->obtainValue("combined_instructions");
-  QORFreeObject(properties);
-  QORFreeObject(assistant);
-  return combined.stringPtr() != nullptr ? *combined.stringPtr() : std::string();
+// The rows of a block's only statement.
+Rows rowsOfOnly(const std::vector<StatementResult>& results) {
+  EXPECT_EQ(results.size(), 1u);
+  return results.empty() ? Rows{} : results[0].rows;
 }
-
-// The catalog and CREATE lines of a digest, in order. A rejected object leaves an empty line, so
-// comparing whole lines catches it.
-std::vector<std::string> createLines(const std::string& digest) {
-  std::vector<std::string> lines;
-  std::size_t start = 0;
-  while (start < digest.size()) {
-    std::size_t end = digest.find('\n', start);
-    if (end == std::string::npos) end = digest.size();
-    const std::string line = digest.substr(start, end - start);
-    if (line.rfind("USE CATALOG ", 0) == 0 || line.rfind("CREATE ", 0) == 0) lines.push_back(line);
-    start = end + 1;
-  }
-  return lines;
-}
-
-std::vector<std::string> withCatalog(const std::string& database,
-                                     const std::vector<std::string>& lines) {
-  std::vector<std::string> all{"USE CATALOG `" + database + "`"};
-  all.insert(all.end(), lines.begin(), lines.end());
-  return all;
-}
-
-// Sets a variable for the life of a scope.
-class ScopedVariable {
- public:
-  ScopedVariable(const char* name, const char* value) : name_(name) {
-    if (const char* old = getenv(name)) old_ = old;
-    setenv(name, value, 1);
-  }
-  ~ScopedVariable() {
-    if (old_.empty()) {
-      unsetenv(name_);
-    } else {
-      setenv(name_, old_.c_str(), 1);
-    }
-  }
-  ScopedVariable(const ScopedVariable&) = delete;
-  ScopedVariable& operator=(const ScopedVariable&) = delete;
-
- private:
-  const char* name_;
-  std::string old_;
-};
 
 class PostgresDatabaseTest : public ::testing::Test {
  protected:
+  // A cluster that cannot run fails each test with what it lacks.
   void SetUp() override {
-    try {
-      cluster_ = &PostgresCluster::shared();
-      database_ = cluster_->createDatabase();
-    } catch (const std::exception& failure) {
-      FAIL() << "the test cluster cannot run: " << failure.what();
-    }
+    cluster_ = &PostgresCluster::shared();
+    database_ = cluster_->createDatabase();
   }
 
   std::string conninfo(const std::string& user = "postgres") const {
@@ -167,6 +104,23 @@ class PostgresDatabaseTest : public ::testing::Test {
   }
   std::string scalar(const std::string& sql) const {
     return cluster_->query(sql, database_).at(0).at(0);
+  }
+  // The CREATE lines the model is told of, after the catalog line of the test's database.
+  Lines linesOf(PostgresDatabase& database) const {
+    Lines lines = qortest::createLines(database.describeStructure());
+    EXPECT_EQ(lines.empty() ? "" : lines.front(), "USE CATALOG `" + database_ + "`");
+    if (!lines.empty()) lines.erase(lines.begin());
+    return lines;
+  }
+
+  // Why the target cannot be opened.
+  static std::string refusal(const std::string& target) {
+    try {
+      PostgresDatabase database(target);
+    } catch (const DatabaseError& error) {
+      return error.what();
+    }
+    return "connected";
   }
 
   PostgresCluster* cluster_ = nullptr;
@@ -181,10 +135,9 @@ TEST_F(PostgresDatabaseTest, DescribesEverySchemaWithTypesAndKeysInOrder) {
   PQclear(PQexec(other.get(), "CREATE TEMP TABLE scratch (x integer)"));
 
   PostgresDatabase database(conninfo());
-  const std::string structure = database.describeStructure();
-  EXPECT_EQ(createLines(digestOf(structure)), withCatalog(database_, kShopLines));
+  EXPECT_EQ(linesOf(database), kShopLines);
   // An empty schema is listed too, so the model knows it exists.
-  EXPECT_NE(structure.find(R"("schema_name":"archive")"), std::string::npos);
+  EXPECT_TRUE(has(database.describeStructure(), R"("schema_name":"archive")"));
 }
 
 TEST_F(PostgresDatabaseTest, ShowsOnlyWhatTheRoleMayReadWithThePasswordFromLibpq) {
@@ -199,16 +152,13 @@ TEST_F(PostgresDatabaseTest, ShowsOnlyWhatTheRoleMayReadWithThePasswordFromLibpq
                     database_);
 
   // Without a password from anywhere, libpq's own reason, on one line.
-  try {
-    PostgresDatabase database(conninfo("reader"));
-    ADD_FAILURE() << "connected without a password";
-  } catch (const DatabaseError& error) {
-    const std::string message = error.what();
-    EXPECT_NE(message.find("no password supplied"), std::string::npos) << message;
-    EXPECT_EQ(message.find('\n'), std::string::npos) << message;
-  }
+  const std::string refused = refusal(conninfo("reader"));
+  EXPECT_TRUE(has(refused, "no password supplied") && !has(refused, "\n")) << refused;
 
-  const ScopedVariable password("PGPASSWORD", "reader-pw-7");
+  setenv("PGPASSWORD", "reader-pw-7", 1);
+  struct Unset {
+    ~Unset() { unsetenv("PGPASSWORD"); }
+  } unset;
   PostgresDatabase database(conninfo("reader"));
   EXPECT_EQ(database.identity(), "reader@" + cluster_->socketDir() + ":5432/" + database_);
   // Schemas without USAGE and tables without SELECT are left out; of the other tables only the
@@ -216,25 +166,21 @@ TEST_F(PostgresDatabaseTest, ShowsOnlyWhatTheRoleMayReadWithThePasswordFromLibpq
   // of customers and of order_lines (half hidden), the key of orders over customer_id. So do the
   // keys of order_lines and alerts to tables the role cannot read, while the one to orders(id), a
   // granted column, stays.
-  EXPECT_EQ(
-      createLines(digestOf(database.describeStructure())),
-      withCatalog(
-          database_,
-          {
-              "CREATE TABLE `public`.`alerts` (`id` integer, `device` integer, "
-              "`taken` date, PRIMARY KEY(`id`))",
-              "CREATE TABLE `sales`.`customers` (`name` text, `email` character varying(255))",
-              "CREATE TABLE `sales`.`order_lines` (`order_id` integer, `warehouse` integer, "
-              "`sku` character varying(32), `quantity` integer, "
-              "FOREIGN KEY(`order_id`) REFERENCES `sales`.`orders`(`id`))",
-              "CREATE TABLE `sales`.`orders` (`id` integer, `total` numeric(10,2), "
-              "PRIMARY KEY(`id`))",
-          }));
+  EXPECT_EQ(linesOf(database),
+            (Lines{
+                "CREATE TABLE `public`.`alerts` (`id` integer, `device` integer, "
+                "`taken` date, PRIMARY KEY(`id`))",
+                "CREATE TABLE `sales`.`customers` (`name` text, `email` character varying(255))",
+                "CREATE TABLE `sales`.`order_lines` (`order_id` integer, `warehouse` integer, "
+                "`sku` character varying(32), `quantity` integer, "
+                "FOREIGN KEY(`order_id`) REFERENCES `sales`.`orders`(`id`))",
+                "CREATE TABLE `sales`.`orders` (`id` integer, `total` numeric(10,2), "
+                "PRIMARY KEY(`id`))",
+            }));
   // What it may not read it cannot query either.
   const std::vector<StatementResult> denied =
       database.runReadOnly("SELECT customer_id FROM sales.orders", 10);
-  ASSERT_EQ(denied.size(), 1u);
-  EXPECT_EQ(denied[0].error, "permission denied for table orders");
+  EXPECT_EQ(denied.size() == 1 ? denied[0].error : "", "permission denied for table orders");
 }
 
 TEST_F(PostgresDatabaseTest, NamesAndMessagesNeverShowAPassword) {
@@ -268,28 +214,18 @@ TEST_F(PostgresDatabaseTest, NamesAndMessagesNeverShowAPassword) {
   PostgresDatabase viaConninfo(conninfo() + " password='hunter2!'");
   EXPECT_EQ(viaConninfo.identity(), expected);
 
-  const auto failure = [](const std::string& target) {
-    try {
-      PostgresDatabase database(target);
-    } catch (const DatabaseError& error) {
-      return std::string(error.what());
-    }
-    return std::string("connected");
-  };
-  const std::string missing = failure(cluster_->conninfo("nowhere") + " password=hunter2");
+  const std::string missing = refusal(cluster_->conninfo("nowhere") + " password=hunter2");
   EXPECT_EQ(missing.rfind("cannot connect to PostgreSQL database 'host=", 0), 0u) << missing;
-  EXPECT_NE(missing.find("password=****'"), std::string::npos) << missing;
-  EXPECT_NE(missing.find(R"(database "nowhere" does not exist)"), std::string::npos) << missing;
+  EXPECT_TRUE(has(missing, "password=****'")) << missing;
+  EXPECT_TRUE(has(missing, R"(database "nowhere" does not exist)")) << missing;
   // libpq repeats a URI it cannot read, or the part it stumbled on; the password is masked there
   // too, raw or decoded.
   for (const std::string& target :
        {std::string("postgresql://u:hunter2@[::1/db"), std::string("postgresql://u:hunter%32@[::1"),
         std::string("postgresql://u:hunter%zz@h/db"),
         std::string("host=/nowhere password=hunter2 port=x")}) {
-    const std::string message = failure(target);
-    EXPECT_EQ(message.find("hunter"), std::string::npos) << message;
-    EXPECT_EQ(message.find('\n'), std::string::npos) << message;
-    EXPECT_NE(message, "connected");
+    const std::string message = refusal(target);
+    EXPECT_FALSE(has(message, "hunter") || has(message, "\n") || message == "connected") << message;
   }
 }
 
@@ -308,21 +244,13 @@ TEST_F(PostgresDatabaseTest, RunsStatementsInOrderUntilOneFails) {
   const std::vector<StatementResult> results = database.runReadOnly(block, 5);
   ASSERT_EQ(results.size(), 3u);
   EXPECT_EQ(results[0].statement, "SELECT id, body, wide FROM notes ORDER BY id;");
-  EXPECT_EQ(results[0].columns, (std::vector<std::string>{"id", "body", "wide"}));
-  ASSERT_EQ(results[0].rows.size(), 2u);
-  EXPECT_EQ(results[0].rows[0][0], "1");
-  EXPECT_EQ(results[0].rows[0][1], std::nullopt);
-  std::string wide;
-  for (int i = 0; i < 100000; ++i)
-    wide += "é";
-  EXPECT_EQ(results[0].rows[0][2], wide);
-  EXPECT_EQ(results[0].rows[1][1], "two");
-  EXPECT_EQ(results[0].rows[1][2], std::nullopt);
+  EXPECT_EQ(results[0].columns, (Lines{"id", "body", "wide"}));
+  EXPECT_EQ(results[0].rows, (Rows{{"1", std::nullopt, qortest::repeated("é", 100000)},
+                                   {"2", "two", std::nullopt}}));
   EXPECT_EQ(results[1].statement,
             "SELECT 'a;b' AS \"x;y\", $$c;d$$ AS y, $t$e;$$;$t$ AS z, E'\\';' AS w -- f;g\n;");
-  EXPECT_EQ(results[1].columns, (std::vector<std::string>{"x;y", "y", "z", "w"}));
-  EXPECT_EQ(results[1].rows,
-            (std::vector<std::vector<std::optional<std::string>>>{{"a;b", "c;d", "e;$$;", "';"}}));
+  EXPECT_EQ(results[1].columns, (Lines{"x;y", "y", "z", "w"}));
+  EXPECT_EQ(results[1].rows, (Rows{{"a;b", "c;d", "e;$$;", "';"}}));
   EXPECT_EQ(results[2].statement, "/* h; /* i; */ j; */ SELECT g FROM generate_series(1, 1000) g;");
   EXPECT_EQ(results[2].rowCount, 1000u);
   ASSERT_EQ(results[2].rows.size(), 5u);
@@ -334,7 +262,7 @@ TEST_F(PostgresDatabaseTest, RunsStatementsInOrderUntilOneFails) {
   const std::vector<StatementResult> failed =
       database.runReadOnly("SELECT 1 AS one; SELECT * FROM missing; SELECT 2", 5);
   ASSERT_EQ(failed.size(), 2u);
-  EXPECT_EQ(failed[0].rows, (std::vector<std::vector<std::optional<std::string>>>{{"1"}}));
+  EXPECT_EQ(failed[0].rows, (Rows{{"1"}}));
   EXPECT_EQ(failed[1].statement, "SELECT * FROM missing;");
   EXPECT_EQ(failed[1].error, R"(relation "missing" does not exist)");
 
@@ -357,9 +285,7 @@ TEST_F(PostgresDatabaseTest, RunsStatementsInOrderUntilOneFails) {
   ASSERT_EQ(stopped.size(), 1u);
   EXPECT_EQ(stopped[0].error, "canceling statement due to user request");
 
-  const std::vector<StatementResult> after = hurried.runReadOnly("SELECT count(*) FROM notes", 5);
-  ASSERT_EQ(after.size(), 1u);
-  EXPECT_EQ(after[0].rows, (std::vector<std::vector<std::optional<std::string>>>{{"2"}}));
+  EXPECT_EQ(rowsOfOnly(hurried.runReadOnly("SELECT count(*) FROM notes", 5)), Rows{{"2"}});
 
   // A session the server ended while idle is opened again for the next block or description.
   const std::string terminate =
@@ -367,9 +293,7 @@ TEST_F(PostgresDatabaseTest, RunsStatementsInOrderUntilOneFails) {
       "'qorchat' AND datname = '" +
       database_ + "'";
   cluster_->execute(terminate);
-  const std::vector<StatementResult> reopened = database.runReadOnly("SELECT 7", 5);
-  ASSERT_EQ(reopened.size(), 1u);
-  EXPECT_EQ(reopened[0].rows, (std::vector<std::vector<std::optional<std::string>>>{{"7"}}));
+  EXPECT_EQ(rowsOfOnly(database.runReadOnly("SELECT 7", 5)), Rows{{"7"}});
   cluster_->execute(terminate);
   EXPECT_NO_THROW(hurried.describeStructure());
 
@@ -384,47 +308,43 @@ TEST_F(PostgresDatabaseTest, TheServerRefusesWritesProgramsAndEscapesEvenToASupe
   PostgresDatabase database(conninfo());
   const fs::path marker = fs::path(cluster_->socketDir()) / "program-ran";
   const auto errors = [&](const std::string& sql) {
-    std::vector<std::string> texts;
+    Lines texts;
     for (const StatementResult& result : database.runReadOnly(sql, 10))
       texts.push_back(result.error);
     return texts;
   };
-  using Texts = std::vector<std::string>;
 
   EXPECT_EQ(errors("INSERT INTO kept VALUES (3)"),
-            Texts{"cannot execute INSERT in a read-only transaction"});
+            Lines{"cannot execute INSERT in a read-only transaction"});
   EXPECT_EQ(errors("DROP TABLE kept"),
-            Texts{"cannot execute DROP TABLE in a read-only transaction"});
+            Lines{"cannot execute DROP TABLE in a read-only transaction"});
   // The superuser's statements run as pg_read_all_data, which may read but use no sequence.
-  EXPECT_EQ(errors("SELECT nextval('counter')"), Texts{"permission denied for sequence counter"});
+  EXPECT_EQ(errors("SELECT nextval('counter')"), Lines{"permission denied for sequence counter"});
   EXPECT_EQ(errors("COPY (SELECT 1) TO PROGRAM 'touch " + marker.string() + "'"),
-            Texts{"must be superuser or have privileges of the pg_execute_server_program role to "
+            Lines{"must be superuser or have privileges of the pg_execute_server_program role to "
                   "COPY to or from an external program"});
   // The transaction's snapshot is taken before the block: it cannot be made writable.
   EXPECT_EQ(errors("SET TRANSACTION READ WRITE; INSERT INTO kept VALUES (3)"),
-            Texts{"transaction read-write mode must be set before any query"});
+            Lines{"transaction read-write mode must be set before any query"});
   // Ending the transaction, or taking the superuser's rights back, stops the block there.
   EXPECT_EQ(errors("COMMIT; INSERT INTO kept VALUES (3)"),
-            (Texts{"", "not run: the statement before ended the read-only transaction"}));
+            (Lines{"", "not run: the statement before ended the read-only transaction"}));
   EXPECT_EQ(errors("RESET ROLE; COPY (SELECT 1) TO PROGRAM 'touch " + marker.string() + "'"),
-            (Texts{"", "not run: the statement before took back a superuser's rights"}));
+            (Lines{"", "not run: the statement before took back a superuser's rights"}));
   // Nor can a block turn read-only off for what it runs after a COMMIT.
   EXPECT_EQ(errors("COMMIT; SET default_transaction_read_only = off; COMMIT; "
                    "INSERT INTO kept VALUES (3)"),
-            (Texts{"", "not run: the statement before ended the read-only transaction"}));
+            (Lines{"", "not run: the statement before ended the read-only transaction"}));
 
   EXPECT_FALSE(fs::exists(marker));
   EXPECT_EQ(scalar("SELECT string_agg(id::text, ',' ORDER BY id) FROM kept"), "1,2");
   EXPECT_EQ(scalar("SELECT last_value FROM counter"), "1");
   // A setting committed by a block does not outlive it.
   errors("SET search_path = nowhere; COMMIT");
-  const std::vector<StatementResult> path = database.runReadOnly("SHOW search_path", 1);
-  ASSERT_EQ(path.size(), 1u);
-  EXPECT_EQ(path[0].rows,
-            (std::vector<std::vector<std::optional<std::string>>>{{"\"$user\", public"}}));
+  EXPECT_EQ(rowsOfOnly(database.runReadOnly("SHOW search_path", 1)), Rows{{"\"$user\", public"}});
   // Reading is still reading: the superuser's statements see every table.
   EXPECT_EQ(errors("SELECT count(*) FROM kept; SELECT count(*) FROM pg_catalog.pg_class"),
-            (Texts{"", ""}));
+            (Lines{"", ""}));
 }
 
 // qorchat itself, given a connection string: the request it would send describes the database.
@@ -437,7 +357,7 @@ TEST_F(PostgresDatabaseTest, QorchatPrintsARequestDescribingTheDatabase) {
   ASSERT_EQ(run.status, 0) << run.err;
   for (const std::string& line : {std::string("USE CATALOG `") + database_ + "`", kShopLines[1],
                                   kShopLines[2], kShopLines[6], kShopLines[8]}) {
-    EXPECT_NE(run.out.find(line), std::string::npos) << line;
+    EXPECT_TRUE(has(run.out, line)) << line;
   }
 
   const qortest::Outcome refused = qortest::runQorchat(
@@ -446,8 +366,8 @@ TEST_F(PostgresDatabaseTest, QorchatPrintsARequestDescribingTheDatabase) {
   EXPECT_EQ(refused.out, "");
   EXPECT_EQ(refused.err.rfind("qorchat: cannot connect to PostgreSQL database '", 0), 0u)
       << refused.err;
-  EXPECT_NE(refused.err.find(R"(database "nowhere" does not exist)"), std::string::npos);
-  EXPECT_EQ(refused.err.find("hunter2"), std::string::npos) << refused.err;
+  EXPECT_TRUE(has(refused.err, R"(database "nowhere" does not exist)"));
+  EXPECT_FALSE(has(refused.err, "hunter2")) << refused.err;
   EXPECT_EQ(refused.err.find('\n'), refused.err.size() - 1) << refused.err;
 }
 

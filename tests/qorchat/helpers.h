@@ -1,0 +1,203 @@
+#pragma once
+// What qorchat's tests share: a folder of their own, SQLite files made and read directly, the
+// digest the assistant makes of a structure (what the model is told), and the real qorchat
+// binary run as a child process that tests can type into, read and send signals.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qor.h"
+
+namespace qortest {
+
+inline bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+inline std::string repeated(const std::string& text, int times) {
+  std::string all;
+  for (int i = 0; i < times; ++i)
+    all += text;
+  return all;
+}
+
+// A new folder, deleted with all it holds at the end of the scope.
+struct TempDir {
+  TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "qorchat-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path = pattern;
+  }
+  ~TempDir() { std::filesystem::remove_all(path); }
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  std::filesystem::path path;
+};
+
+// Runs statements on an SQLite file, made if missing; gives the first value of the last row
+// (NULL as "NULL"). A failure fails the test with SQLite's text.
+inline std::string sqlite(const std::filesystem::path& path, const std::string& sql) {
+  sqlite3* db = nullptr;
+  std::string value;
+  char* error = nullptr;
+  const auto keep = [](void* out, int, char** values, char**) {
+    *static_cast<std::string*>(out) = values[0] != nullptr ? values[0] : "NULL";
+    return 0;
+  };
+  if (sqlite3_open(path.c_str(), &db) != SQLITE_OK ||
+      sqlite3_exec(db, sql.c_str(), keep, &value, &error) != SQLITE_OK) {
+    ADD_FAILURE() << sqlite3_errmsg(db) << " in: " << sql;
+  }
+  sqlite3_free(error);
+  sqlite3_close(db);
+  return value;
+}
+
+// The digest of a structure, without the line feed that follows it in the instructions.
+inline std::string digestOf(const std::string& structure) {
+  IQORAssistant* assistant =
+      QORCreateAssistant(QORAssistantType::OLLAMA, new YLHTTPPoolCenter, "", "", nullptr);
+  assistant->updateProperties([&](IQORProperties* properties) {
+    EXPECT_TRUE(properties->setValue("db_structure", YLVariant(structure)));
+  });
+  IQORProperties* properties = assistant->obtainProperties();
+  const YLVariant combined = properties->obtainValue("combined_instructions");
+  QORFreeObject(properties);
+  QORFreeObject(assistant);
+  std::string text = combined.stringPtr() != nullptr ? *combined.stringPtr() : std::string();
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  return text;
+}
+
+// The catalog and CREATE lines of the digest, in order. A rejected object leaves an empty line
+// and a rejected catalog none, so comparing whole lines catches both.
+inline std::vector<std::string> createLines(const std::string& structure) {
+  const std::string digest = digestOf(structure) + '\n';
+  std::vector<std::string> lines;
+  for (std::size_t start = 0, end = 0; start < digest.size(); start = end + 1) {
+    end = digest.find('\n', start);
+    const std::string line = digest.substr(start, end - start);
+    if (line.rfind("USE CATALOG ", 0) == 0 || line.rfind("CREATE ", 0) == 0) lines.push_back(line);
+  }
+  return lines;
+}
+
+class Program {
+ public:
+  // Starts qorchat with the arguments and these variables over the test's environment (an empty
+  // value removes the variable). What it prints goes to files, read as it comes.
+  Program(std::vector<std::string> args, const std::map<std::string, std::string>& env) {
+    int in[2];
+    if (pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    args.insert(args.begin(), QORCHAT_BINARY);
+    std::vector<char*> argv;
+    for (std::string& arg : args)
+      argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    const std::string out = (dir_.path / "out").string();
+    const std::string err = (dir_.path / "err").string();
+    pid_ = fork();
+    if (pid_ < 0) throw std::runtime_error("fork failed");
+    if (pid_ == 0) {
+      dup2(in[0], STDIN_FILENO);
+      dup2(open(out.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), STDOUT_FILENO);
+      dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), STDERR_FILENO);
+      for (const auto& [name, value] : env)
+        value.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), value.c_str(), 1);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    close(in[0]);
+    input_ = in[1];
+  }
+
+  // A program the test leaves running is killed.
+  ~Program() {
+    if (input_ >= 0) close(input_);
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  std::string out() const { return printed("out"); }
+  std::string err() const { return printed("err"); }
+  void write(const std::string& text) {
+    if (::write(input_, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+      throw std::runtime_error("write to qorchat failed");
+  }
+  void signal(int number) { kill(pid_, number); }
+
+  // Whether the predicate comes to hold within 20 seconds.
+  static bool waitFor(const std::function<bool()>& done) {
+    for (int i = 0; i < 400 && !done(); ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return done();
+  }
+  bool waitForOutput(const std::string& text) const {
+    return waitFor([&] { return has(out(), text); });
+  }
+  bool waitForError(const std::string& text) const {
+    return waitFor([&] { return has(err(), text); });
+  }
+
+  // Waits for the exit, its input closed unless told not to, and gives the status (128 + the
+  // signal when killed).
+  int finish(std::chrono::seconds limit = std::chrono::seconds(30), bool closingInput = true) {
+    if (closingInput && input_ >= 0) {
+      close(input_);
+      input_ = -1;
+    }
+    const auto end = std::chrono::steady_clock::now() + limit;
+    int status = 0;
+    while (waitpid(pid_, &status, WNOHANG) != pid_) {
+      if (std::chrono::steady_clock::now() > end) throw std::runtime_error("qorchat did not exit");
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+ private:
+  std::string printed(const char* name) const {
+    std::ifstream file(dir_.path / name);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  }
+
+  TempDir dir_;
+  pid_t pid_ = -1;
+  int input_ = -1;
+};
+
+// Runs qorchat to its end with the input given at once.
+struct Outcome {
+  int status;
+  std::string out;
+  std::string err;
+};
+inline Outcome runQorchat(const std::vector<std::string>& args,
+                          const std::map<std::string, std::string>& env = {},
+                          const std::string& input = "") {
+  Program program(args, env);
+  if (!input.empty()) program.write(input);
+  const int status = program.finish();
+  return {status, program.out(), program.err()};
+}
+
+}  // namespace qortest
