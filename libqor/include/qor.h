@@ -147,6 +147,7 @@ struct QORCallbackLocalizationInfo {
   QORCallbackLocalizationInfo(const QORCallbackLocalizationInfo&) = default;
   // Both copy source and all 1024 bytes of translation; the moved-from record stays as it was.
   QOR_EXPORT QORCallbackLocalizationInfo& operator=(const QORCallbackLocalizationInfo& other);
+  // NOLINTNEXTLINE(performance-noexcept-move-constructor): hosts compile against this declaration.
   QOR_EXPORT QORCallbackLocalizationInfo& operator=(QORCallbackLocalizationInfo&& other);
 };
 

@@ -26,7 +26,8 @@ QORAssistant::~QORAssistant() {
 }
 
 IQORAssistantMemory* QORAssistant::detachMemory() {
-  ownedMemory.release();
+  // The caller takes the memory over; memory still points at it.
+  (void)ownedMemory.release();
   return memory;
 }
 

@@ -205,7 +205,8 @@ std::string QORAssistantProperties::obtainCombinedInstructions() const {
   return text;
 }
 
-std::string QORAssistantProperties::composeCreateStatement(std::string schemaName, std::string kind,
+std::string QORAssistantProperties::composeCreateStatement(std::string_view schemaName,
+                                                           std::string_view kind,
                                                            const YLJsonValue* description) {
   std::string statement;
   QORDatabaseDigest::appendCreateStatement(statement, schemaName, kind, description);

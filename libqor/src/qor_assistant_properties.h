@@ -38,7 +38,7 @@ class QORAssistantProperties : public IQORProperties {
 
   // One CREATE statement for a table, view or materialized view description; empty when the
   // description is rejected.
-  static std::string composeCreateStatement(std::string schemaName, std::string kind,
+  static std::string composeCreateStatement(std::string_view schemaName, std::string_view kind,
                                             const YLJsonValue* description);
   // Appends each string of a list, each followed by a line feed.
   static void appendInstructionLines(std::string& stream, const YLVariant& lines);

@@ -10,11 +10,13 @@
 
 QORCallbackLocalizationInfo& QORCallbackLocalizationInfo::operator=(
     const QORCallbackLocalizationInfo& other) {
+  if (this == &other) return *this;
   source = other.source;
   std::memmove(translation, other.translation, sizeof translation);
   return *this;
 }
 
+// NOLINTNEXTLINE(performance-noexcept-move-constructor): qor.h declares it without noexcept.
 QORCallbackLocalizationInfo& QORCallbackLocalizationInfo::operator=(
     QORCallbackLocalizationInfo&& other) {
   // The record owns nothing, so moving is copying and leaves the source as it was.

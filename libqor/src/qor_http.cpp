@@ -58,17 +58,3 @@ Result Post(YLRestSession* session, const std::string& url, const IYLJsonValue* 
 }
 
 }  // namespace HTTP
-
-std::string obtainErrorMessage(const YLRestResourceResponse* response) {
-  const YLJson* json = response->responseJson;
-  if (json != nullptr && json->getIsValidJson()) {
-    const YLJsonValue* error = json->obtainKeyValue("error");
-    if (error != nullptr && error->obtainType() == YLJsonValueType::Object) {
-      const YLJsonValue* message = error->obtainKeyValue("message");
-      if (message != nullptr && message->obtainType() == YLJsonValueType::String) {
-        return message->obtainStringValue();
-      }
-    }
-  }
-  return response->getBufferString();
-}

@@ -23,7 +23,3 @@ Result Post(YLRestSession* session, const std::string& url, const IYLJsonValue* 
             const YLParamList& queryParams, const YLParamList& headerParams);
 
 }  // namespace HTTP
-
-// The text of a service's error body: the string at error.message, else the raw body (which may
-// be empty).
-std::string obtainErrorMessage(const YLRestResourceResponse* response);

@@ -30,7 +30,7 @@ std::string obtainLocalizedText(std::string_view text) {
   if (callback == nullptr) return std::string(text);
 
   // The callback reads a NUL-terminated sentence; a view need not be one.
-  const std::string source(text);
+  std::string source(text);
   QORCallbackLocalizationInfo info;
   std::memset(info.translation, 0, sizeof info.translation);
   info.source = source.c_str();

@@ -1,13 +1,9 @@
-// The REST client: one call of executeGet or executePost, its retries and redirects, on libcurl.
+// The REST client: one executeGet or executePost, its attempts and redirect hops, on libcurl.
 
 #include <curl/curl.h>
 
-#include <algorithm>
 #include <chrono>
-#include <climits>
-#include <cstddef>
 #include <cstdint>
-#include <ctime>
 #include <memory>
 #include <optional>
 #include <random>
@@ -17,208 +13,11 @@
 #include <utility>
 
 #include "yl/yl_util.h"
+#include "yl_rest_client_internal.h"
 #include "yl_rest_internal.h"
 
+namespace ylrest {
 namespace {
-
-// Headers of one reply larger than this fail the exchange like an oversized body: a server that
-// never stops sending headers must not make the client grow without bound either.
-constexpr std::size_t kMaxHeaderBytes = std::size_t{1024} * 1024;
-
-char asciiLower(char c) {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    if (asciiLower(a[i]) != asciiLower(b[i])) return false;
-  }
-  return true;
-}
-
-bool hasHeader(const YLParamList& headers, std::string_view name) {
-  for (const auto& header : headers) {
-    if (equalsIgnoringCase(header.first, name)) return true;
-  }
-  return false;
-}
-
-// What a request hook sees in place of a credential.
-constexpr std::string_view kMask = "****";
-
-// Headers that carry a key: masked for a request hook, and never sent to another origin.
-bool isCredentialHeader(std::string_view name) {
-  for (std::string_view secret : {"Authorization", "x-api-key", "x-goog-api-key", "api-key"}) {
-    if (equalsIgnoringCase(name, secret)) return true;
-  }
-  return false;
-}
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  c = asciiLower(c);
-  return (c >= 'a' && c <= 'f') ? c - 'a' + 10 : -1;
-}
-
-// Whether a raw query item's name is "key", as a server reads it: percent-decoded, any case.
-bool isKeyParameter(std::string_view item) {
-  const std::string_view name = item.substr(0, item.find('='));
-  std::string decoded;
-  for (std::size_t i = 0; i < name.size(); ++i) {
-    if (name[i] == '%' && i + 2 < name.size() && hexValue(name[i + 1]) >= 0 &&
-        hexValue(name[i + 2]) >= 0) {
-      decoded += static_cast<char>(hexValue(name[i + 1]) * 16 + hexValue(name[i + 2]));
-      i += 2;
-    } else {
-      decoded += name[i];
-    }
-  }
-  return equalsIgnoringCase(decoded, "key");
-}
-
-// The header's value as a request hook may see it: a credential is masked, and an authorization
-// keeps its scheme word so that the log still tells Bearer from Basic.
-std::string maskedHeaderValue(std::string_view name, std::string_view value) {
-  if (!isCredentialHeader(name)) return std::string(value);
-  if (equalsIgnoringCase(name, "Authorization")) {
-    const std::size_t space = value.find(' ');
-    if (space != std::string_view::npos) {
-      return std::string(value.substr(0, space + 1)) + std::string(kMask);
-    }
-  }
-  return std::string(kMask);
-}
-
-// The URL as curl sends it, without a fragment, and with the value of every query parameter named
-// key masked, wherever it came from: the caller's URL or the request's parameters.
-std::string maskedUrl(std::string_view url) {
-  url = url.substr(0, url.find('#'));
-  const std::size_t mark = url.find('?');
-  if (mark == std::string_view::npos) return std::string(url);
-  std::string masked(url.substr(0, mark + 1));
-  std::string_view query = url.substr(mark + 1);
-  for (bool first = true;; first = false) {
-    const std::size_t amp = query.find('&');
-    const std::string_view item = query.substr(0, amp);
-    if (!first) masked += '&';
-    const std::size_t equals = item.find('=');
-    if (equals != std::string_view::npos && isKeyParameter(item)) {
-      masked.append(item.substr(0, equals + 1));
-      masked.append(kMask);
-    } else {
-      masked.append(item);
-    }
-    if (amp == std::string_view::npos) return masked;
-    query.remove_prefix(amp + 1);
-  }
-}
-
-// The first value of the header, or empty; a reply's Location and Retry-After are read with it.
-std::string_view headerValue(const YLParamList& headers, std::string_view name) {
-  for (const auto& header : headers) {
-    if (equalsIgnoringCase(header.first, name)) return header.second;
-  }
-  return {};
-}
-
-// What the callbacks of one exchange collect.
-struct Exchange {
-  CURL* easy = nullptr;
-  std::size_t maxBodyBytes = 0;
-  std::string body;
-  YLParamList headers;
-  std::size_t headerBytes = 0;
-  // Any byte of a reply, its status line included: a request that timed out before that may be
-  // sent again without losing anything of an answer.
-  bool replyStarted = false;
-  bool bodyStarted = false;
-  bool tooLarge = false;
-
-  // A reply that arrives with a coding is counted after decoding, so only an identity reply can
-  // be judged by its Content-Length before the body is read.
-  bool isIdentityCoded() const {
-    for (const auto& header : headers) {
-      if (equalsIgnoringCase(header.first, "Content-Encoding") &&
-          !equalsIgnoringCase(header.second, "identity") && !header.second.empty()) {
-        return false;
-      }
-    }
-    return true;
-  }
-
-  // Runs once, at the first bytes of the final reply's body.
-  bool acceptBodyStart() {
-    curl_off_t length = -1;
-    if (curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK ||
-        length < 0 || !isIdentityCoded()) {
-      return true;
-    }
-    const auto announced = static_cast<std::uint64_t>(length);
-    if (announced > maxBodyBytes) return false;
-    body.reserve(static_cast<std::size_t>(announced));
-    return true;
-  }
-};
-
-std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
-  auto* exchange = static_cast<Exchange*>(user);
-  const std::size_t bytes = size * count;
-  if (!exchange->bodyStarted) {
-    exchange->bodyStarted = true;
-    if (!exchange->acceptBodyStart()) {
-      exchange->tooLarge = true;
-      return 0;
-    }
-  }
-  // The bytes are decoded already; the body never grows past the limit, so this cannot underflow.
-  if (bytes > exchange->maxBodyBytes - exchange->body.size()) {
-    exchange->tooLarge = true;
-    return 0;  // anything but bytes makes curl abort with CURLE_WRITE_ERROR
-  }
-  exchange->body.append(data, bytes);
-  return bytes;
-}
-
-std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user) {
-  auto* exchange = static_cast<Exchange*>(user);
-  const std::size_t bytes = size * count;
-  std::string_view line(data, bytes);
-  while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
-    line.remove_suffix(1);
-
-  exchange->replyStarted = true;
-  // A status line starts a reply: an interim 1xx or the final one. Only the last reply's headers
-  // and body are kept.
-  if (line.starts_with("HTTP/")) {
-    exchange->headers.clear();
-    exchange->headerBytes = 0;
-    exchange->body.clear();
-    exchange->bodyStarted = false;
-    return bytes;
-  }
-  if (line.empty()) return bytes;
-
-  exchange->headerBytes += bytes;
-  if (exchange->headerBytes > kMaxHeaderBytes) {
-    exchange->tooLarge = true;
-    return 0;
-  }
-  if (line.front() == ' ' || line.front() == '\t') {
-    // An obsolete folded line continues the previous header's value.
-    if (!exchange->headers.empty()) {
-      std::string& value = exchange->headers.back().second;
-      value += ' ';
-      value += ylTrimAsString(line);
-    }
-    return bytes;
-  }
-  const std::size_t colon = line.find(':');
-  if (colon == std::string_view::npos) return bytes;
-  exchange->headers.emplace_back(std::string(line.substr(0, colon)),
-                                 ylTrimAsString(line.substr(colon + 1)));
-  return bytes;
-}
 
 // The wake-up pipe ends the wait for the network at once; this also catches a cancel while data
 // keeps flowing and the wait is never long.
@@ -235,324 +34,6 @@ CURLcode multiFailure(CURLMcode code) {
       return CURLE_UNRECOVERABLE_POLL;
     default:
       return CURLE_BAD_FUNCTION_ARGUMENT;
-  }
-}
-
-// The result of a reply, from the server or a request hook's stand-in: a refused reply keeps its
-// status and headers but not its body; otherwise every 2xx status is a success and any other
-// status is its own code.
-std::int32_t acceptReply(long status, YLParamList headers, std::string body, bool tooLarge,
-                         YLRestResourceResponse& response) {
-  response.statusCode = status;
-  response.headers = std::move(headers);
-  if (tooLarge) return YLErrorCode::kResponseTooLarge;
-  response.setBody(std::move(body));
-  if (status >= 200 && status <= 299) return YLErrorCode::kSuccess;
-  if (status >= 100 && status <= 599) return static_cast<std::int32_t>(status);
-  return YLErrorCode::kCurlCodeBase + CURLE_WEIRD_SERVER_REPLY;
-}
-
-using CurlList = std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)>;
-
-// Adds "name: value" to the list. A name or value that would break the header block (a line
-// break, a NUL, a colon or blank in the name) refuses the whole request rather than sending
-// something other than what the caller wrote.
-bool appendHeader(CurlList& list, std::string_view name, std::string_view value) {
-  if (name.empty()) return false;
-  for (char c : name) {
-    if (c == ':' || c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\0') return false;
-  }
-  for (char c : value) {
-    if (c == '\r' || c == '\n' || c == '\0') return false;
-  }
-  std::string line(name);
-  // curl drops a header written "name:" with nothing after it; "name;" is its way to send one
-  // with an empty value.
-  if (value.empty()) {
-    line += ';';
-  } else {
-    line += ": ";
-    line += value;
-  }
-  curl_slist* grown = curl_slist_append(list.get(), line.c_str());
-  if (grown == nullptr) return false;
-  (void)list.release();
-  list.reset(grown);
-  return true;
-}
-
-std::optional<std::string> escape(CURL* easy, const std::string& text) {
-  if (text.size() > static_cast<std::size_t>(INT_MAX)) return std::nullopt;
-  char* escaped = curl_easy_escape(easy, text.data(), static_cast<int>(text.size()));
-  if (escaped == nullptr) return std::nullopt;
-  std::string result(escaped);
-  curl_free(escaped);
-  return result;
-}
-
-// The request's URL with its query parameters appended, each name and value percent-encoded
-// (everything but letters, digits and "-._~"). A fragment stays at the end, where curl drops it.
-std::optional<std::string> buildUrl(CURL* easy, const YLRestRequest& request) {
-  std::string url = request.url();
-  if (request.queryParams().empty()) return url;
-  std::string fragment;
-  if (const std::size_t hash = url.find('#'); hash != std::string::npos) {
-    fragment = url.substr(hash);
-    url.resize(hash);
-  }
-  const bool hasQuery = url.find('?') != std::string::npos;
-  const bool open = !url.empty() && (url.back() == '?' || url.back() == '&');
-  char separator = hasQuery ? '&' : '?';
-  bool first = true;
-  for (const auto& [name, value] : request.queryParams()) {
-    const auto escapedName = escape(easy, name);
-    const auto escapedValue = escape(easy, value);
-    if (!escapedName || !escapedValue) return std::nullopt;
-    if (!(first && open)) url += separator;
-    url += *escapedName;
-    url += '=';
-    url += *escapedValue;
-    separator = '&';
-    first = false;
-  }
-  return url + fragment;
-}
-
-class CurlOptions {
- public:
-  explicit CurlOptions(CURL* easy) : easy_(easy) {}
-
-  template <typename T>
-  CurlOptions& set(CURLoption option, T value) {
-    if (result_ == CURLE_OK) result_ = curl_easy_setopt(easy_, option, value);
-    return *this;
-  }
-  CurlOptions& set(CURLoption option, const std::string& value) {
-    return set(option, value.c_str());
-  }
-
-  CURLcode result() const { return result_; }
-
- private:
-  CURL* easy_;
-  CURLcode result_ = CURLE_OK;
-};
-
-// Runs on a handle just reset: what curl does by default is left alone, and only what differs is
-// set. Among the defaults kept: certificates are verified, and redirects are not followed (the
-// client follows them itself: curl would send the credential headers wherever they lead).
-CURLcode applySettings(CURL* easy, const YLRestGlobalSettings& settings) {
-  CurlOptions options(easy);
-  // Only the web: a caller's URL or a redirect hop can never reach file://, ftp:// and the like.
-  options
-      .set(CURLOPT_PROTOCOLS_STR, "http,https")
-      // Time-outs must not be carried out with signals: the host may run other threads.
-      .set(CURLOPT_NOSIGNAL, 1L)
-      .set(CURLOPT_TCP_KEEPALIVE, 1L)
-      // Set even when empty: an unset proxy makes curl read http_proxy, all_proxy and no_proxy
-      // from the environment, and the settings are meant to be the only word on proxies.
-      .set(CURLOPT_PROXY, settings.proxy)
-      .set(CURLOPT_NOPROXY, settings.noProxy)
-      // "" offers every coding this libcurl can decode and has it decode the reply.
-      .set(CURLOPT_ACCEPT_ENCODING, "");
-  // 0 is curl's own default for both.
-  if (settings.connectTimeoutMs != 0)
-    options.set(CURLOPT_CONNECTTIMEOUT_MS, settings.connectTimeoutMs);
-  if (settings.totalTimeoutMs != 0) options.set(CURLOPT_TIMEOUT_MS, settings.totalTimeoutMs);
-  if (settings.lowSpeedLimitBytes > 0 && settings.lowSpeedTimeSeconds > 0) {
-    options.set(CURLOPT_LOW_SPEED_LIMIT, settings.lowSpeedLimitBytes)
-        .set(CURLOPT_LOW_SPEED_TIME, settings.lowSpeedTimeSeconds);
-  }
-  // A proxy's own reply to CONNECT is no part of the server's.
-  if (!settings.proxy.empty()) options.set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  if (!settings.verifyPeer) options.set(CURLOPT_SSL_VERIFYPEER, 0L);
-  if (!settings.verifyHost) options.set(CURLOPT_SSL_VERIFYHOST, 0L);
-  if (!settings.caFile.empty() || !settings.caPath.empty()) {
-    // Given certificates replace the system's: the default bundle and folder are switched off.
-    options.set(CURLOPT_CAINFO, settings.caFile.empty() ? nullptr : settings.caFile.c_str())
-        .set(CURLOPT_CAPATH, settings.caPath.empty() ? nullptr : settings.caPath.c_str());
-  }
-  if (!settings.userAgent.empty()) options.set(CURLOPT_USERAGENT, settings.userAgent);
-  return options.result();
-}
-
-using CurlUrl = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
-
-std::optional<std::string> urlPart(CURLU* url, CURLUPart part, unsigned flags = 0) {
-  char* text = nullptr;
-  if (curl_url_get(url, part, &text, flags) != CURLUE_OK || text == nullptr) return std::nullopt;
-  std::string result(text);
-  curl_free(text);
-  return result;
-}
-
-std::string lowered(std::string text) {
-  for (char& c : text)
-    c = asciiLower(c);
-  return text;
-}
-
-// What credentials are bound to: the scheme, the host and the port, a default port spelled out.
-struct Origin {
-  std::string scheme;
-  std::string host;
-  std::string port;
-  bool operator==(const Origin&) const = default;
-};
-
-// The origin of a URL as curl reads it (a URL without a scheme is http), or nothing if curl cannot
-// read the URL.
-std::optional<Origin> originOf(const std::string& url) {
-  const CurlUrl handle(curl_url(), &curl_url_cleanup);
-  if (!handle || curl_url_set(handle.get(), CURLUPART_URL, url.c_str(),
-                              CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK) {
-    return std::nullopt;
-  }
-  auto scheme = urlPart(handle.get(), CURLUPART_SCHEME);
-  auto host = urlPart(handle.get(), CURLUPART_HOST);
-  auto port = urlPart(handle.get(), CURLUPART_PORT, CURLU_DEFAULT_PORT);
-  if (!scheme || !host) return std::nullopt;
-  return Origin{lowered(std::move(*scheme)), lowered(std::move(*host)), port.value_or("")};
-}
-
-// Where a redirect leads: its Location resolved against the URL that was asked, as curl resolves
-// it when it follows by itself.
-std::optional<std::string> redirectTarget(const std::string& from, std::string_view location) {
-  const CurlUrl handle(curl_url(), &curl_url_cleanup);
-  const std::string target(location);
-  if (!handle ||
-      curl_url_set(handle.get(), CURLUPART_URL, from.c_str(),
-                   CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) != CURLUE_OK ||
-      curl_url_set(handle.get(), CURLUPART_URL, target.c_str(),
-                   CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE | CURLU_ALLOW_SPACE) != CURLUE_OK) {
-    return std::nullopt;
-  }
-  return urlPart(handle.get(), CURLUPART_URL);
-}
-
-// The URL without its query parameters named key, for a hop to another origin: a server that
-// copies its own URL's query into the Location must not pass the key on.
-std::string withoutKeyParameters(std::string_view url) {
-  const std::size_t hash = url.find('#');
-  const std::string_view fragment = hash == std::string_view::npos ? "" : url.substr(hash);
-  url = url.substr(0, hash);
-  const std::size_t mark = url.find('?');
-  if (mark == std::string_view::npos) return std::string(url) + std::string(fragment);
-  std::string kept;
-  std::string_view query = url.substr(mark + 1);
-  for (;;) {
-    const std::size_t amp = query.find('&');
-    const std::string_view item = query.substr(0, amp);
-    if (!isKeyParameter(item)) {
-      if (!kept.empty()) kept += '&';
-      kept.append(item);
-    }
-    if (amp == std::string_view::npos) break;
-    query.remove_prefix(amp + 1);
-  }
-  std::string result(url.substr(0, mark));
-  if (!kept.empty()) result += '?' + kept;
-  return result + std::string(fragment);
-}
-
-bool isFollowedRedirect(long status) {
-  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
-}
-
-// What one request came to, and whether sending it again may help.
-struct Attempt {
-  // Implicit, so that the many returns of a bare code stay short.
-  Attempt(std::int32_t result, bool again = false) : code(result), retryable(again) {}
-
-  std::int32_t code = YLErrorCode::kSuccess;
-  bool retryable = false;
-  // The reply's Retry-After, when it had one that reads as a wait.
-  std::optional<std::chrono::milliseconds> retryAfter;
-};
-
-// Statuses that say "later" or "not now" rather than "not like this".
-bool isRetryableStatus(long status) {
-  switch (status) {
-    case 408:
-    case 429:
-    case 500:
-    case 502:
-    case 503:
-    case 504:
-      return true;
-    default:
-      return false;
-  }
-}
-
-// Failures that left no reply: the connection never came about, or it ended before any byte of
-// an answer, so asking again loses nothing the server said.
-bool isRetryableTransport(CURLcode result, bool replyStarted) {
-  switch (result) {
-    case CURLE_COULDNT_RESOLVE_PROXY:
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_CONNECT:
-      return true;
-    case CURLE_OPERATION_TIMEDOUT:
-    case CURLE_GOT_NOTHING:
-    case CURLE_SEND_ERROR:
-    case CURLE_RECV_ERROR:
-      return !replyStarted;
-    default:
-      return false;
-  }
-}
-
-// A Retry-After value: a number of seconds or an HTTP date; nothing when it is neither.
-std::optional<std::chrono::milliseconds> parseRetryAfter(std::string_view text) {
-  using std::chrono::milliseconds;
-  const std::string value = ylTrimAsString(text);
-  if (value.empty()) return std::nullopt;
-  if (std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-    // Any wait beyond a day is cut to the cap anyway; stopping there keeps the number in range.
-    constexpr long long kDay = 24LL * 60 * 60;
-    long long seconds = 0;
-    for (char c : value) {
-      seconds = seconds * 10 + (c - '0');
-      if (seconds > kDay) {
-        seconds = kDay;
-        break;
-      }
-    }
-    return milliseconds(seconds * 1000);
-  }
-  const std::time_t when = curl_getdate(value.c_str(), nullptr);
-  if (when == -1) return std::nullopt;
-  const auto left = std::chrono::ceil<milliseconds>(std::chrono::system_clock::from_time_t(when) -
-                                                    std::chrono::system_clock::now());
-  return std::max(left, milliseconds(0));
-}
-
-// A reply's result with what a retry needs to know of it.
-Attempt replyAttempt(std::int32_t code, const YLRestResourceResponse& response) {
-  Attempt attempt{code};
-  if (code == response.statusCode && isRetryableStatus(response.statusCode)) {
-    attempt.retryable = true;
-    attempt.retryAfter = parseRetryAfter(headerValue(response.headers, "Retry-After"));
-  }
-  return attempt;
-}
-
-// A response as a new one is: each attempt and each redirect hop starts from nothing, so that a
-// failure never shows what an earlier one received.
-void clearResponse(YLRestResourceResponse& response) {
-  response.statusCode = 0;
-  response.headers.clear();
-  response.setBody({});
-}
-
-std::uint_fast32_t randomSeed() {
-  try {
-    return std::random_device()();
-  } catch (...) {
-    // Without an entropy source the clock still sets clients apart.
-    return static_cast<std::uint_fast32_t>(
-        std::chrono::steady_clock::now().time_since_epoch().count());
   }
 }
 
@@ -600,7 +81,6 @@ class YLCurlRestClient final : public IYLRestClient {
   // Points easy_ and multi_ at the handles the exchange runs on: the pool's when it lends them,
   // else the client's own, made the first time they are needed. False if none can be made.
   bool takeHandles(const YLPoolExchange& inFlight);
-  std::chrono::milliseconds retryDelay(int retry, std::optional<std::chrono::milliseconds> asked);
   CURLSH* sessionShare() const;
   IYLHTTPPoolCenter* sessionPool() const {
     return session_ == nullptr ? nullptr : session_->connectionPool;
@@ -644,7 +124,8 @@ std::int32_t YLCurlRestClient::execute(const YLRestRequest* request, const YLRes
     const Attempt outcome = attempt(*request, post, *fresh, inFlight);
     code = outcome.code;
     if (inFlight.cancelRequested() || !outcome.retryable || retry >= settings_->maxRetries) break;
-    if (!inFlight.sleepUnlessCancelled(retryDelay(retry, outcome.retryAfter))) break;
+    const auto delay = retryDelay(*settings_, retry, outcome.retryAfter, random_);
+    if (!inFlight.sleepUnlessCancelled(delay)) break;
   }
   // A cancel that lands before the exchange is over wins over whatever it came to.
   if (inFlight.finish()) {
@@ -673,21 +154,6 @@ bool YLCurlRestClient::takeHandles(const YLPoolExchange& inFlight) {
   multi_ = ownMulti_.get();
   pooledHandles_ = false;
   return true;
-}
-
-std::chrono::milliseconds YLCurlRestClient::retryDelay(
-    int retry, std::optional<std::chrono::milliseconds> asked) {
-  using std::chrono::milliseconds;
-  const long cap = std::max(0L, settings_->retryMaxDelayMs);
-  if (asked) return std::min(*asked, milliseconds(cap));
-  long delay = std::clamp(settings_->retryBaseDelayMs, 0L, cap);
-  for (int i = 0; i < retry && delay < cap; ++i)
-    delay = delay > cap / 2 ? cap : delay * 2;
-  // Between half and all of the delay: clients that failed together spread out, and each still
-  // waits at least half of what the backoff asks.
-  std::uniform_int_distribution<long> draw(delay / 2, delay);
-  if (!random_) random_.emplace(randomSeed());
-  return milliseconds(draw(*random_));
 }
 
 // One request and the redirects it is sent along, when the settings follow them.
@@ -774,19 +240,6 @@ bool YLCurlRestClient::buildHeaders(const YLRestRequest& request, bool isPost, b
   (void)headers.release();
   headers.reset(grown);
   return true;
-}
-
-// A request hook's reply, held to the limits of a real one; its header lines are counted as they
-// would arrive.
-Attempt acceptStandIn(YLStandInReply standIn, std::size_t maxBodyBytes,
-                      YLRestResourceResponse& response) {
-  std::size_t headerBytes = 0;
-  for (const auto& [name, value] : standIn.headers)
-    headerBytes += name.size() + value.size() + 4;
-  const bool tooLarge = headerBytes > kMaxHeaderBytes || standIn.body.size() > maxBodyBytes;
-  return replyAttempt(acceptReply(standIn.statusCode, std::move(standIn.headers),
-                                  std::move(standIn.body), tooLarge, response),
-                      response);
 }
 
 Attempt YLCurlRestClient::send(const YLRestRequest& request, const std::string& url,
@@ -923,6 +376,7 @@ CURLcode YLCurlRestClient::transfer(const YLPoolExchange& inFlight) {
 }
 
 }  // namespace
+}  // namespace ylrest
 
 std::string ylDefaultUserAgent() {
   return "libqor/" YL_VERSION_STRING;
@@ -931,5 +385,5 @@ std::string ylDefaultUserAgent() {
 IYLRestClient* YLRestClientFactory::createRestClient(IYLAppFactory* /*appFactory*/,
                                                      const YLRestGlobalSettings* settings,
                                                      YLRestSession* session) {
-  return new YLCurlRestClient(settings, session);
+  return new ylrest::YLCurlRestClient(settings, session);
 }

@@ -1,5 +1,6 @@
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "yl/yl_rest.h"
@@ -28,6 +29,8 @@ void YLRestResourceResponse::setBody(std::string body) {
   delete responseJson;
   responseJson = nullptr;
   if (body_.empty()) return;
-  auto json = std::make_unique<YLJson>(body_);
+  // Parsed from a copy, not moved in: parsing in place rewrites its buffer, and the raw body must
+  // stay readable, since failure texts quote it when it carries no message of its own.
+  auto json = std::make_unique<YLJson>(std::string_view(body_));
   if (json->getIsValidJson()) responseJson = json.release();
 }

@@ -223,6 +223,48 @@ std::string_view dollarTag(std::string_view sql, std::size_t i) {
   return sql.substr(i, j - i + 1);
 }
 
+// Just past the block comment that opens at i, nested ones included; the end of the text if it
+// never closes.
+std::size_t pastBlockComment(std::string_view sql, std::size_t i) {
+  int depth = 1;
+  i += 2;
+  while (i < sql.size() && depth > 0) {
+    if (sql.compare(i, 2, "/*") == 0) {
+      ++depth;
+      i += 2;
+    } else if (sql.compare(i, 2, "*/") == 0) {
+      --depth;
+      i += 2;
+    } else {
+      ++i;
+    }
+  }
+  return i;
+}
+
+// Just past the piece of a statement that starts at i: a literal, a quoted name, a dollar-quoted
+// string, a whole word, or else the one character.
+std::size_t pastToken(std::string_view sql, std::size_t i, bool backslashEscapes) {
+  const char c = sql[i];
+  if (c == '\'') return pastQuoted(sql, i, '\'', backslashEscapes);
+  if (c == '"') return pastQuoted(sql, i, '"', false);
+  if (c == '$') {
+    const std::string_view tag = dollarTag(sql, i);
+    if (tag.empty()) return i + 1;
+    const std::size_t close = sql.find(tag, i + tag.size());
+    return close == npos ? sql.size() : close + tag.size();
+  }
+  if (!isWordStart(c)) return i + 1;
+  // A whole word at once, so that a $ inside it opens no quote. E'...' escapes backslashes.
+  const std::size_t word = i;
+  while (i < sql.size() && isWordChar(sql[i]))
+    ++i;
+  if (i - word == 1 && (c == 'E' || c == 'e') && i < sql.size() && sql[i] == '\'') {
+    i = pastQuoted(sql, i, '\'', true);
+  }
+  return i;
+}
+
 // The statements of a block, each with its semicolon, as PostgreSQL's own lexer separates them:
 // semicolons inside literals, quoted names, dollar quotes and comments (nested ones included)
 // end nothing. Pieces of only white space and comments are no statements. A body of BEGIN ATOMIC
@@ -250,40 +292,10 @@ std::vector<std::string_view> splitStatements(std::string_view sql, bool backsla
       i = sql.find('\n', i);
       if (i == npos) i = sql.size();
     } else if (c == '/' && next == '*') {
-      int depth = 1;
-      i += 2;
-      while (i < sql.size() && depth > 0) {
-        if (sql.compare(i, 2, "/*") == 0) {
-          ++depth;
-          i += 2;
-        } else if (sql.compare(i, 2, "*/") == 0) {
-          --depth;
-          i += 2;
-        } else {
-          ++i;
-        }
-      }
+      i = pastBlockComment(sql, i);
     } else {
       content = true;
-      if (c == '\'') {
-        i = pastQuoted(sql, i, '\'', backslashEscapes);
-      } else if (c == '"') {
-        i = pastQuoted(sql, i, '"', false);
-      } else if (c == '$' && !dollarTag(sql, i).empty()) {
-        const std::string_view tag = dollarTag(sql, i);
-        const std::size_t close = sql.find(tag, i + tag.size());
-        i = close == npos ? sql.size() : close + tag.size();
-      } else if (isWordStart(c)) {
-        // A whole word at once, so that a $ inside it opens no quote. E'...' escapes backslashes.
-        const std::size_t word = i;
-        while (i < sql.size() && isWordChar(sql[i]))
-          ++i;
-        if (i - word == 1 && (c == 'E' || c == 'e') && i < sql.size() && sql[i] == '\'') {
-          i = pastQuoted(sql, i, '\'', true);
-        }
-      } else {
-        ++i;
-      }
+      i = pastToken(sql, i, backslashEscapes);
     }
   }
   finish(sql.size());
@@ -426,6 +438,52 @@ void addStrings(IYLJsonValue* array, const std::vector<std::string>& items) {
     array->addArrayItem()->setStringValue(item);
 }
 
+// One table, view or materialized view: its fields, then its keys when it has any.
+void addRelation(YLJsonValue* objects, const Relation& relation) {
+  YLJsonValue* object = objects->addArrayItem();
+  object->addKeyValue("name")->setStringValue(relation.name);
+  YLJsonValue* fields = object->addKeyValue("fields");
+  fields->setArrayType();
+  for (const auto& [name, type] : relation.fields) {
+    YLJsonValue* field = fields->addArrayItem();
+    field->addKeyValue("name")->setStringValue(name);
+    field->addKeyValue("type")->setStringValue(type);
+  }
+  if (!relation.primaryKey.empty()) addStrings(object->addKeyValue("pkeys"), relation.primaryKey);
+  if (relation.foreignKeys.empty()) return;
+  YLJsonValue* keys = object->addKeyValue("fkeys");
+  keys->setArrayType();
+  for (const ForeignKey& foreignKey : relation.foreignKeys) {
+    YLJsonValue* entry = keys->addArrayItem();
+    addStrings(entry->addKeyValue("fields"), foreignKey.fields);
+    entry->addKeyValue("ref_schema")->setStringValue(foreignKey.refSchema);
+    entry->addKeyValue("ref_table")->setStringValue(foreignKey.refTable);
+    addStrings(entry->addKeyValue("ref_fields"), foreignKey.refFields);
+  }
+}
+
+// The db_structure JSON of the schemas read: one catalog, named after the database.
+std::string structureJson(const char* catalogName, const std::vector<Schema>& schemas,
+                          const std::vector<Relation>& relations) {
+  YLJson root;
+  root.setArrayType();
+  YLJsonValue* catalog = root.addArrayItem();
+  catalog->addKeyValue("catalog_name")->setStringValue(catalogName);
+  YLJsonValue* schemaList = catalog->addKeyValue("schemas");
+  schemaList->setArrayType();
+  for (const Schema& schema : schemas) {
+    YLJsonValue* item = schemaList->addArrayItem();
+    item->addKeyValue("schema_name")->setStringValue(schema.name);
+    for (int kind = 0; kind < kKinds; ++kind) {
+      YLJsonValue* objects = item->addKeyValue(kKindKeys[kind]);
+      objects->setArrayType();
+      for (const std::size_t index : schema.members[kind])
+        addRelation(objects, relations[index]);
+    }
+  }
+  return root.obtainJsonString();
+}
+
 // Rolls back whatever a transaction left open, also when a read throws.
 class RollbackGuard {
  public:
@@ -455,6 +513,53 @@ Result begin(PGconn* connection, const std::string& sql, ExecStatusType expected
 std::string timeoutMs(const DatabaseSettings& settings) {
   const auto ms = settings.statementTimeout.count();
   return std::to_string(std::clamp<decltype(ms)>(ms, 0, INT_MAX));
+}
+
+// The rows of a result, or of one row of it in single-row mode, counted and at most maxRows kept.
+void takeRows(const PGresult* part, StatementResult& result, std::size_t maxRows) {
+  if (result.columns.empty()) {
+    for (int column = 0; column < PQnfields(part); ++column)
+      result.columns.emplace_back(PQfname(part, column));
+  }
+  for (int row = 0; row < PQntuples(part); ++row) {
+    if (result.rowCount++ >= maxRows) continue;
+    auto& values = result.rows.emplace_back();
+    for (int column = 0; column < PQnfields(part); ++column) {
+      if (PQgetisnull(part, row, column) != 0) {
+        values.emplace_back(std::nullopt);
+      } else {
+        values.emplace_back(textAt(part, row, column));
+      }
+    }
+  }
+}
+
+// COPY ... TO STDOUT: each line of its text is a row.
+void takeCopyRows(PGconn* connection, StatementResult& result, std::size_t maxRows) {
+  result.columns = {"COPY"};
+  char* raw = nullptr;
+  int size = 0;
+  while ((size = PQgetCopyData(connection, &raw, 0)) > 0) {
+    const std::unique_ptr<char, FreeDeleter> line(raw);
+    std::string_view text(line.get(), static_cast<std::size_t>(size));
+    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+    if (result.rowCount++ < maxRows) result.rows.push_back({std::string(text)});
+  }
+}
+
+std::string parameterOf(PGconn* connection, const char* name) {
+  return std::string(orEmpty(PQparameterStatus(connection, name)));
+}
+
+// Why the statements after one that just ran are not run, or empty when they may be.
+std::string_view reasonToStop(PGconn* connection, bool superuserAtStart) {
+  if (PQtransactionStatus(connection) != PQTRANS_INTRANS) {
+    return "not run: the statement before ended the read-only transaction";
+  }
+  if (!superuserAtStart && parameterOf(connection, "is_superuser") == "on") {
+    return "not run: the statement before took back a superuser's rights";
+  }
+  return {};
 }
 
 }  // namespace
@@ -630,56 +735,48 @@ std::string PostgresDatabase::describeStructure() {
     }
   }
 
-  YLJson root;
-  root.setArrayType();
-  YLJsonValue* catalog = root.addArrayItem();
-  catalog->addKeyValue("catalog_name")->setStringValue(orEmpty(PQdb(connection)));
-  YLJsonValue* schemaList = catalog->addKeyValue("schemas");
-  schemaList->setArrayType();
-  for (const Schema& schema : schemas) {
-    YLJsonValue* item = schemaList->addArrayItem();
-    item->addKeyValue("schema_name")->setStringValue(schema.name);
-    for (int kind = 0; kind < kKinds; ++kind) {
-      YLJsonValue* objects = item->addKeyValue(kKindKeys[kind]);
-      objects->setArrayType();
-      for (const std::size_t index : schema.members[kind]) {
-        const Relation& relation = relations[index];
-        YLJsonValue* object = objects->addArrayItem();
-        object->addKeyValue("name")->setStringValue(relation.name);
-        YLJsonValue* fields = object->addKeyValue("fields");
-        fields->setArrayType();
-        for (const auto& [name, type] : relation.fields) {
-          YLJsonValue* field = fields->addArrayItem();
-          field->addKeyValue("name")->setStringValue(name);
-          field->addKeyValue("type")->setStringValue(type);
-        }
-        if (!relation.primaryKey.empty())
-          addStrings(object->addKeyValue("pkeys"), relation.primaryKey);
-        if (relation.foreignKeys.empty()) continue;
-        YLJsonValue* keys = object->addKeyValue("fkeys");
-        keys->setArrayType();
-        for (const ForeignKey& foreignKey : relation.foreignKeys) {
-          YLJsonValue* entry = keys->addArrayItem();
-          addStrings(entry->addKeyValue("fields"), foreignKey.fields);
-          entry->addKeyValue("ref_schema")->setStringValue(foreignKey.refSchema);
-          entry->addKeyValue("ref_table")->setStringValue(foreignKey.refTable);
-          addStrings(entry->addKeyValue("ref_fields"), foreignKey.refFields);
-        }
-      }
+  return structureJson(orEmpty(PQdb(connection)), schemas, relations);
+}
+
+bool PostgresDatabase::runStatement(StatementResult& result, std::size_t maxRows) {
+  PGconn* connection = connection_.get();
+  if (PQsendQueryParams(connection, result.statement.c_str(), 0, nullptr, nullptr, nullptr, nullptr,
+                        0) == 0) {
+    result.error = clean(PQerrorMessage(connection));
+    return false;
+  }
+  // Row by row, so that a large result is counted without being held.
+  PQsetSingleRowMode(connection);
+  while (PGresult* raw = PQgetResult(connection)) {
+    const Result part(raw);
+    switch (PQresultStatus(part.get())) {
+      case PGRES_SINGLE_TUPLE:
+      case PGRES_TUPLES_OK:
+        takeRows(part.get(), result, maxRows);
+        break;
+      case PGRES_COPY_OUT:
+        takeCopyRows(connection, result, maxRows);
+        break;
+      case PGRES_COPY_IN:
+        PQputCopyEnd(connection, "qorchat sends no data to COPY FROM STDIN");
+        break;
+      case PGRES_COMMAND_OK:
+      case PGRES_EMPTY_QUERY:
+        break;
+      default:
+        if (result.error.empty()) result.error = failure(part.get());
+        break;
     }
   }
-  return root.obtainJsonString();
+  return true;
 }
 
 std::vector<StatementResult> PostgresDatabase::runReadOnly(const std::string& sql,
                                                            std::size_t maxRows) {
   std::vector<StatementResult> results;
   PGconn* connection = connection_.get();
-  const auto parameter = [&](const char* name) {
-    return std::string(orEmpty(PQparameterStatus(connection, name)));
-  };
   const std::vector<std::string_view> statements =
-      splitStatements(sql, parameter("standard_conforming_strings") == "off");
+      splitStatements(sql, parameterOf(connection, "standard_conforming_strings") == "off");
   if (statements.empty()) return results;
 
   // Each statement is sent on its own with the extended protocol, which refuses two statements in
@@ -702,7 +799,7 @@ std::vector<StatementResult> PostgresDatabase::runReadOnly(const std::string& sq
       results.emplace_back().error = failure(begun.get());
       return results;
     }
-    const bool superuserAtStart = parameter("is_superuser") == "on";
+    const bool superuserAtStart = parameterOf(connection, "is_superuser") == "on";
 
     // From here until the run ends, interrupt() reaches the server with a cancel request.
     struct CancelWindow {
@@ -724,67 +821,9 @@ std::vector<StatementResult> PostgresDatabase::runReadOnly(const std::string& sq
     for (std::size_t i = 0; i < statements.size(); ++i) {
       StatementResult& result = results.emplace_back();
       result.statement = std::string(statements[i]);
-      if (PQsendQueryParams(connection, result.statement.c_str(), 0, nullptr, nullptr, nullptr,
-                            nullptr, 0) == 0) {
-        result.error = clean(PQerrorMessage(connection));
-        break;
-      }
-      // Row by row, so that a large result is counted without being held.
-      PQsetSingleRowMode(connection);
-      while (PGresult* raw = PQgetResult(connection)) {
-        const Result part(raw);
-        switch (PQresultStatus(part.get())) {
-          case PGRES_SINGLE_TUPLE:
-          case PGRES_TUPLES_OK: {
-            if (result.columns.empty()) {
-              for (int column = 0; column < PQnfields(part.get()); ++column)
-                result.columns.emplace_back(PQfname(part.get(), column));
-            }
-            for (int row = 0; row < PQntuples(part.get()); ++row) {
-              if (result.rowCount++ >= maxRows) continue;
-              auto& values = result.rows.emplace_back();
-              for (int column = 0; column < PQnfields(part.get()); ++column) {
-                if (PQgetisnull(part.get(), row, column) != 0) {
-                  values.emplace_back(std::nullopt);
-                } else {
-                  values.emplace_back(textAt(part.get(), row, column));
-                }
-              }
-            }
-            break;
-          }
-          case PGRES_COPY_OUT: {
-            // COPY ... TO STDOUT: each line of its text is a row.
-            result.columns = {"COPY"};
-            char* raw = nullptr;
-            int size = 0;
-            while ((size = PQgetCopyData(connection, &raw, 0)) > 0) {
-              const std::unique_ptr<char, FreeDeleter> line(raw);
-              std::string_view text(line.get(), static_cast<std::size_t>(size));
-              if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-              if (result.rowCount++ < maxRows) result.rows.push_back({std::string(text)});
-            }
-            break;
-          }
-          case PGRES_COPY_IN:
-            PQputCopyEnd(connection, "qorchat sends no data to COPY FROM STDIN");
-            break;
-          case PGRES_COMMAND_OK:
-          case PGRES_EMPTY_QUERY:
-            break;
-          default:
-            if (result.error.empty()) result.error = failure(part.get());
-            break;
-        }
-      }
-      if (!result.error.empty()) break;
+      if (!runStatement(result, maxRows) || !result.error.empty()) break;
       if (i + 1 == statements.size()) break;
-      std::string stop;
-      if (PQtransactionStatus(connection) != PQTRANS_INTRANS) {
-        stop = "not run: the statement before ended the read-only transaction";
-      } else if (!superuserAtStart && parameter("is_superuser") == "on") {
-        stop = "not run: the statement before took back a superuser's rights";
-      }
+      const std::string_view stop = reasonToStop(connection, superuserAtStart);
       if (!stop.empty()) {
         StatementResult& skipped = results.emplace_back();
         skipped.statement = std::string(statements[i + 1]);

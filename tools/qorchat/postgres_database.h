@@ -50,6 +50,9 @@ class PostgresDatabase final : public Database {
 
   // The server's own text for a failed result, or libpq's when the connection is lost.
   std::string failure(const pg_result* result) const;
+  // Sends the statement of the result on its own and collects its rows, at most maxRows of them
+  // kept, or its failure. False when it could not even be sent.
+  bool runStatement(StatementResult& result, std::size_t maxRows);
   // One line of libpq's text, every password of the target taken out.
   std::string clean(const std::string& message) const;
 

@@ -42,6 +42,14 @@ std::size_t sequenceLength(std::string_view text) {
   return length;
 }
 
+// The length of the character at the start of text as a cell shows it; 0 for a control character
+// or a byte that starts no well-formed sequence, which both show as the replacement character.
+std::size_t printableLength(std::string_view text) {
+  const auto lead = static_cast<unsigned char>(text[0]);
+  if (lead < 0x20 || lead == 0x7F) return 0;
+  return sequenceLength(text);
+}
+
 std::string padded(const std::string& cell, std::size_t width) {
   const std::size_t used = ResultTable::widthOf(cell);
   return cell + std::string(width > used ? width - used : 0, ' ');
@@ -76,10 +84,7 @@ std::string ResultTable::fitted(std::string_view text, std::size_t width) {
     } else if (c == '\t') {
       out += ' ';
       ++at;
-    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
-      out += kReplacement;
-      ++at;
-    } else if (const std::size_t length = sequenceLength(text.substr(at)); length == 0) {
+    } else if (const std::size_t length = printableLength(text.substr(at)); length == 0) {
       out += kReplacement;
       ++at;
     } else {

@@ -241,59 +241,8 @@ void SchemaScope::index() {
   // it rejects an empty line.
   std::size_t total = 0;
   const std::size_t catalogCount = document_->obtainArraySize();
-  for (std::size_t c = 0; c < catalogCount; ++c) {
-    const YLJsonValue* catalog = document_->obtainArrayItem(c);
-    if (!hasType(catalog, YLJsonValueType::Object)) continue;
-    const YLJsonValue* catalogName = catalog->obtainKeyValue("catalog_name");
-    const YLJsonValue* schemas = catalog->obtainKeyValue("schemas");
-    if (!absentOr(catalog->obtainKeyValue("catalog_id"), YLJsonValueType::String) ||
-        !absentOr(catalogName, YLJsonValueType::String) ||
-        !hasType(schemas, YLJsonValueType::Array)) {
-      continue;
-    }
-    const auto catalogIndex = static_cast<std::uint32_t>(catalogs_.size());
-    const std::size_t lineBytes =
-        catalogName != nullptr
-            ? std::string_view("USE CATALOG ``\n").size() + stringOf(catalogName).size()
-            : 0;
-    catalogs_.push_back(Catalog{catalog, stringOf(catalogName), lineBytes});
-    total += lineBytes;
-
-    const std::size_t schemaCount = schemas->obtainArraySize();
-    for (std::size_t s = 0; s < schemaCount; ++s) {
-      const YLJsonValue* schema = schemas->obtainArrayItem(s);
-      if (!hasType(schema, YLJsonValueType::Object)) continue;
-      const YLJsonValue* schemaName = schema->obtainKeyValue("schema_name");
-      bool valid = absentOr(schema->obtainKeyValue("schema_id"), YLJsonValueType::String) &&
-                   absentOr(schemaName, YLJsonValueType::String);
-      const YLJsonValue* lists[3];
-      for (int kind = 0; kind < 3; ++kind) {
-        lists[kind] = schema->obtainKeyValue(kObjectKeys[kind]);
-        valid = valid && absentOr(lists[kind], YLJsonValueType::Array);
-      }
-      if (!valid) continue;
-      const auto schemaIndex = static_cast<std::uint32_t>(schemas_.size());
-      schemas_.push_back(Schema{catalogIndex, schema, stringOf(schemaName)});
-
-      for (std::uint32_t kind = 0; kind < 3; ++kind) {
-        if (lists[kind] == nullptr) continue;
-        const std::size_t count = lists[kind]->obtainArraySize();
-        for (std::size_t o = 0; o < count; ++o) {
-          const YLJsonValue* object = lists[kind]->obtainArrayItem(o);
-          const std::size_t bytes =
-              statementBytes(schemas_.back().name, kObjectKinds[kind], object);
-          // A rejected description leaves its empty line, and nothing that could be listed.
-          if (bytes == kInvalid) {
-            total += 1;
-            continue;
-          }
-          objects_.push_back(Object{schemaIndex, kind, object,
-                                    stringOf(object->obtainKeyValue("name")), bytes + 1});
-          total += bytes + 1;
-        }
-      }
-    }
-  }
+  for (std::size_t c = 0; c < catalogCount; ++c)
+    total += indexCatalog(document_->obtainArrayItem(c));
   wholeDigestBytes_ = total;
   fitsWhole_ = total <= budget_;
   if (fitsWhole_) {
@@ -305,7 +254,67 @@ void SchemaScope::index() {
   }
   // The document holds its own copy; the text is not needed again.
   std::string().swap(whole_);
+  indexNames();
+  linkForeignKeys();
+}
 
+std::size_t SchemaScope::indexCatalog(const YLJsonValue* catalog) {
+  if (!hasType(catalog, YLJsonValueType::Object)) return 0;
+  const YLJsonValue* catalogName = catalog->obtainKeyValue("catalog_name");
+  const YLJsonValue* schemas = catalog->obtainKeyValue("schemas");
+  if (!absentOr(catalog->obtainKeyValue("catalog_id"), YLJsonValueType::String) ||
+      !absentOr(catalogName, YLJsonValueType::String) ||
+      !hasType(schemas, YLJsonValueType::Array)) {
+    return 0;
+  }
+  const auto catalogIndex = static_cast<std::uint32_t>(catalogs_.size());
+  const std::size_t lineBytes =
+      catalogName != nullptr
+          ? std::string_view("USE CATALOG ``\n").size() + stringOf(catalogName).size()
+          : 0;
+  catalogs_.push_back(Catalog{catalog, stringOf(catalogName), lineBytes});
+  std::size_t total = lineBytes;
+  const std::size_t schemaCount = schemas->obtainArraySize();
+  for (std::size_t s = 0; s < schemaCount; ++s)
+    total += indexSchema(schemas->obtainArrayItem(s), catalogIndex);
+  return total;
+}
+
+std::size_t SchemaScope::indexSchema(const YLJsonValue* schema, std::uint32_t catalogIndex) {
+  if (!hasType(schema, YLJsonValueType::Object)) return 0;
+  const YLJsonValue* schemaName = schema->obtainKeyValue("schema_name");
+  bool valid = absentOr(schema->obtainKeyValue("schema_id"), YLJsonValueType::String) &&
+               absentOr(schemaName, YLJsonValueType::String);
+  const YLJsonValue* lists[3];
+  for (int kind = 0; kind < 3; ++kind) {
+    lists[kind] = schema->obtainKeyValue(kObjectKeys[kind]);
+    valid = valid && absentOr(lists[kind], YLJsonValueType::Array);
+  }
+  if (!valid) return 0;
+  const auto schemaIndex = static_cast<std::uint32_t>(schemas_.size());
+  schemas_.push_back(Schema{catalogIndex, schema, stringOf(schemaName)});
+
+  std::size_t total = 0;
+  for (std::uint32_t kind = 0; kind < 3; ++kind) {
+    if (lists[kind] == nullptr) continue;
+    const std::size_t count = lists[kind]->obtainArraySize();
+    for (std::size_t o = 0; o < count; ++o) {
+      const YLJsonValue* object = lists[kind]->obtainArrayItem(o);
+      const std::size_t bytes = statementBytes(schemas_.back().name, kObjectKinds[kind], object);
+      // A rejected description leaves its empty line, and nothing that could be listed.
+      if (bytes == kInvalid) {
+        total += 1;
+        continue;
+      }
+      objects_.push_back(
+          Object{schemaIndex, kind, object, stringOf(object->obtainKeyValue("name")), bytes + 1});
+      total += bytes + 1;
+    }
+  }
+  return total;
+}
+
+void SchemaScope::indexNames() {
   smallestLine_ = kInvalid;
   byName_.reserve(objects_.size());
   byQualifiedName_.reserve(2 * objects_.size());
@@ -322,7 +331,6 @@ void SchemaScope::index() {
   }
   std::sort(byName_.begin(), byName_.end());
   std::sort(byQualifiedName_.begin(), byQualifiedName_.end());
-  linkForeignKeys();
 }
 
 void SchemaScope::linkForeignKeys() {

@@ -85,6 +85,11 @@ class SchemaScope {
   };
 
   void index();
+  // Lists the catalog's schemas and objects; its digest's bytes, 0 for one the digest passes over.
+  std::size_t indexCatalog(const YLJsonValue* catalog);
+  std::size_t indexSchema(const YLJsonValue* schema, std::uint32_t catalogIndex);
+  // The name keys of the objects listed, sorted.
+  void indexNames();
   void linkForeignKeys();
   // Calls found(object) for every object the text names, in the order of the text.
   template <typename Found>

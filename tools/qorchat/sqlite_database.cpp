@@ -173,6 +173,7 @@ class ObjectReader {
     std::sort(columns.begin(), columns.end(),
               [](const Column& a, const Column& b) { return a.keyPosition < b.keyPosition; });
     std::vector<std::string> names;
+    names.reserve(columns.size());
     for (Column& column : columns)
       names.push_back(std::move(column.name));
     return names;
@@ -187,6 +188,40 @@ void addStrings(IYLJsonValue* array, const std::vector<std::string>& items) {
   array->setArrayType();
   for (const std::string& item : items)
     array->addArrayItem()->setStringValue(item);
+}
+
+// The tables and views of one attached database, as type and name, in the order they were made.
+std::vector<std::pair<std::string, std::string>> listObjects(sqlite3* db,
+                                                             const std::string& database,
+                                                             const std::string& target) {
+  // A schema name cannot be a parameter: it is quoted into the text, its quotes doubled.
+  // sqlite_master is the name every version knows for the schema table.
+  std::string escaped;
+  for (const char c : database) {
+    escaped += c;
+    if (c == '"') escaped += '"';
+  }
+  const std::string sql = "SELECT type, name FROM \"" + escaped +
+                          "\".sqlite_master WHERE type IN ('table', 'view') AND name NOT LIKE "
+                          "'sqlite\\_%' ESCAPE '\\' ORDER BY rowid";
+  std::vector<std::pair<std::string, std::string>> objects;
+  Statement list(db, sql.c_str(), target);
+  while (list.step())
+    objects.emplace_back(list.text(0), list.text(1));
+  return objects;
+}
+
+// The object's "fkeys", when it has foreign keys.
+void addForeignKeys(YLJsonValue* object, const std::vector<ForeignKey>& foreignKeys) {
+  if (foreignKeys.empty()) return;
+  YLJsonValue* keys = object->addKeyValue("fkeys");
+  keys->setArrayType();
+  for (const ForeignKey& key : foreignKeys) {
+    YLJsonValue* item = keys->addArrayItem();
+    addStrings(item->addKeyValue("fields"), key.fields);
+    item->addKeyValue("ref_table")->setStringValue(key.refTable);
+    addStrings(item->addKeyValue("ref_fields"), key.refFields);
+  }
 }
 
 // Keeps the reads of one description in one snapshot, so that a concurrent schema change
@@ -288,24 +323,7 @@ std::string SqliteDatabase::describeStructure() {
     YLJsonValue* views = schema->addKeyValue("views");
     views->setArrayType();
 
-    // A schema name cannot be a parameter: it is quoted into the text, its quotes doubled.
-    // sqlite_master is the name every version knows for the schema table.
-    std::string escaped;
-    for (const char c : database) {
-      escaped += c;
-      if (c == '"') escaped += '"';
-    }
-    const std::string sql = "SELECT type, name FROM \"" + escaped +
-                            "\".sqlite_master WHERE type IN ('table', 'view') AND name NOT LIKE "
-                            "'sqlite\\_%' ESCAPE '\\' ORDER BY rowid";
-    std::vector<std::pair<std::string, std::string>> objects;
-    {
-      Statement list(db_, sql.c_str(), target_);
-      while (list.step())
-        objects.emplace_back(list.text(0), list.text(1));
-    }
-
-    for (const auto& [type, name] : objects) {
+    for (const auto& [type, name] : listObjects(db_, database, target_)) {
       // An object whose columns cannot be read cannot be queried either: leave it out.
       const std::optional<std::vector<Column>> columns = reader.readColumns(database, name);
       if (!columns) continue;
@@ -323,16 +341,7 @@ std::string SqliteDatabase::describeStructure() {
 
       const std::vector<std::string> primaryKey = ObjectReader::primaryKey(*columns);
       if (!primaryKey.empty()) addStrings(object->addKeyValue("pkeys"), primaryKey);
-      const std::vector<ForeignKey> foreignKeys = reader.readForeignKeys(database, name);
-      if (foreignKeys.empty()) continue;
-      YLJsonValue* keys = object->addKeyValue("fkeys");
-      keys->setArrayType();
-      for (const ForeignKey& key : foreignKeys) {
-        YLJsonValue* item = keys->addArrayItem();
-        addStrings(item->addKeyValue("fields"), key.fields);
-        item->addKeyValue("ref_table")->setStringValue(key.refTable);
-        addStrings(item->addKeyValue("ref_fields"), key.refFields);
-      }
+      addForeignKeys(object, reader.readForeignKeys(database, name));
     }
   }
   return root.obtainJsonString();
@@ -442,6 +451,23 @@ class RunGuard {
   bool expired_ = false;
 };
 
+// A value of the current row as a cell shows it: NULL as nothing, a BLOB as its literal, anything
+// else as SQLite's text of it.
+std::optional<std::string> cellText(sqlite3_stmt* statement, int column) {
+  switch (sqlite3_column_type(statement, column)) {
+    case SQLITE_NULL:
+      return std::nullopt;
+    case SQLITE_BLOB:
+      return blobText(sqlite3_column_blob(statement, column),
+                      sqlite3_column_bytes(statement, column));
+    default: {
+      const auto* data = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
+      return std::string(data != nullptr ? data : "",
+                         static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+    }
+  }
+}
+
 std::string_view trimmedStatement(const char* begin, const char* end) {
   std::string_view text(begin, static_cast<std::size_t>(end - begin));
   const std::size_t first = text.find_first_not_of(" \t\r\n");
@@ -484,24 +510,8 @@ std::vector<StatementResult> SqliteDatabase::runReadOnly(const std::string& sql,
     while ((stepped = sqlite3_step(statement.get())) == SQLITE_ROW) {
       if (result.rowCount++ >= maxRows) continue;
       auto& row = result.rows.emplace_back();
-      for (int i = 0; i < columns; ++i) {
-        switch (sqlite3_column_type(statement.get(), i)) {
-          case SQLITE_NULL:
-            row.emplace_back(std::nullopt);
-            break;
-          case SQLITE_BLOB:
-            row.emplace_back(blobText(sqlite3_column_blob(statement.get(), i),
-                                      sqlite3_column_bytes(statement.get(), i)));
-            break;
-          default: {
-            const auto* data =
-                reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), i));
-            row.emplace_back(
-                std::string(data != nullptr ? data : "",
-                            static_cast<std::size_t>(sqlite3_column_bytes(statement.get(), i))));
-          }
-        }
-      }
+      for (int i = 0; i < columns; ++i)
+        row.emplace_back(cellText(statement.get(), i));
     }
     if (stepped != SQLITE_DONE) {
       result.error = guard.failure();

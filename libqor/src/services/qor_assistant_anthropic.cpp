@@ -4,7 +4,6 @@
 #include <memory>
 
 #include "qor_assistant_properties_anthropic.h"
-#include "qor_http.h"
 
 using namespace QORExchange;
 

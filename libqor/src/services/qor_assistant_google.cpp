@@ -63,11 +63,7 @@ std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessage(std::string
 }
 
 std::string QORAssistant_GOOGLE::obtainErrorMessage(const YLRestResourceResponse* response) {
-  const YLJson* json = response->responseJson;
-  if (json == nullptr || !json->getIsValidJson()) return {};
-  const YLJsonValue* message =
-      member(member(json, "error", YLJsonValueType::Object), "message", YLJsonValueType::String);
-  return message != nullptr ? message->obtainStringValue() : std::string();
+  return errorMessageOr(*response, {});
 }
 
 bool QORAssistant_GOOGLE::readCandidates(const YLJsonValue& reply, std::string& text) {

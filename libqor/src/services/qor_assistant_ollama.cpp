@@ -1,7 +1,5 @@
 #include "qor_assistant_ollama.h"
 
-#include "qor_http.h"
-
 using namespace QORExchange;
 
 namespace {

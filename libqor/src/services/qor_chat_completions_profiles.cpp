@@ -1,6 +1,5 @@
 // The tables of differences of the four chat-completions services, and their constructors.
 #include "qor_assistant_chat_completions.h"
-#include "qor_http.h"
 
 using namespace QORExchange;
 

@@ -32,6 +32,19 @@ std::string failedExchangeText(ErrorReader reader, const HTTP::Result& result) {
 
 }  // namespace
 
+std::string errorMessageOr(const YLRestResourceResponse& response, std::string_view fallback) {
+  const YLJsonValue* message =
+      hasUsableJson(response)
+          ? member(member(response.responseJson, "error", YLJsonValueType::Object), "message",
+                   YLJsonValueType::String)
+          : nullptr;
+  return message != nullptr ? message->obtainStringValue() : std::string(fallback);
+}
+
+std::string obtainErrorMessage(const YLRestResourceResponse* response) {
+  return errorMessageOr(*response, response->getBufferString());
+}
+
 std::string failure(std::string_view sentence, std::string_view tail) {
   std::string text = obtainLocalizedText(sentence);
   text += tail;
@@ -83,8 +96,7 @@ std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assist
         return {{}, rules.errorReader(&response)};
       }
       if (error->obtainType() == YLJsonValueType::Object) {
-        const YLJsonValue* message = member(error, "message", YLJsonValueType::String);
-        return {{}, message != nullptr ? message->obtainStringValue() : result.second};
+        return {{}, errorMessageOr(response, result.second)};
       }
     }
   }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -15,6 +16,12 @@ namespace QORExchange {
 
 // Reads a service's error body into a text; empty when it holds none.
 using ErrorReader = std::string (*)(const YLRestResourceResponse* response);
+
+// The string at error.message of the reply's JSON, the shape most services give their errors;
+// else the fallback.
+std::string errorMessageOr(const YLRestResourceResponse& response, std::string_view fallback);
+// The error reader of most services: error.message, else the raw body (which may be empty).
+std::string obtainErrorMessage(const YLRestResourceResponse* response);
 
 // One model of a listing: its name and, for sorted listings, its age.
 struct ModelEntry {
