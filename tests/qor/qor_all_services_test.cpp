@@ -2,56 +2,35 @@
 // memory over, and free it all with QORFreeObject (the sanitizer build reports anything left
 // behind).
 
+#include <strings.h>
+
 #include "qor_test_util.h"
 
 namespace {
 
 using namespace qortest;
 
-struct Service {
-  QORAssistantType type;
-  const char* name;
-  const char* modelsPath;
-  const char* modelsFile;
-  std::size_t modelCount;
-  const char* firstModel;
-  const char* chatPath;  // for the model "m"
-  const char* chatFile;
-  const char* reply;
-  friend void PrintTo(const Service& service, std::ostream* out) { *out << service.name; }
-};
+class AllServices : public ::testing::TestWithParam<WireService> {};
 
-const Service kServices[] = {
-    {QORAssistantType::OPENAI_v1, "OpenAI", "/v1/models", "openai/models.json", 119,
-     "gpt-5.2-codex", "/v1/chat/completions", "openai/chat_simple.json",
-     "Hello! How can I assist you today?"},
-    {QORAssistantType::GOOGLE, "Google", "/v1beta/models", "gemini/models.json", 30,
-     "gemini-2.5-flash", "/v1beta/models/m:generateContent", "gemini/chat_simple_recorded.json",
-     "2 + 2 = **4**"},
-    {QORAssistantType::DEEPSEEK, "DeepSeek", "/models", "deepseek/models.json", 2, "deepseek-chat",
-     "/chat/completions", "deepseek/chat_reasoning.json", "4"},
-    {QORAssistantType::OLLAMA, "Ollama", "/api/tags", "ollama/models.json", 2, "deepseek-r1:latest",
-     "/api/chat", "ollama/chat_simple.json", "Hello! How are you today?"},
-    {QORAssistantType::X, "X", "/v1/models", "xai/models.json", 13, "grok-imagine-image",
-     "/v1/chat/completions", "xai/chat_simple.json",
-     "The weather depends on your location and time of year—check a local forecast for "
-     "details! \nXKCD7392"},
-    {QORAssistantType::ANTHROPIC, "Anthropic", "/v1/models", "anthropic/models.json", 10,
-     "claude-opus-4-6", "/v1/messages", "anthropic/chat_simple.json",
-     "The weather in SF is currently **20°C** (68°F) and **Sunny**!"},
-    {QORAssistantType::ALIBABA, "Alibaba", "/compatible-mode/v1/models", "dashscope/models.json", 3,
-     "qwen-max", "/compatible-mode/v1/chat/completions", "dashscope/chat_reasoning.json",
-     "9.9 is greater than 9.11."},
-};
-
-class AllServices : public ::testing::TestWithParam<Service> {};
+// Where a request carries the key: the headers that hold it or are meant for a key, and the query.
+std::string credentialsIn(const RecordedRequest& request, const std::string& key) {
+  std::string found;
+  for (const auto& [name, value] : request.headers) {
+    if (value.find(key) != std::string::npos || strcasecmp(name.c_str(), "Authorization") == 0 ||
+        strcasecmp(name.c_str(), "x-api-key") == 0)
+      found.append(name).append(": ").append(value);
+  }
+  return request.query.empty() ? found : found + "?" + request.query;
+}
 
 TEST_P(AllServices, ListChatAndFreeThroughTheExports) {
-  const Service& service = GetParam();
+  const WireService& service = GetParam();
   LoopbackServer server;
   server.answer("GET", service.modelsPath, {.body = readWireFile(service.modelsFile)});
   server.answer("POST", service.chatPath, {.body = readWireFile(service.chatFile)});
-  AssistantPtr assistant = create(service.type, server.baseUrl());
+  // Characters that a query must encode.
+  const std::string key = "AIza k&y=/+%";
+  AssistantPtr assistant = create(service.type, server.baseUrl(), nullptr, key);
   ASSERT_NE(assistant, nullptr);
 
   const auto [models, failure] = assistant->obtainAvailableModels();
@@ -61,14 +40,29 @@ TEST_P(AllServices, ListChatAndFreeThroughTheExports) {
 
   setModel(*assistant);
   expectChat(*assistant, replied(service.reply));
-  EXPECT_EQ(server.requestCount(), 2u);
+  ASSERT_EQ(server.requestCount(), 2u);
+  std::string credential = service.credential;
+  if (const std::size_t at = credential.find('@'); at != std::string::npos)
+    credential.replace(at, 1, key);
+  for (const RecordedRequest& request : server.requests())
+    EXPECT_EQ(credentialsIn(request, key), credential) << request.method;
 
   std::unique_ptr<IQORAssistantMemory, Free> memory(assistant->detachMemory());
   assistant.reset();  // the memory taken over outlives the assistant
   EXPECT_EQ(memory->obtainHistory(20).size(), 2u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, AllServices, ::testing::ValuesIn(kServices),
+INSTANTIATE_TEST_SUITE_P(Kinds, AllServices, ::testing::ValuesIn(kWireServices),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// Any other number gives no assistant.
+TEST(AllServices, CreateAnswersTheSevenTypesAndNothingElse) {
+  EXPECT_EQ(std::size(kWireServices), 7u);
+  YLHTTPPoolCenter pool;
+  for (std::int32_t type : {7, -1, 1000})
+    EXPECT_EQ(QORCreateAssistant(static_cast<QORAssistantType>(type), &pool, "k", "", nullptr),
+              nullptr);
+  QORFreeObject(nullptr);
+}
 
 }  // namespace

@@ -1,14 +1,16 @@
-// The database digest and the combined instructions, byte for byte.
+// The database digest and the combined instructions, byte for byte, and the one verdict a
+// structure text gets wherever it is parsed.
 
 #include <gtest/gtest.h>
 
 #include "qor_assistant_properties.h"
+#include "qor_database_digest.h"
 #include "qor_default_assistant_memory.h"
 #include "qor_test_util.h"
 
 namespace {
 
-using qortest::AssertionRecorder;
+using namespace qortest;
 
 const char* const kShop = R"~([{
   "catalog_id": "c1", "catalog_name": "shop",
@@ -69,16 +71,17 @@ TEST_F(Digest, WorkedExampleGivesTheTextAndTheTree) {
 
   const YLVariantList tree = record.obtainDatabaseTree();
   ASSERT_EQ(tree.size(), 1u);
-  const YLVariantMap catalog = tree[0].mapValue();
-  EXPECT_EQ(catalog.at("catalog_id").stringValue(), "c1");
-  EXPECT_EQ(catalog.at("catalog_name").stringValue(), "shop");
-  EXPECT_EQ(catalog.at("instructions").listValue(), YLVariantList{"USE CATALOG `shop`"});
+  YLVariantMap catalog = tree[0].mapValue();
   const YLVariantList schemas = catalog.at("schemas").listValue();
   ASSERT_EQ(schemas.size(), 1u);
-  const YLVariantMap schema = schemas[0].mapValue();
-  EXPECT_EQ(schema.at("schema_id").stringValue(), "s1");
-  EXPECT_EQ(schema.at("schema_name").stringValue(), "sales");
+  YLVariantMap schema = schemas[0].mapValue();
   EXPECT_EQ(schema.at("instructions").listValue().size(), 3u);
+  catalog.erase("schemas");
+  schema.erase("instructions");
+  EXPECT_EQ(catalog, (YLVariantMap{{"catalog_id", "c1"},
+                                   {"catalog_name", "shop"},
+                                   {"instructions", YLVariantList{"USE CATALOG `shop`"}}}));
+  EXPECT_EQ(schema, (YLVariantMap{{"schema_id", "s1"}, {"schema_name", "sales"}}));
   EXPECT_EQ(textFromTree(), kShopDigest);
 
   // What the host reads back is the tree, not what it stored.
@@ -208,7 +211,7 @@ TEST_F(Digest, EveryRejectionIsReportedAndLeavesItsTrace) {
     AssertionRecorder assertions;
     EXPECT_EQ(digestOf(c.structure), c.digest) << c.structure;
     const auto reports = assertions.take();
-    if (qortest::kAssertionsReported) {
+    if (kAssertionsReported) {
       ASSERT_EQ(reports.size(), c.reports) << c.structure;
       for (const auto& report : reports) {
         EXPECT_EQ(report, AssertionRecorder::Report("false", "qor_assistant_properties"));
@@ -219,7 +222,7 @@ TEST_F(Digest, EveryRejectionIsReportedAndLeavesItsTrace) {
   // Rejecting needs no structure at all.
   AssertionRecorder assertions;
   EXPECT_EQ(QORAssistantProperties::composeCreateStatement("s", "TABLE", nullptr), "");
-  if (qortest::kAssertionsReported) {
+  if (kAssertionsReported) {
     EXPECT_EQ(assertions.take().size(), 1u);
   }
 }
@@ -251,6 +254,49 @@ TEST_F(Digest, CombinedInstructionsJoinTheThreeSources) {
   memory.setDatabaseStructure("");
   ASSERT_TRUE(record.setValue("system_instructions", YLVariantMap{{"Z", "upper"}}));
   EXPECT_EQ(record.obtainCombinedInstructions(), "  \n\nupper\nBe brief.\nPrefer joins.\n");
+}
+
+// A structure of one table whose name ends in `tail`, padded so that the text's length takes each
+// of 16 values: where the wide scanners start inside the name differs between them.
+std::string paddedStructure(std::size_t pad, const std::string& tail) {
+  return R"~([{"schemas":[{"tables":[{"name":")~" + std::string(20 + pad, 't') + tail +
+         R"~(","fields":[]}]}]}])~";
+}
+
+bool setStructure(IQORAssistant& assistant, const std::string& text) {
+  bool stored = false;
+  assistant.updateProperties(
+      [&](IQORProperties* p) { stored = p->setValue("db_structure", YLVariant(text)); });
+  return stored;
+}
+
+// The digest of the text parsed from a copy, and in place from buffers without and with room.
+std::vector<std::string> digestsInEveryBuffer(const std::string& text) {
+  std::string exact = text, roomy;
+  roomy.reserve(text.size() + 64);
+  roomy = text;
+  return {QORDatabaseDigest::buildText(text), QORDatabaseDigest::buildText(std::move(exact)),
+          QORDatabaseDigest::buildText(std::move(roomy))};
+}
+
+TEST(StructureText, OneVerdictWhereverTheTextIsParsed) {
+  // A raw control byte is not JSON: setValue refuses the text, and the digest of a memory that
+  // holds it anyway (a host's store may) is empty, for every length and every buffer. Escaped, the
+  // same byte is accepted by both.
+  AssistantPtr assistant = create(QORAssistantType::OPENAI_v1, offlineHost());
+  AssertionRecorder assertions;
+  for (std::size_t pad = 0; pad < 16; ++pad) {
+    SCOPED_TRACE(pad);
+    const std::string raw = paddedStructure(pad, "\x1f");
+    EXPECT_FALSE(setStructure(*assistant, raw));
+    EXPECT_EQ(assertions.take().size(), kAssertionsReported ? 1u : 0u) << "refused and reported";
+    EXPECT_EQ(digestsInEveryBuffer(raw), std::vector<std::string>(3, ""));
+
+    const std::string escaped = paddedStructure(pad, "\\u001f");
+    EXPECT_TRUE(setStructure(*assistant, escaped));
+    const std::string statement = "CREATE TABLE `" + std::string(20 + pad, 't') + "\x1f` ()\n";
+    EXPECT_EQ(digestsInEveryBuffer(escaped), std::vector<std::string>(3, statement));
+  }
 }
 
 }  // namespace

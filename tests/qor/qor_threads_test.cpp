@@ -17,31 +17,11 @@ namespace {
 
 using namespace qortest;
 
-const char* const kStructure =
-    R"~([{"catalog_name":"shop","schemas":[{"schema_name":"s","tables":[{"name":"t",)~"
-    R"~("fields":[{"name":"id","type":"int"}],"pkeys":["id"]}]}]}])~";
-
-struct Service {
-  QORAssistantType type;
-  const char* modelsPath;
-  const char* modelsFile;
-  std::size_t modelCount;
-  const char* chatPath;  // for the model "m"
-  const char* chatFile;
-  const char* reply;
-};
-
-const Service kServices[] = {
-    {QORAssistantType::OPENAI_v1, "/v1/models", "openai/models.json", 119, "/v1/chat/completions",
-     "openai/chat_simple.json", "Hello! How can I assist you today?"},
-    {QORAssistantType::GOOGLE, "/v1beta/models", "gemini/models.json", 30,
-     "/v1beta/models/m:generateContent", "gemini/chat_simple_recorded.json", "2 + 2 = **4**"},
-};
-
 TEST(Threads, TwoAssistantsWithTheirOwnPoolsChatAndListAtOnce) {
   constexpr int kRounds = 10;
+  const std::vector<WireService> services = {kWireServices[0], kWireServices[1]};
   std::map<std::string, std::string> replies;  // by method and path
-  for (const Service& service : kServices) {
+  for (const WireService& service : services) {
     replies[std::string("GET ") + service.modelsPath] = readWireFile(service.modelsFile);
     replies[std::string("POST ") + service.chatPath] = readWireFile(service.chatFile);
   }
@@ -55,16 +35,21 @@ TEST(Threads, TwoAssistantsWithTheirOwnPoolsChatAndListAtOnce) {
   // Both threads start their exchanges together, so that they overlap from the first one on.
   std::atomic<int> ready{0};
   std::vector<std::thread> threads;
-  for (const Service& service : kServices) {
-    threads.emplace_back([&server, &ready, service] {
+  threads.reserve(services.size());
+  for (const WireService& service : services) {
+    threads.emplace_back([&server, &ready, &services, service] {
       AssistantPtr assistant = create(service.type, server.baseUrl());
       assistant->updateProperties([](IQORProperties* p) {
         p->setValue("model", YLVariant("m"));
-        p->setValue("db_structure", YLVariant(kStructure));
+        p->setValue(
+            "db_structure",
+            YLVariant(
+                R"~([{"catalog_name":"shop","schemas":[{"schema_name":"s","tables":[)~"
+                R"~({"name":"t","fields":[{"name":"id","type":"int"}],"pkeys":["id"]}]}]}])~"));
         p->setValue("user_instructions", YLVariant("Answer in SQL."));
       });
       ++ready;
-      while (ready < static_cast<int>(std::size(kServices)))
+      while (ready < static_cast<int>(services.size()))
         std::this_thread::yield();
       for (int round = 0; round < kRounds; ++round) {
         const auto [models, failure] = assistant->obtainAvailableModels();
@@ -78,7 +63,7 @@ TEST(Threads, TwoAssistantsWithTheirOwnPoolsChatAndListAtOnce) {
       // Every exchange of this assistant is in its own history, and nothing of the other's.
       const Turns history = historyOf(*assistant);
       ASSERT_EQ(history.size(), 2u * kRounds);
-      for (int round = 0; round < kRounds; ++round) {
+      for (std::size_t round = 0; round < kRounds; ++round) {
         EXPECT_EQ(history[2 * round],
                   Turns::value_type(kChatRoleUser, "q" + std::to_string(round)));
         EXPECT_EQ(history[2 * round + 1], Turns::value_type(kChatRoleAssistant, service.reply));
@@ -87,7 +72,7 @@ TEST(Threads, TwoAssistantsWithTheirOwnPoolsChatAndListAtOnce) {
   }
   for (std::thread& thread : threads)
     thread.join();
-  EXPECT_EQ(server.requestCount(), std::size(kServices) * 2 * kRounds);
+  EXPECT_EQ(server.requestCount(), services.size() * 2 * kRounds);
 }
 
 }  // namespace

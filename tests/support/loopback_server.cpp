@@ -66,7 +66,7 @@ std::pair<KeyPtr, CertPtr> makeCertificate() {
   bool ok = X509_set_version(cert, X509_VERSION_3) == 1 &&
             ASN1_INTEGER_set(X509_get_serialNumber(cert), (std::random_device()() >> 1) | 1) == 1 &&
             X509_gmtime_adj(X509_getm_notBefore(cert), -3600) != nullptr &&
-            X509_gmtime_adj(X509_getm_notAfter(cert), 24 * 3600) != nullptr &&
+            X509_gmtime_adj(X509_getm_notAfter(cert), 24L * 3600) != nullptr &&
             X509_set_pubkey(cert, key.get()) == 1 &&
             X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                                        reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1,

@@ -37,19 +37,6 @@ bool waitReadable(int fd, const std::atomic<bool>& stopping,
   return false;
 }
 
-std::string reasonFor(int status) {
-  switch (status) {
-    case 200:
-      return "OK";
-    case 400:
-      return "Bad Request";
-    case 404:
-      return "Not Found";
-    default:
-      return "Status";
-  }
-}
-
 // The value of a header in a request head, compared without case; empty if absent.
 std::string headerValue(const std::string& head, std::string_view name) {
   std::size_t line = head.find("\r\n");
@@ -118,8 +105,9 @@ void RawConnection::reset() {
 RawBehaviour httpReply(int status, std::string body, std::string contentType) {
   return [status, body = std::move(body), contentType = std::move(contentType)](
              RawConnection& connection, const RawRequest&) {
-    const std::string head = "HTTP/1.1 " + std::to_string(status) + " " + reasonFor(status) +
-                             "\r\nContent-Type: " + contentType +
+    // The reason phrase means nothing to a client.
+    const std::string head = "HTTP/1.1 " + std::to_string(status) +
+                             " Reply\r\nContent-Type: " + contentType +
                              "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
     if (connection.send(head) && connection.send(body)) connection.keepOpen();
   };
@@ -135,7 +123,6 @@ struct RawServer::Impl {
   std::deque<RawBehaviour> queue;
   RawBehaviour fallback;
   std::size_t requests = 0;
-  std::size_t connections = 0;
 
   ~Impl() {
     stopping = true;
@@ -158,7 +145,6 @@ struct RawServer::Impl {
       if (fd < 0) continue;
       std::lock_guard lock(mutex);
       open.insert(fd);
-      ++connections;
       workers.emplace_back([this, fd] { serve(fd); });
     }
   }
@@ -174,11 +160,11 @@ struct RawServer::Impl {
       if (got <= 0) return false;
       pending.append(buffer, static_cast<std::size_t>(got));
     }
-    request.head = pending.substr(0, headEnd);
-    const std::size_t space = request.head.find(' ');
-    request.method = request.head.substr(0, space);
-    request.target = request.head.substr(space + 1, request.head.find(' ', space + 1) - space - 1);
-    const std::string length = headerValue(request.head, "Content-Length");
+    const std::string head = pending.substr(0, headEnd);
+    const std::size_t space = head.find(' ');
+    request.method = head.substr(0, space);
+    request.target = head.substr(space + 1, head.find(' ', space + 1) - space - 1);
+    const std::string length = headerValue(head, "Content-Length");
     const std::size_t bodySize = length.empty() ? 0 : std::stoul(length);
     pending.erase(0, headEnd + 4);
     while (pending.size() < bodySize) {
@@ -242,19 +228,9 @@ void RawServer::enqueue(RawBehaviour behaviour) {
   impl_->queue.push_back(std::move(behaviour));
 }
 
-void RawServer::setFallback(RawBehaviour behaviour) {
-  std::lock_guard lock(impl_->mutex);
-  impl_->fallback = std::move(behaviour);
-}
-
 std::size_t RawServer::requestCount() const {
   std::lock_guard lock(impl_->mutex);
   return impl_->requests;
-}
-
-std::size_t RawServer::connectionCount() const {
-  std::lock_guard lock(impl_->mutex);
-  return impl_->connections;
 }
 
 std::function<std::string()> endlessGzipOfZeros() {

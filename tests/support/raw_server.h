@@ -17,7 +17,6 @@ namespace qortest {
 struct RawRequest {
   std::string method;
   std::string target;
-  std::string head;  // the request line and the headers, as received
   std::string body;
 };
 
@@ -41,7 +40,6 @@ class RawConnection {
   void keepOpen() { keepOpen_ = true; }
 
   bool keptOpen() const { return keepOpen_; }
-  int fd() const { return fd_; }
 
  private:
   int fd_;
@@ -64,12 +62,10 @@ class RawServer {
 
   // The next request that arrives, on any connection, gets this behaviour.
   void enqueue(RawBehaviour behaviour);
-  void setFallback(RawBehaviour behaviour);
 
   int port() const { return port_; }
   std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port_); }
   std::size_t requestCount() const;
-  std::size_t connectionCount() const;
 
  private:
   struct Impl;

@@ -1,39 +1,31 @@
 // Retries of the REST client: which failures are sent again, how long it waits, and cancels.
 
-#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <atomic>
-#include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <ctime>
-#include <memory>
+#include <iomanip>
+#include <locale>
 #include <optional>
-#include <string>
+#include <sstream>
 #include <thread>
-#include <vector>
 
-#include "support/loopback_server.h"
-#include "yl/yl_rest.h"
+#include "yl_rest_exchange.h"
 
 namespace {
 
-using qortest::LoopbackServer;
-using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
+using namespace qortest;
 
 // Generous enough for a loaded machine; the waits under test are far shorter or far longer.
 constexpr milliseconds kSlack{3000};
 
 // Settings that retry quickly, and a hook that counts what the client sends.
 struct Retrying {
-  YLRestGlobalSettings settings;
-  std::shared_ptr<std::vector<std::string>> sent = std::make_shared<std::vector<std::string>>();
+  YLRestGlobalSettings settings = quickSettings();
+  std::shared_ptr<Strings> sent = std::make_shared<Strings>();
 
   explicit Retrying(int retries, long baseMs = 20, long capMs = 1000) {
-    settings.connectTimeoutMs = 2000;
-    settings.totalTimeoutMs = 5000;
     settings.maxRetries = retries;
     settings.retryBaseDelayMs = baseMs;
     settings.retryMaxDelayMs = capMs;
@@ -44,58 +36,14 @@ struct Retrying {
   }
 };
 
-struct Outcome {
-  std::int32_t code;
-  std::unique_ptr<YLRestResourceResponse> response;
-  milliseconds took;
-};
-
-Outcome run(const std::string& url, const YLRestGlobalSettings& settings,
-            YLRestSession* session = nullptr, const std::string& body = "") {
-  std::unique_ptr<IYLRestClient> client(
-      YL::obtainAppFactory()->obtainRestClientFactory()->createRestClient(YL::obtainAppFactory(),
-                                                                          &settings, session));
-  YLRestResourceResponse* response = nullptr;
-  const Clock::time_point start = Clock::now();
-  std::int32_t code = 0;
-  if (body.empty()) {
-    YLRestGetRequest request;
-    request.setURL(url);
-    code = client->executeGet(&request, &response);
-  } else {
-    YLJson document(body);
-    YLRestPostRequest request;
-    request.setURL(url);
-    request.updateJson(&document);
-    code = client->executePost(&request, &response);
-  }
-  const auto took = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
-  EXPECT_NE(response, nullptr);
-  return {code, std::unique_ptr<YLRestResourceResponse>(response), took};
-}
-
 // An HTTP date, written without the locale: "Sun, 06 Nov 1994 08:49:37 GMT".
 std::string httpDate(std::time_t when) {
-  static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-  static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   std::tm parts{};
   gmtime_r(&when, &parts);
-  char text[64];
-  std::snprintf(text, sizeof text, "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[parts.tm_wday],
-                parts.tm_mday, kMonths[parts.tm_mon], parts.tm_year + 1900, parts.tm_hour,
-                parts.tm_min, parts.tm_sec);
-  return text;
-}
-
-TEST(RestRetry, OneCallIsOneRequestUnlessTheHostAsks) {
-  LoopbackServer server;
-  server.answer("GET", "/busy", {503, R"({"error":"busy"})"});
-  YLRestGlobalSettings defaults;
-  defaults.totalTimeoutMs = 5000;
-  const Outcome outcome = run(server.baseUrl() + "/busy", defaults);
-  EXPECT_EQ(outcome.code, 503);
-  EXPECT_EQ(server.requestCount(), 1u);
+  std::ostringstream text;
+  text.imbue(std::locale::classic());
+  text << std::put_time(&parts, "%a, %d %b %Y %H:%M:%S GMT");
+  return text.str();
 }
 
 TEST(RestRetry, StatusesThatMeanLaterAreSentAgainAndOthersNot) {
@@ -108,7 +56,7 @@ TEST(RestRetry, StatusesThatMeanLaterAreSentAgainAndOthersNot) {
     const bool retried = status == 408 || status == 429 || (status >= 500 && status != 501);
     Retrying retrying(2);
     const std::size_t before = server.requestCount();
-    const Outcome outcome = run(server.baseUrl() + path, retrying.settings, nullptr, R"({"q":1})");
+    const Exchanged outcome = post(server.baseUrl() + path, R"({"q":1})", retrying.settings);
     // The last reply is reported as it came.
     EXPECT_EQ(outcome.code, status);
     EXPECT_EQ(outcome.response->statusCode, status);
@@ -129,6 +77,10 @@ TEST(RestRetry, StatusesThatMeanLaterAreSentAgainAndOthersNot) {
       EXPECT_GE(outcome.took, milliseconds(30));
     }
   }
+  // Unless the host asks, one call is one request.
+  const std::size_t before = server.requestCount();
+  EXPECT_EQ(post(server.baseUrl() + "/503", "{}").code, 503);
+  EXPECT_EQ(server.requestCount(), before + 1);
 }
 
 TEST(RestRetry, BackoffDoublesUpToTheCapAndARecoveredServiceSucceeds) {
@@ -142,7 +94,7 @@ TEST(RestRetry, BackoffDoublesUpToTheCapAndARecoveredServiceSucceeds) {
     if (sent->size() == 4) server.answer("GET", "/flaky", {200, R"({"ok":true})"});
     return std::optional<YLStandInReply>();
   };
-  const Outcome outcome = run(server.baseUrl() + "/flaky", retrying.settings);
+  const Exchanged outcome = get(server.baseUrl() + "/flaky", retrying.settings);
   EXPECT_EQ(outcome.code, 0);
   EXPECT_EQ(outcome.response->getBufferString(), R"({"ok":true})");
   EXPECT_EQ(server.requestCount(), 4u);
@@ -153,7 +105,7 @@ TEST(RestRetry, BackoffDoublesUpToTheCapAndARecoveredServiceSucceeds) {
   // The cap holds every wait: three waits of at most 120 ms where doubling would reach 800 ms.
   server.answer("GET", "/down", {500, "{}"});
   Retrying capped(3, 200, 120);
-  const Outcome down = run(server.baseUrl() + "/down", capped.settings);
+  const Exchanged down = get(server.baseUrl() + "/down", capped.settings);
   EXPECT_EQ(down.code, 500);
   EXPECT_EQ(capped.sent->size(), 4u);
   EXPECT_GE(down.took, milliseconds(180));
@@ -164,7 +116,7 @@ TEST(RestRetry, RetryAfterSetsTheWaitWithinTheCap) {
   LoopbackServer server;
   server.answer("GET", "/seconds", {429, "{}", "application/json", {{"Retry-After", "1"}}});
   Retrying retrying(1, 10, 5000);
-  Outcome outcome = run(server.baseUrl() + "/seconds", retrying.settings);
+  Exchanged outcome = get(server.baseUrl() + "/seconds", retrying.settings);
   EXPECT_EQ(outcome.code, 429);
   EXPECT_EQ(server.requestCount(), 2u);
   EXPECT_GE(outcome.took, milliseconds(1000));
@@ -173,7 +125,7 @@ TEST(RestRetry, RetryAfterSetsTheWaitWithinTheCap) {
   // A date: the second request leaves no earlier than the date.
   const std::time_t date = std::time(nullptr) + 2;
   server.answer("GET", "/date", {503, "{}", "application/json", {{"Retry-After", httpDate(date)}}});
-  outcome = run(server.baseUrl() + "/date", retrying.settings);
+  outcome = get(server.baseUrl() + "/date", retrying.settings);
   EXPECT_EQ(outcome.code, 503);
   EXPECT_GE(std::chrono::system_clock::now(), std::chrono::system_clock::from_time_t(date));
   EXPECT_LT(outcome.took, milliseconds(2000) + kSlack);
@@ -182,38 +134,43 @@ TEST(RestRetry, RetryAfterSetsTheWaitWithinTheCap) {
   server.answer("GET", "/hour", {503, "{}", "application/json", {{"Retry-After", "3600"}}});
   server.answer("GET", "/bad", {400, "{}", "application/json", {{"Retry-After", "0"}}});
   Retrying capped(1, 10, 300);
-  outcome = run(server.baseUrl() + "/hour", capped.settings);
+  outcome = get(server.baseUrl() + "/hour", capped.settings);
   EXPECT_EQ(outcome.code, 503);
   EXPECT_GE(outcome.took, milliseconds(300));
   EXPECT_LT(outcome.took, milliseconds(300) + kSlack);
-  EXPECT_EQ(run(server.baseUrl() + "/bad", capped.settings).code, 400);
+  EXPECT_EQ(get(server.baseUrl() + "/bad", capped.settings).code, 400);
   EXPECT_EQ(capped.sent->size(), 3u);
 }
 
-TEST(RestRetry, FailuresBeforeAnyReplyAreSentAgain) {
-  // Nothing listens: every attempt fails to connect.
-  Retrying refused(2);
-  const std::string nowhere = "http://127.0.0.1:" + std::to_string(qortest::closedLoopbackPort());
-  Outcome outcome = run(nowhere + "/v1", refused.settings);
-  EXPECT_EQ(outcome.code, YLErrorCode::kCurlCodeBase + 7);
-  EXPECT_EQ(refused.sent->size(), 3u);
-  EXPECT_EQ(outcome.response->statusCode, 0);
-
-  // A server that says nothing within the time limit.
+TEST(RestRetry, FailuresBeforeAnyReplyAreSentAgainAndLeaveAnEmptyResponse) {
+  // Nothing listens: every attempt fails to connect. A server that says nothing in time.
   LoopbackServer server;
   server.answer("GET", "/silent", {200, "{}", "application/json", {}, milliseconds(1500)});
-  Retrying impatient(1);
-  impatient.settings.totalTimeoutMs = 300;
-  outcome = run(server.baseUrl() + "/silent", impatient.settings);
-  EXPECT_EQ(outcome.code, YLErrorCode::kCurlCodeBase + 28);
-  EXPECT_EQ(server.requestCount(), 2u);
+  for (const auto& [url, code, text] :
+       {std::tuple{refusingUrl() + "/v1", YLErrorCode::kCurlCodeBase + 7,
+                   "Couldn't connect to server"},
+        {server.baseUrl() + "/silent", YLErrorCode::kCurlCodeBase + 28, "Timeout was reached"}}) {
+    SCOPED_TRACE(url);
+    Retrying retrying(2);
+    retrying.settings.totalTimeoutMs = 300;
+    const Exchanged outcome = get(url, retrying.settings);
+    EXPECT_EQ(outcome.code, code);
+    EXPECT_EQ(recordOf(code).text, text);
+    EXPECT_EQ(retrying.sent->size(), 3u);
+    EXPECT_LT(outcome.took, milliseconds(3 * 300 + 60 + 900)) << "three limits and two waits";
+    EXPECT_EQ(outcome.response->statusCode, 0);
+    EXPECT_TRUE(outcome.response->getBufferString().empty() && outcome.response->headers.empty());
+    EXPECT_EQ(outcome.response->responseJson, nullptr);
+  }
+  EXPECT_EQ(server.requestCount(), 3u);
 
+  // Only the web is spoken: another scheme fails before any connection is tried.
+  EXPECT_EQ(get("ftp" + refusingUrl().substr(4) + "/").code, YLErrorCode::kCurlCodeBase + 1);
   // A reply that is refused for its size is an answer, not a failure to get one.
   server.answer("GET", "/huge", {503, std::string(2048, 'x'), "text/plain"});
   Retrying strict(2);
   strict.settings.maxResponseBytes = 1024;
-  outcome = run(server.baseUrl() + "/huge", strict.settings);
-  EXPECT_EQ(outcome.code, YLErrorCode::kResponseTooLarge);
+  EXPECT_EQ(get(server.baseUrl() + "/huge", strict.settings).code, YLErrorCode::kResponseTooLarge);
   EXPECT_EQ(strict.sent->size(), 1u);
 }
 
@@ -223,18 +180,24 @@ extern "C" void cancelWaitingPool(int) {
   if (YLHTTPPoolCenter* pool = waitingPool.load()) pool->cancel();
 }
 
-TEST(RestRetry, ACancelEndsTheWaitAndIsNeverRetried) {
+TEST(RestRetry, ACancelEndsTheExchangeAtOnceAndIsNeverRetried) {
   LoopbackServer server;
   // A wait of ten seconds after the first reply, and a request that stalls in flight.
   server.answer("GET", "/later", {503, "{}", "application/json", {{"Retry-After", "10"}}});
-  server.answer("GET", "/stall", {503, "{}", "application/json", {}, std::chrono::seconds(5)});
+  server.answer("POST", "/stall", {503, "{}", "application/json", {}, std::chrono::seconds(5)});
   server.answer("GET", "/ok", {200, "{}"});
   YLHTTPPoolCenter pool;
   YLRestSession session;
   session.connectionPool = &pool;
   Retrying retrying(3, 10, 20000);
   retrying.settings.totalTimeoutMs = 20000;
+  const auto next = [&] { return get(server.baseUrl() + "/ok", retrying.settings, &session).code; };
 
+  // A cancel while nothing runs must not carry over to the next exchange.
+  pool.cancel();
+  EXPECT_EQ(next(), 0);
+
+  // From another thread, and from a signal handler that interrupts the waiting thread itself.
   struct sigaction action {};
   struct sigaction previous {};
   action.sa_handler = &cancelWaitingPool;
@@ -252,19 +215,23 @@ TEST(RestRetry, ACancelEndsTheWaitAndIsNeverRetried) {
         cancelledAt = Clock::now();
         bySignal ? static_cast<void>(pthread_kill(waiter, SIGUSR2)) : pool.cancel();
       });
-      const Outcome outcome = run(server.baseUrl() + path, retrying.settings, &session);
+      const Exchanged outcome =
+          path == "/stall"
+              ? post(server.baseUrl() + path, R"({"q":1})", retrying.settings, &session)
+              : get(server.baseUrl() + path, retrying.settings, &session);
       const Clock::time_point ended = Clock::now();
       canceller.join();
       EXPECT_EQ(outcome.code, YLErrorCode::kCancelled);
       EXPECT_EQ(outcome.response->statusCode, 0) << "a cancelled exchange keeps no reply";
       EXPECT_LT(ended - cancelledAt, milliseconds(400)) << "the cancel must not wait";
       EXPECT_EQ(server.requestCount(), before + 1) << "nothing is sent after a cancel";
-      EXPECT_EQ(run(server.baseUrl() + "/ok", retrying.settings, &session).code, 0)
-          << "the next exchange on the pool is unaffected";
+      EXPECT_EQ(next(), 0) << "the next exchange on the pool is unaffected";
     }
   }
   waitingPool = nullptr;
   sigaction(SIGUSR2, &previous, nullptr);
+  EXPECT_EQ(recordOf(YLErrorCode::kCancelled).text, "Cancelled");
+  EXPECT_EQ(recordOf(YLErrorCode::kCancelled).symbol, "kCancelled");
 }
 
 }  // namespace
