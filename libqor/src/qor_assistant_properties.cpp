@@ -188,7 +188,7 @@ std::string QORAssistantProperties::obtainDatabaseInstructions() const {
 
 std::string QORAssistantProperties::obtainCombinedInstructions() const {
   // The digest comes first: it reads the memory whatever else is set.
-  const std::string digest = obtainDatabaseInstructions();
+  std::string digest = obtainDatabaseInstructions();
   std::string text;
   if (!userInstructions.empty()) {
     text += userInstructions;
@@ -198,10 +198,16 @@ std::string QORAssistantProperties::obtainCombinedInstructions() const {
     if (const std::string* line = instruction.stringPtr()) text += *line;
     text += '\n';
   }
-  if (!digest.empty()) {
-    text += digest;
-    text += '\n';
+  if (digest.empty()) return text;
+  // The digest is most of the text, and its buffer has room to spare: with nothing before it, it
+  // becomes the text itself instead of being copied.
+  if (text.empty()) {
+    digest += '\n';
+    return digest;
   }
+  text.reserve(text.size() + digest.size() + 1);
+  text += digest;
+  text += '\n';
   return text;
 }
 

@@ -1,5 +1,6 @@
 #include "qor_database_digest.h"
 
+#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -23,36 +24,102 @@ bool isObject(const YLJsonValue* value) {
 bool isArray(const YLJsonValue* value) {
   return hasType(value, YLJsonValueType::Array);
 }
-bool isString(const YLJsonValue* value) {
-  return hasType(value, YLJsonValueType::String);
+
+// The text of a string value; false for any other value or none. A text that is not empty can only
+// come from a string, which spares asking for the type of most values.
+bool readString(const YLJsonValue* value, std::string_view& text) {
+  if (value == nullptr) return false;
+  text = value->obtainStringView();
+  return !text.empty() || value->obtainType() == YLJsonValueType::String;
 }
 
-void appendQuoted(std::string& out, std::string_view identifier) {
-  out += '`';
-  out += identifier;
-  out += '`';
+// Hands every member of an object to take(key, value) in one pass. A document holds one member per
+// key (the last of duplicates), so this finds what a lookup of each key would, without scanning
+// the object once per key.
+template <typename Take>
+void forEachMember(const YLJsonValue* object, Take take) {
+  const std::size_t count = object->obtainMemberCount();
+  for (std::size_t i = 0; i < count; ++i) {
+    take(object->obtainMemberKey(i), object->obtainMemberValue(i));
+  }
+}
+
+// Appends the pieces, each a character or a text: the string grows once to their total size, then
+// each piece is a plain copy.
+std::size_t pieceSize(char) {
+  return 1;
+}
+std::size_t pieceSize(std::string_view piece) {
+  return piece.size();
+}
+char* copyPiece(char* cursor, char piece) {
+  *cursor = piece;
+  return cursor + 1;
+}
+char* copyPiece(char* cursor, std::string_view piece) {
+  const std::size_t size = piece.size();
+  const char* from = piece.data();
+  // Most pieces are identifiers and types of a few bytes: two overlapping copies of a fixed size
+  // cost less than a call of memcpy.
+  if (size >= 8 && size <= 16) {
+    std::memcpy(cursor, from, 8);
+    std::memcpy(cursor + size - 8, from + size - 8, 8);
+  } else if (size >= 4 && size < 8) {
+    std::memcpy(cursor, from, 4);
+    std::memcpy(cursor + size - 4, from + size - 4, 4);
+  } else if (size > 0 && size < 4) {
+    cursor[0] = from[0];
+    cursor[size / 2] = from[size / 2];
+    cursor[size - 1] = from[size - 1];
+  } else if (size > 16) {
+    std::memcpy(cursor, from, size);
+  }
+  return cursor + size;
+}
+template <typename... Piece>
+void appendPieces(std::string& out, const Piece&... pieces) {
+  const std::size_t start = out.size();
+  out.resize(start + (pieceSize(pieces) + ...));
+  char* cursor = out.data() + start;
+  ((cursor = copyPiece(cursor, pieces)), ...);
 }
 
 // "`a`, `b`"; false when an item is not a string.
 bool appendColumnList(std::string& out, const YLJsonValue* columns) {
   const std::size_t count = columns->obtainArraySize();
   for (std::size_t i = 0; i < count; ++i) {
-    const YLJsonValue* column = columns->obtainArrayItem(i);
-    if (!isString(column)) return false;
-    if (i > 0) out += ", ";
-    appendQuoted(out, column->obtainStringView());
+    std::string_view name;
+    if (!readString(columns->obtainArrayItem(i), name)) return false;
+    if (i > 0) {
+      appendPieces(out, ", `", name, '`');
+    } else {
+      appendPieces(out, '`', name, '`');
+    }
   }
   return true;
 }
 
 bool appendForeignKey(std::string& out, const YLJsonValue* foreignKey) {
   if (!isObject(foreignKey)) return false;
-  const YLJsonValue* fields = foreignKey->obtainKeyValue("fields");
-  const YLJsonValue* refSchema = foreignKey->obtainKeyValue("ref_schema");
-  const YLJsonValue* refTable = foreignKey->obtainKeyValue("ref_table");
-  const YLJsonValue* refFields = foreignKey->obtainKeyValue("ref_fields");
-  if (!isArray(fields) || !absentOr(refSchema, YLJsonValueType::String) || !isString(refTable) ||
-      !isArray(refFields)) {
+  const YLJsonValue* fields = nullptr;
+  const YLJsonValue* refSchema = nullptr;
+  const YLJsonValue* refTable = nullptr;
+  const YLJsonValue* refFields = nullptr;
+  forEachMember(foreignKey, [&](std::string_view key, const YLJsonValue* value) {
+    if (key == "fields") {
+      fields = value;
+    } else if (key == "ref_schema") {
+      refSchema = value;
+    } else if (key == "ref_table") {
+      refTable = value;
+    } else if (key == "ref_fields") {
+      refFields = value;
+    }
+  });
+  std::string_view schema;
+  std::string_view table;
+  if (!isArray(fields) || (refSchema != nullptr && !readString(refSchema, schema)) ||
+      !readString(refTable, table) || !isArray(refFields)) {
     return false;
   }
   // A key without columns on either side says nothing: no clause, and its lists are not read.
@@ -60,73 +127,125 @@ bool appendForeignKey(std::string& out, const YLJsonValue* foreignKey) {
 
   out += ", FOREIGN KEY(";
   if (!appendColumnList(out, fields)) return false;
-  out += ") REFERENCES ";
   // Presence alone decides here: an empty ref_schema still qualifies the table.
   if (refSchema != nullptr) {
-    appendQuoted(out, refSchema->obtainStringView());
-    out += '.';
+    appendPieces(out, ") REFERENCES `", schema, "`.`", table, "`(");
+  } else {
+    appendPieces(out, ") REFERENCES `", table, "`(");
   }
-  appendQuoted(out, refTable->obtainStringView());
-  out += '(';
   if (!appendColumnList(out, refFields)) return false;
   out += ')';
   return true;
 }
 
-bool appendStatement(std::string& out, std::string_view schemaName, std::string_view kind,
+// "`name` type", behind ", " unless it is the first; false for a field that is not an object of
+// two strings.
+bool appendField(std::string& out, const YLJsonValue* field, bool first) {
+  if (!isObject(field)) return false;
+  const YLJsonValue* fieldName = nullptr;
+  const YLJsonValue* fieldType = nullptr;
+  forEachMember(field, [&](std::string_view key, const YLJsonValue* value) {
+    if (key == "name") {
+      fieldName = value;
+    } else if (key == "type") {
+      fieldType = value;
+    }
+  });
+  std::string_view column;
+  std::string_view type;
+  if (!readString(fieldName, column) || !readString(fieldType, type)) return false;
+  if (first) {
+    appendPieces(out, '`', column, "` ", type);
+  } else {
+    appendPieces(out, ", `", column, "` ", type);
+  }
+  return true;
+}
+
+struct ObjectFields {
+  const YLJsonValue* name = nullptr;
+  const YLJsonValue* fields = nullptr;
+  const YLJsonValue* primaryKeys = nullptr;
+  const YLJsonValue* foreignKeys = nullptr;
+};
+
+void readObject(const YLJsonValue* description, ObjectFields& object) {
+  forEachMember(description, [&object](std::string_view key, const YLJsonValue* value) {
+    if (key == "name") {
+      object.name = value;
+    } else if (key == "fields") {
+      object.fields = value;
+    } else if (key == "pkeys") {
+      object.primaryKeys = value;
+    } else if (key == "fkeys") {
+      object.foreignKeys = value;
+    }
+  });
+}
+
+// statementStart is "CREATE <kind> `<schema>`.`" or, without a schema name, "CREATE <kind> `".
+bool appendStatement(std::string& out, std::string_view statementStart,
                      const YLJsonValue* description) {
   if (!isObject(description)) return false;
-  const YLJsonValue* name = description->obtainKeyValue("name");
-  const YLJsonValue* fields = description->obtainKeyValue("fields");
-  const YLJsonValue* primaryKeys = description->obtainKeyValue("pkeys");
-  const YLJsonValue* foreignKeys = description->obtainKeyValue("fkeys");
-  if (!isString(name) || !isArray(fields) || !absentOr(primaryKeys, YLJsonValueType::Array) ||
-      !absentOr(foreignKeys, YLJsonValueType::Array)) {
+  ObjectFields object;
+  readObject(description, object);
+  std::string_view objectName;
+  if (!readString(object.name, objectName) || !isArray(object.fields) ||
+      !absentOr(object.primaryKeys, YLJsonValueType::Array) ||
+      !absentOr(object.foreignKeys, YLJsonValueType::Array)) {
     return false;
   }
 
-  out += "CREATE ";
-  out += kind;
-  out += ' ';
-  if (!schemaName.empty()) {
-    appendQuoted(out, schemaName);
-    out += '.';
-  }
-  appendQuoted(out, name->obtainStringView());
-  out += " (";
+  appendPieces(out, statementStart, objectName, "` (");
 
-  const std::size_t fieldCount = fields->obtainArraySize();
+  const std::size_t fieldCount = object.fields->obtainArraySize();
   if (fieldCount == 0) {
     out += ')';
     return true;
   }
   for (std::size_t i = 0; i < fieldCount; ++i) {
-    const YLJsonValue* field = fields->obtainArrayItem(i);
-    if (!isObject(field)) return false;
-    const YLJsonValue* fieldName = field->obtainKeyValue("name");
-    const YLJsonValue* fieldType = field->obtainKeyValue("type");
-    if (!isString(fieldName) || !isString(fieldType)) return false;
-    if (i > 0) out += ", ";
-    appendQuoted(out, fieldName->obtainStringView());
-    out += ' ';
-    out += fieldType->obtainStringView();
+    if (!appendField(out, object.fields->obtainArrayItem(i), i == 0)) return false;
   }
 
-  if (primaryKeys != nullptr && primaryKeys->obtainArraySize() > 0) {
+  if (object.primaryKeys != nullptr && object.primaryKeys->obtainArraySize() > 0) {
     out += ", PRIMARY KEY(";
-    if (!appendColumnList(out, primaryKeys)) return false;
+    if (!appendColumnList(out, object.primaryKeys)) return false;
     out += ')';
   }
 
-  if (foreignKeys != nullptr) {
-    const std::size_t count = foreignKeys->obtainArraySize();
+  if (object.foreignKeys != nullptr) {
+    const std::size_t count = object.foreignKeys->obtainArraySize();
     for (std::size_t i = 0; i < count; ++i) {
-      if (!appendForeignKey(out, foreignKeys->obtainArrayItem(i))) return false;
+      if (!appendForeignKey(out, object.foreignKeys->obtainArrayItem(i))) return false;
     }
   }
 
   out += ')';
   return true;
+}
+
+// "CREATE <kind> `<schema>`.`", the part every statement of one kind in one schema shares.
+std::string statementStartOf(std::string_view schemaName, std::string_view kind) {
+  std::string start;
+  start.reserve(kind.size() + schemaName.size() + 12);
+  start += "CREATE ";
+  start += kind;
+  start += " `";
+  if (!schemaName.empty()) {
+    start += schemaName;
+    start += "`.`";
+  }
+  return start;
+}
+
+// Writes one statement into out; on rejection restores out and raises the assertion.
+bool appendCheckedStatement(std::string& out, std::string_view statementStart,
+                            const YLJsonValue* description) {
+  const std::size_t start = out.size();
+  if (appendStatement(out, statementStart, description)) return true;
+  out.resize(start);
+  YL_ASSERT(false, kSourceName);
+  return false;
 }
 
 struct CatalogFields {
@@ -141,9 +260,15 @@ bool readCatalog(const YLJsonValue* item, CatalogFields& catalog) {
     YL_ASSERT(false, kSourceName);
     return false;
   }
-  catalog.id = item->obtainKeyValue("catalog_id");
-  catalog.name = item->obtainKeyValue("catalog_name");
-  catalog.schemas = item->obtainKeyValue("schemas");
+  forEachMember(item, [&catalog](std::string_view key, const YLJsonValue* value) {
+    if (key == "catalog_id") {
+      catalog.id = value;
+    } else if (key == "catalog_name") {
+      catalog.name = value;
+    } else if (key == "schemas") {
+      catalog.schemas = value;
+    }
+  });
   if (!absentOr(catalog.id, YLJsonValueType::String) ||
       !absentOr(catalog.name, YLJsonValueType::String) || !isArray(catalog.schemas)) {
     YL_ASSERT(false, kSourceName);
@@ -159,21 +284,29 @@ struct SchemaFields {
   const YLJsonValue* objects[3] = {nullptr, nullptr, nullptr};
 };
 
-constexpr const char* kObjectKeys[3] = {"tables", "views", "mviews"};
-constexpr const char* kObjectKinds[3] = {"TABLE", "VIEW", "MATERIALIZED VIEW"};
+constexpr std::string_view kObjectKeys[3] = {"tables", "views", "mviews"};
+constexpr std::string_view kObjectKinds[3] = {"TABLE", "VIEW", "MATERIALIZED VIEW"};
 
 bool readSchema(const YLJsonValue* item, SchemaFields& schema) {
   if (!isObject(item)) {
     YL_ASSERT(false, kSourceName);
     return false;
   }
-  schema.id = item->obtainKeyValue("schema_id");
-  schema.name = item->obtainKeyValue("schema_name");
+  forEachMember(item, [&schema](std::string_view key, const YLJsonValue* value) {
+    if (key == "schema_id") {
+      schema.id = value;
+    } else if (key == "schema_name") {
+      schema.name = value;
+    } else {
+      for (int kind = 0; kind < 3; ++kind) {
+        if (key == kObjectKeys[kind]) schema.objects[kind] = value;
+      }
+    }
+  });
   bool valid = absentOr(schema.id, YLJsonValueType::String) &&
                absentOr(schema.name, YLJsonValueType::String);
-  for (int kind = 0; kind < 3; ++kind) {
-    schema.objects[kind] = item->obtainKeyValue(kObjectKeys[kind]);
-    valid = valid && absentOr(schema.objects[kind], YLJsonValueType::Array);
+  for (const YLJsonValue* objects : schema.objects) {
+    valid = valid && absentOr(objects, YLJsonValueType::Array);
   }
   if (!valid) YL_ASSERT(false, kSourceName);
   return valid;
@@ -203,14 +336,15 @@ std::vector<Item> orderCatalogs(std::vector<Item> catalogs, LacksName lacksNameO
 }
 
 // Parses the structure once and hands the builder every accepted catalog and schema and every
-// object description, in input order. Bad catalogs and schemas are reported and passed over;
-// an object description is the builder's to judge.
+// object description with the start of its statement, in input order. Bad catalogs and schemas
+// are reported and passed over; an object description is the builder's to judge.
 template <typename Builder>
 void walkStructure(std::string structure, Builder& builder) {
   const YLJson document(std::move(structure));
   // Not JSON, or not an array: the normal outcome for a memory that holds nothing.
   if (!document.getIsValidJson() || document.obtainType() != YLJsonValueType::Array) return;
 
+  std::string statementStart;
   const std::size_t catalogCount = document.obtainArraySize();
   for (std::size_t c = 0; c < catalogCount; ++c) {
     CatalogFields catalog;
@@ -225,8 +359,10 @@ void walkStructure(std::string structure, Builder& builder) {
         const YLJsonValue* objects = schema.objects[kind];
         if (objects == nullptr) continue;
         const std::size_t count = objects->obtainArraySize();
+        if (count == 0) continue;
+        statementStart = statementStartOf(schemaNameOf(schema), kObjectKinds[kind]);
         for (std::size_t o = 0; o < count; ++o) {
-          builder.object(schemaNameOf(schema), kObjectKinds[kind], objects->obtainArrayItem(o));
+          builder.object(statementStart, objects->obtainArrayItem(o));
         }
       }
       builder.endSchema();
@@ -250,11 +386,7 @@ bool lacksCatalogName(const YLVariant& catalog) {
 
 bool appendCreateStatement(std::string& out, std::string_view schemaName, std::string_view kind,
                            const YLJsonValue* description) {
-  const std::size_t start = out.size();
-  if (appendStatement(out, schemaName, kind, description)) return true;
-  out.resize(start);
-  YL_ASSERT(false, kSourceName);
-  return false;
+  return appendCheckedStatement(out, statementStartOf(schemaName, kind), description);
 }
 
 YLVariantList buildTree(std::string structure) {
@@ -281,9 +413,9 @@ YLVariantList buildTree(std::string structure) {
       if (fields.id != nullptr) schema["schema_id"] = fields.id->obtainStringValue();
       if (fields.name != nullptr) schema["schema_name"] = fields.name->obtainStringValue();
     }
-    void object(std::string_view schemaName, std::string_view kind, const YLJsonValue* item) {
+    void object(std::string_view statementStart, const YLJsonValue* item) {
       std::string statement;
-      appendCreateStatement(statement, schemaName, kind, item);
+      appendCheckedStatement(statement, statementStart, item);
       statements.emplace_back(std::move(statement));
     }
     void endSchema() {
@@ -323,8 +455,8 @@ std::string buildText(std::string structure) {
       }
     }
     void beginSchema(const SchemaFields&) {}
-    void object(std::string_view schemaName, std::string_view kind, const YLJsonValue* item) {
-      appendCreateStatement(text, schemaName, kind, item);
+    void object(std::string_view statementStart, const YLJsonValue* item) {
+      appendCheckedStatement(text, statementStart, item);
       text += '\n';
     }
     void endSchema() {}
