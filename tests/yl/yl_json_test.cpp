@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <clocale>
 #include <cmath>
 #include <cstdint>
@@ -20,14 +21,22 @@ using namespace std::string_literals;
 
 // Parses the text, from a copy and in place from strings without and with room after it, and
 // gives it back as compact JSON; "<invalid>" when the parse fails, which must leave a null root.
+// The text is also parsed padded with spaces to a heap buffer of exactly its size that does not
+// end one byte short of a 16-byte boundary: without room for wide loads past its end, that one is
+// always read byte by byte.
 std::string reformat(std::string_view text) {
   std::string exact(text), roomy;
   roomy.reserve(text.size() + 64);
   roomy = text;
-  const YLJson copied(text), inExact(std::move(exact)), inRoomy(std::move(roomy));
+  std::size_t paddedSize = std::max<std::size_t>(text.size(), 16);
+  if (paddedSize % 16 == 15) ++paddedSize;
+  std::string padded(paddedSize, ' ');
+  padded.replace(0, text.size(), text);
+  const YLJson copied(text), inExact(std::move(exact)), inRoomy(std::move(roomy)),
+      inPadded(std::move(padded));
   EXPECT_TRUE(exact.empty() && roomy.empty()) << "parsing in place takes the string";
   const std::string written = copied.obtainJsonString();
-  for (const YLJson* inPlace : {&inExact, &inRoomy}) {
+  for (const YLJson* inPlace : {&inExact, &inRoomy, &inPadded}) {
     EXPECT_EQ(inPlace->getIsValidJson(), copied.getIsValidJson()) << text;
     EXPECT_EQ(inPlace->obtainJsonString(), written) << text;
   }
@@ -51,6 +60,7 @@ TEST(Json, TextsParseAndWriteBackCompactlyInAnyLocale) {
        R"([{"b":1,"a":[true,false,null],"c":{}},{"a":{"x":[3]},"b":2}])"},
       {R"({"":1,"":2})", R"({"":2})"},
       {" \t\r\n[1] \n", "[1]"},
+      {R"([ [ ] , { } , [ [ ] ] , { "a" : [ ] , "b" : { } } ])", R"([[],{},[[]],{"a":[],"b":{}}])"},
       {"\"x\"", "\"x\""},
       {"null", "null"},
       {R"(["\ud800"])", "<invalid>"},
@@ -60,12 +70,28 @@ TEST(Json, TextsParseAndWriteBackCompactlyInAnyLocale) {
        "[-9223372036854775808,9223372036854775807,18446744073709551615,0,0]"},
       {"[18446744073709551616,0.1,1.0,1E2,1e300,2.5e-5,-0.0,0.30000000000000004,1234.25]",
        "[18446744073709551616.0,0.1,1.0,100.0,1e+300,2.5e-05,-0.0,0.30000000000000004,1234.25]"},
-      {"[1.7976931348623157e308,5e-324]", "[1.7976931348623157e+308,5e-324]"}};
-  const std::string invalid[] = {""s,          " \n"s,      "{"s,     "[1,]"s,      R"({"a":1,})"s,
-                                 "1 2"s,       "[] x"s,     "nul"s,   "NaN"s,       "-Infinity"s,
-                                 "'a'"s,       R"({"a"})"s, "\"abc"s, "\"a\x01\""s, "01"s,
-                                 "/* c */ 1"s, "[1] // c"s, "[1]\0"s, "\0[1]"s,     "[\"\0\"]"s,
-                                 "\"\\x\""s,   "{1:2}"s};
+      {"[1.7976931348623157e308,5e-324]", "[1.7976931348623157e+308,5e-324]"},
+      // Where integers change their encoding, and one past the 64-bit range.
+      {"[2147483647,2147483648,-2147483648,-2147483649,-9223372036854775809]",
+       "[2147483647,2147483648,-2147483648,-2147483649,-9223372036854775808.0]"},
+      // \u escapes at the edges of the one-, two-, three- and four-byte forms, either case.
+      {R"(["\u007f\u0080\u07FF\u0800\uFFFF\uD800\uDC00\udbff\udfff\udc00\udc00"])",
+       "[\"\x7f\xc2\x80\xdf\xbf\xe0\xa0\x80\xef\xbf\xbf\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"
+       "\xed\xb0\x80\xed\xb0\x80\"]"},
+      {R"(["\ud83d\ud83d"])", "<invalid>"},
+      {R"(["\u12"])", "<invalid>"},
+      {R"(["\u12g4"])", "<invalid>"},
+      // Duplicates: a container replaced by a scalar, and in the wide form (a key with a NUL).
+      {R"({"a":[1,{"x":2}],"b":0,"a":2})", R"({"a":2,"b":0})"},
+      {R"({"a\u0000":1,"b":2,"a\u0000":{"c":3}})", R"({"a\u0000":{"c":3},"b":2})"}};
+  const std::string invalid[] = {
+      ""s, " \n"s, "{"s, "[1,]"s, R"({"a":1,})"s, "1 2"s, "[] x"s, "nul"s, "NaN"s, "-Infinity"s,
+      "'a'"s, R"({"a"})"s, "\"abc"s, "\"a\x01\""s, "01"s, "/* c */ 1"s, "[1] // c"s, "[1]\0"s,
+      "\0[1]"s, "[\"\0\"]"s, "\"\\x\""s, "{1:2}"s,
+      // Structure: containers left unfinished or joined wrong.
+      "[1 2]"s, R"({"a" 1})"s, R"({"a":1 "b":2})"s, "[1}"s, R"({"a":1])"s, "["s, "[[]"s,
+      R"({"a":})"s, "]"s, "}"s, ","s, R"({"a":1,"b"})"s, "[true false]"s, "[tru]"s, "[nulll]"s,
+      "[,1]"s, R"({,"a":1})"s, R"({"a",1})"s, "[1,,2]"s, R"({"a"::1})"s};
   YLJson built;
   built.addArrayItem()->setDoubleValue(std::numeric_limits<double>::quiet_NaN());
   built.addArrayItem()->setDoubleValue(-std::numeric_limits<double>::infinity());
@@ -92,6 +118,54 @@ TEST(Json, TextsParseAndWriteBackCompactlyInAnyLocale) {
   EXPECT_EQ(ints.obtainArrayItem(4)->obtainDoubleValue(), 5e9);
   EXPECT_EQ(YLJson("\"\\n\\u0000\"").obtainStringView(), "\n\0"s);
   EXPECT_EQ(reformat(std::string_view("[12]345").substr(0, 4)), "[12]") << "no NUL after the text";
+}
+
+TEST(Json, WritingEscapesOnlyWhatJsonRequiresAtEveryPlace) {
+  // Every byte value, at every offset of the first few words of a string or a key and after
+  // longer runs, written next to bytes that need no escape: only the quote, the backslash and
+  // control bytes are escaped, the short forms where JSON has them; the rest, invalid UTF-8
+  // included, passes through. The text reads back to the same bytes.
+  const auto quoted = [](std::string_view bytes) {
+    std::string out = "\"";
+    for (const char c : bytes) {
+      const auto byte = static_cast<unsigned char>(c);
+      const std::string_view shortForms = "\"\"\\\\\bb\ff\nn\rr\tt";
+      const std::size_t at = shortForms.find(c);
+      if (at != std::string_view::npos && at % 2 == 0) {
+        out += '\\';
+        out += shortForms[at + 1];
+      } else if (byte < 0x20) {
+        char escape[8];
+        std::snprintf(escape, sizeof escape, "\\u%04x", byte);
+        out += escape;
+      } else {
+        out += c;
+      }
+    }
+    return out + "\"";
+  };
+  for (int byte = 0; byte < 256; ++byte) {
+    for (const std::size_t before : {0, 1, 7, 8, 15, 16, 17, 31, 33, 64, 100}) {
+      const std::string bytes =
+          std::string(before, 'a') + static_cast<char>(byte) + std::string(before % 19, '\xc3');
+      YLJson document;
+      document.addKeyValue(bytes)->setStringValue(bytes + bytes);
+      const std::string expected = "{" + quoted(bytes) + ":" + quoted(bytes + bytes) + "}";
+      ASSERT_EQ(document.obtainJsonString(), expected) << byte << " after " << before;
+      ASSERT_EQ(reformat(expected), expected) << byte << " after " << before;
+    }
+  }
+  // Long strings where escapes are rare, dense, and at the ends of the string.
+  std::string mixed;
+  for (int i = 0; i < 5000; ++i)
+    mixed += static_cast<char>(i % 7 == 0 ? (i * 37) % 256 : 'a' + i % 26);
+  for (const std::string& bytes :
+       {mixed, std::string(300, '\n'), "\"" + std::string(70000, 'x') + "\\"}) {
+    YLJson document;
+    document.setStringValue(bytes);
+    EXPECT_EQ(document.obtainJsonString(), quoted(bytes));
+    EXPECT_EQ(YLJson(quoted(bytes)).obtainStringView(), bytes);
+  }
 }
 
 TEST(Json, MembersKeepTheirOrderAndAreFoundExactlyAndTypesChange) {
@@ -183,9 +257,12 @@ TEST(Json, NestingLimit) {
     EXPECT_EQ(reformat(text), depth <= YLJson::kMaxDepth ? text : "<invalid>") << depth;
   }
   std::string objects;
-  for (std::size_t i = 0; i <= YLJson::kMaxDepth; ++i)
+  for (std::size_t depth = 1; depth <= YLJson::kMaxDepth + 1; ++depth) {
     objects += "{\"a\":";
-  EXPECT_EQ(reformat(objects + "1" + std::string(YLJson::kMaxDepth + 1, '}')), "<invalid>");
+    if (depth < YLJson::kMaxDepth) continue;
+    const std::string text = objects + "1" + std::string(depth, '}');
+    EXPECT_EQ(reformat(text), depth <= YLJson::kMaxDepth ? text : "<invalid>") << depth;
+  }
 
   // A built document may be deeper than parsing accepts; writing it must not recurse.
   YLJson deep;

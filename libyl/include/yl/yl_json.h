@@ -31,6 +31,13 @@
 class YLVariant;
 class YLJson;
 
+// The library's own code that reads and builds documents; nothing a host uses.
+namespace yljson {
+struct Arena;
+struct Layout;
+struct ParseHandler;
+}  // namespace yljson
+
 // The type of a JSON value. A value that was added but not given anything is Null.
 enum class YLJsonValueType : std::int32_t {
   Null = 0,
@@ -121,7 +128,7 @@ class YL_EXPORT YLJsonValue : public IYLJsonValue {
 
  private:
   friend class YLJson;
-  friend struct YLJsonBuilder;
+  friend struct yljson::Layout;
   // Representation, owned by the JSON implementation: what kind of value this is, with a count or
   // size when it is small, and a 32-bit reference into the document's storage. A value finds its
   // document from its own address, so this is all it carries besides its virtual table.
@@ -157,9 +164,9 @@ class YL_EXPORT YLJson final : public YLJsonValue {
 
  private:
   friend class YLJsonValue;
-  friend struct YLJsonBuilder;
-  struct Arena;
-  std::unique_ptr<Arena> arena_;
+  friend struct yljson::Layout;
+  friend struct yljson::ParseHandler;
+  std::unique_ptr<yljson::Arena> arena_;
   bool valid_ = true;
 };
 
