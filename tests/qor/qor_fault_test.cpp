@@ -12,7 +12,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "qor_library.h"
@@ -24,17 +23,14 @@ namespace {
 using namespace qortest;
 using namespace std::chrono_literals;
 
-// The largest reply accepted in these tests: small enough to keep the huge bodies cheap, large
-// enough that the memory the client needs besides the body does not matter next to it.
+// The largest reply accepted here: small enough to keep the huge bodies cheap, large enough that
+// what the client needs besides the body does not matter next to it.
 constexpr std::size_t kLimit = std::size_t{16} << 20;
 
-// Peak memory growth allowed during one faulty exchange: twice the limit for the body, whose
-// buffer grows by doubling (a body that reaches the limit exactly has its old and its new buffer
-// alive at once), and 1 MiB for what the client needs whatever the body (curl's buffers, the
-// headers). Under AddressSanitizer every freed buffer of the doubling stays in its quarantine and
-// every byte has a shadow, which comes to some five times the limit: the bound there only catches
-// a body kept beyond the limit. ThreadSanitizer's shadow is several times the memory itself, so
-// nothing is measured under it.
+// Peak memory growth allowed during one faulty exchange: twice the limit, as the body's buffer
+// grows by doubling, and 1 MiB for curl's buffers and the headers. AddressSanitizer keeps freed
+// buffers in quarantine and shadows every byte (some five times the limit): there the bound only
+// catches a body kept beyond the limit. ThreadSanitizer's shadow is too large to measure under.
 #if defined(__SANITIZE_THREAD__)
 constexpr std::size_t kPeakBound = 0;
 #elif defined(__SANITIZE_ADDRESS__)
@@ -47,7 +43,7 @@ std::string curlText(std::int32_t curlCode) {
   return errorText(YLErrorCode::kCurlCodeBase + curlCode);
 }
 
-// Reads a field of /proc/self/status in bytes; 0 if missing.
+// A field of /proc/self/status in bytes; 0 if missing.
 std::size_t statusBytes(const std::string& field) {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
@@ -61,18 +57,15 @@ std::size_t statusBytes(const std::string& field) {
 std::optional<std::size_t> peakGrowthDuring(const std::function<void()>& run) {
   std::ofstream clear("/proc/self/clear_refs");
   clear << "5" << std::flush;
-  if (!clear) {
-    run();
-    return std::nullopt;
-  }
   const std::size_t before = statusBytes("VmRSS");
   run();
   const std::size_t peak = statusBytes("VmHWM");
+  if (!clear) return std::nullopt;
   return peak > before ? peak - before : 0;
 }
 
-// The service's side of one test: how a normal reply looks for each gate, "@" standing for the
-// reply's text or the model's name.
+// The service's side: a normal reply for each gate, "@" standing for the reply's text or the
+// model's name.
 struct Service {
   QORAssistantType type;
   const char* name;
@@ -107,12 +100,12 @@ enum class Expected {
 
 struct Fault {
   const char* name;
+  Expected expected;
+  std::vector<std::string> texts;  // kFailure: the texts that are as good as each other
+  bool huge;                       // a body of unbounded size: the memory is measured
+  long totalTimeoutMs;             // the exchange's whole time limit
   // Makes the behaviour for a chat or a listing of the service.
   std::function<RawBehaviour(const Service&, bool chat)> behaviour;
-  Expected expected;
-  std::vector<std::string> texts{};  // kFailure: the texts that are as good as each other
-  bool huge = false;                 // a body of unbounded size: the memory is measured
-  long totalTimeoutMs = 30000;       // the exchange's whole time limit
 };
 
 std::string head(const std::string& fields) {
@@ -126,122 +119,128 @@ std::string zeros() {
 const std::string kInvalidUtf8 = "bad \xff\xfe\xc3( \xed\xa0\x80 end";
 
 std::vector<Fault> faults() {
-  const auto plain = [](const RawBehaviour& behaviour) {
-    return [behaviour](const Service&, bool) { return behaviour; };
+  std::vector<Fault> all;
+  const auto add = [&all](const char* name, Expected expected, std::vector<std::string> texts,
+                          bool huge, long totalTimeoutMs, const RawBehaviour& behaviour) {
+    all.push_back({name, expected, std::move(texts), huge, totalTimeoutMs,
+                   [behaviour](const Service&, bool) { return behaviour; }});
   };
   const std::string tooLarge = errorText(YLErrorCode::kResponseTooLarge);
-  return {
-      {"reset in the middle of the body",
-       plain([](RawConnection& c, const RawRequest&) {
-         c.send(head("Content-Length: 100000\r\n") + std::string(1000, '['));
-         std::this_thread::sleep_for(50ms);
-         c.reset();
-       }),
-       Expected::kFailure,
-       {curlText(56)}},
-      {"a stall after the headers past the total time limit",
-       plain([](RawConnection& c, const RawRequest&) {
-         c.send(head("Content-Length: 100\r\n"));
-         c.waitForPeerClose(10s);
-       }),
-       Expected::kFailure,
-       {curlText(28)},
-       false,
-       700},
-      {"Content-Length of 1 GiB",
-       plain([](RawConnection& c, const RawRequest&) {
-         c.send(head("Content-Length: 1073741824\r\n"));
-         c.sendWhileTaken(zeros, std::size_t{1} << 30);
-       }),
-       Expected::kFailure,
-       {tooLarge},
-       true},
-      {"an endless chunked body",
-       plain([](RawConnection& c, const RawRequest&) {
-         c.send(head("Transfer-Encoding: chunked\r\n"));
-         static const std::string piece = "10000\r\n" + zeros() + "\r\n";
-         c.sendWhileTaken([] { return piece; }, std::size_t{1} << 30);
-       }),
-       Expected::kFailure,
-       {tooLarge},
-       true},
-      {"a gzip body that inflates to 1 GiB",
-       plain([](RawConnection& c, const RawRequest&) {
-         c.send(head("Content-Encoding: gzip\r\nConnection: close\r\n"));
-         // 13 bits on the wire for every 258 bytes: about 6.5 MiB make 1 GiB.
-         c.sendWhileTaken(endlessGzipOfZeros(), (std::size_t{1} << 30) / 258 * 13 / 8);
-       }),
-       Expected::kFailure,
-       {tooLarge},
-       true},
-      {"Content-Length larger than the body",
-       [](const Service& service, bool chat) -> RawBehaviour {
-         const std::string body = service.body(chat, "cut");
-         return [body](RawConnection& c, const RawRequest&) {
-           c.send(head("Content-Length: " + std::to_string(body.size() + 1000) + "\r\n") + body);
-         };
-       },
-       Expected::kFailure,
-       {curlText(18)}},
-      {"Content-Length smaller than the body",
-       [](const Service& service, bool chat) -> RawBehaviour {
-         const std::string body = service.body(chat, "long");
-         return [body](RawConnection& c, const RawRequest&) {
-           // The rest of the body stays on the connection, where the next reply would follow.
-           if (c.send(head("Content-Length: 10\r\n") + body)) c.keepOpen();
-         };
-       },
-       Expected::kNoJson},
-      {"20 MB of headers",
-       plain([](RawConnection& c, const RawRequest&) {
-         c.send("HTTP/1.1 200 OK\r\n");
-         std::size_t line = 0;
-         c.sendWhileTaken(
-             [&line] {
-               std::string lines;
-               for (int i = 0; i < 512; ++i)
-                 lines +=
-                     "X-Filler-" + std::to_string(line++) + ": " + std::string(100, 'h') + "\r\n";
-               return lines;
-             },
-             20'000'000);
-       }),
-       // The client refuses more than 1 MiB of headers; libcurl 7.88 with the fix for
-       // CVE-2023-38039 refuses them already at 300 KiB, as a failure to receive.
-       Expected::kFailure,
-       {tooLarge, curlText(56)},
-       true},
-      {"a reply that is not HTTP",
-       plain([](RawConnection& c, const RawRequest&) {
-         c.send("SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n\x01\x02\x03");
-       }),
-       Expected::kFailure,
-       {curlText(1)}},
-      {"invalid UTF-8 in the body",
-       [](const Service& service, bool chat) {
-         return httpReply(200, service.body(chat, kInvalidUtf8));
-       },
-       Expected::kRawBytes},
-      {"10^6-deep nesting in the body",
-       plain(httpReply(200, std::string(1'000'000, '[') + std::string(1'000'000, ']'))),
-       Expected::kNoJson},
+  constexpr long kDefault = 30000;
+  add("reset in the middle of the body", Expected::kFailure, {curlText(56)}, false, kDefault,
+      [](RawConnection& c, const RawRequest&) {
+        c.send(head("Content-Length: 100000\r\n") + std::string(1000, '['));
+        std::this_thread::sleep_for(50ms);
+        c.reset();
+      });
+  add("a stall after the headers past the total time limit", Expected::kFailure, {curlText(28)},
+      false, 700, [](RawConnection& c, const RawRequest&) {
+        c.send(head("Content-Length: 100\r\n"));
+        c.waitForPeerClose(10s);
+      });
+  add("Content-Length of 1 GiB", Expected::kFailure, {tooLarge}, true, kDefault,
+      [](RawConnection& c, const RawRequest&) {
+        c.send(head("Content-Length: 1073741824\r\n"));
+        c.sendWhileTaken(zeros, std::size_t{1} << 30);
+      });
+  add("an endless chunked body", Expected::kFailure, {tooLarge}, true, kDefault,
+      [](RawConnection& c, const RawRequest&) {
+        c.send(head("Transfer-Encoding: chunked\r\n"));
+        static const std::string piece = "10000\r\n" + zeros() + "\r\n";
+        c.sendWhileTaken([] { return piece; }, std::size_t{1} << 30);
+      });
+  add("a gzip body that inflates to 1 GiB", Expected::kFailure, {tooLarge}, true, kDefault,
+      [](RawConnection& c, const RawRequest&) {
+        c.send(head("Content-Encoding: gzip\r\nConnection: close\r\n"));
+        // 13 bits on the wire for every 258 bytes: about 6.5 MiB make 1 GiB.
+        c.sendWhileTaken(endlessGzipOfZeros(), (std::size_t{1} << 30) / 258 * 13 / 8);
+      });
+  // The client refuses more than 1 MiB of headers; libcurl 7.88 with the fix for CVE-2023-38039
+  // refuses them already at 300 KiB, as a failure to receive.
+  add("20 MB of headers", Expected::kFailure, {tooLarge, curlText(56)}, true, kDefault,
+      [](RawConnection& c, const RawRequest&) {
+        c.send("HTTP/1.1 200 OK\r\n");
+        std::size_t line = 0;
+        c.sendWhileTaken(
+            [&line] {
+              std::string lines;
+              for (int i = 0; i < 512; ++i)
+                lines +=
+                    "X-Filler-" + std::to_string(line++) + ": " + std::string(100, 'h') + "\r\n";
+              return lines;
+            },
+            20'000'000);
+      });
+  add("a reply that is not HTTP", Expected::kFailure, {curlText(1)}, false, kDefault,
+      [](RawConnection& c, const RawRequest&) {
+        c.send("SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n\x01\x02\x03");
+      });
+  add("10^6-deep nesting in the body", Expected::kNoJson, {}, false, kDefault,
+      httpReply(200, std::string(1'000'000, '[') + std::string(1'000'000, ']')));
+
+  // The service's normal reply under a Content-Length that is off by the given amount. The rest
+  // of a body longer than announced stays on the connection, where the next reply would follow.
+  const auto misannounced = [](long off) {
+    return [off](const Service& service, bool chat) -> RawBehaviour {
+      const std::string body = service.body(chat, "cut");
+      return [body, off](RawConnection& c, const RawRequest&) {
+        const std::string length = std::to_string(static_cast<long>(body.size()) + off);
+        if (c.send(head("Content-Length: " + length + "\r\n") + body) && off < 0) c.keepOpen();
+      };
+    };
   };
+  all.push_back({"Content-Length larger than the body",
+                 Expected::kFailure,
+                 {curlText(18)},
+                 false,
+                 kDefault,
+                 misannounced(1000)});
+  all.push_back({"Content-Length smaller than the body",
+                 Expected::kNoJson,
+                 {},
+                 false,
+                 kDefault,
+                 misannounced(-10)});
+  all.push_back({"invalid UTF-8 in the body",
+                 Expected::kRawBytes,
+                 {},
+                 false,
+                 kDefault,
+                 [](const Service& service, bool chat) {
+                   return httpReply(200, service.body(chat, kInvalidUtf8));
+                 }});
+  return all;
+}
+
+// What the fault comes to, a chat's outcome written as a listing's: the reply's text as the one
+// name, or the failure. A failure may have any of the fault's texts, given the one that came.
+Listing expectedOutcome(const Fault& fault, const Service& service, bool chat,
+                        const std::string& came) {
+  switch (fault.expected) {
+    case Expected::kFailure: {
+      const bool known =
+          std::find(fault.texts.begin(), fault.texts.end(), came) != fault.texts.end();
+      return {{}, known ? came : fault.texts.at(0)};
+    }
+    case Expected::kNoJson:
+      return chat ? Listing({}, std::string("Invalid response") + service.chatTail)
+                  : service.listingWithoutJson;
+    case Expected::kRawBytes:
+      break;
+  }
+  return {{kInvalidUtf8}, ""};
 }
 
 class Faults : public ::testing::TestWithParam<Service> {
  protected:
-  void SetUp() override {
-    saved_ = qorGlobalRestSettings();
-    // glibc raises its mmap threshold as large blocks are freed, and then serves them from a heap
-    // that keeps freed blocks resident: a body that grows by doubling would leave every smaller
-    // size in the resident set. A fixed threshold gives every large block a mapping of its own,
-    // returned when freed, so that the resident peak follows the memory actually in use.
-    mallopt(M_MMAP_THRESHOLD, 128 * 1024);
-  }
+  // glibc raises its mmap threshold as large blocks are freed and then keeps freed blocks
+  // resident: a body that grows by doubling would leave every smaller size in the resident set.
+  // A fixed threshold gives every large block a mapping of its own, returned when freed.
+  void SetUp() override { mallopt(M_MMAP_THRESHOLD, 128 * 1024); }
   void TearDown() override { QORSetHTTPSettings(saved_); }
 
  private:
-  YLRestGlobalSettings saved_;
+  YLRestGlobalSettings saved_ = qorGlobalRestSettings();
 };
 
 TEST_P(Faults, FailCleanlyAndLeaveThePoolUsable) {
@@ -263,45 +262,26 @@ TEST_P(Faults, FailCleanlyAndLeaveThePoolUsable) {
     for (const bool chat : {true, false}) {
       SCOPED_TRACE(chat ? "chat" : "listing");
       server.enqueue(fault.behaviour(service, chat));
-      const Turns history = historyOf(*assistant);
+      Turns history = historyOf(*assistant);
       const std::size_t requests = server.requestCount();
-      MessagePtr message;
-      Listing listing;
+      Listing outcome;
       const auto start = std::chrono::steady_clock::now();
       const std::optional<std::size_t> growth = peakGrowthDuring([&] {
-        if (chat) {
-          std::tie(message, listing.second) = qortest::chat(*assistant, "q");
-        } else {
-          listing = assistant->obtainAvailableModels();
+        if (!chat) {
+          outcome = assistant->obtainAvailableModels();
+          return;
         }
+        auto [message, failure] = qortest::chat(*assistant, "q");
+        outcome.second = failure;
+        if (message) outcome.first.emplace_back(message->obtainSections().at(0)->obtainText());
       });
       EXPECT_EQ(server.requestCount(), requests + 1);
 
-      // A chat's failure is in listing.second, as a listing's is.
-      const std::string text(message ? message->obtainSections().at(0)->obtainText() : "");
-      switch (fault.expected) {
-        case Expected::kFailure:
-          EXPECT_EQ(message, nullptr);
-          EXPECT_TRUE(listing.first.empty());
-          EXPECT_NE(std::find(fault.texts.begin(), fault.texts.end(), listing.second),
-                    fault.texts.end())
-              << listing.second;
-          break;
-        case Expected::kNoJson:
-          EXPECT_EQ(message, nullptr);
-          EXPECT_EQ(listing, chat ? Listing({}, std::string("Invalid response") + service.chatTail)
-                                  : service.listingWithoutJson);
-          break;
-        case Expected::kRawBytes:
-          EXPECT_EQ(listing, chat ? Listing({}, "") : Listing({kInvalidUtf8}, ""));
-          EXPECT_EQ(text, chat ? kInvalidUtf8 : "");
-          break;
-      }
-      Turns expectedHistory = history;
-      if (message != nullptr)
-        expectedHistory.insert(expectedHistory.end(),
-                               {{kChatRoleUser, "q"}, {kChatRoleAssistant, text}});
-      EXPECT_EQ(historyOf(*assistant), expectedHistory);
+      EXPECT_EQ(outcome, expectedOutcome(fault, service, chat, outcome.second));
+      if (chat && !outcome.first.empty())
+        history.insert(history.end(),
+                       {{kChatRoleUser, "q"}, {kChatRoleAssistant, outcome.first[0]}});
+      EXPECT_EQ(historyOf(*assistant), history);
       if (fault.totalTimeoutMs < 30000) {
         EXPECT_LT(std::chrono::steady_clock::now() - start,
                   std::chrono::milliseconds(fault.totalTimeoutMs) + 2s)

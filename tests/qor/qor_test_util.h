@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -65,13 +66,13 @@ inline std::string errorText(std::int32_t code) {
       .text;
 }
 
-// A store of the host's: it records the limits it is asked for and gives its whole history.
+// A store of the host's: it records what it is asked for and gives its whole history.
 class HostMemory final : public IQORAssistantMemory {
  public:
-  void setDatabaseStructure(const std::string& structure) override { structure_ = structure; }
+  void setDatabaseStructure(const std::string&) override {}
   std::string obtainDatabaseStructure() override {
     calls.push_back("structure");
-    return structure_;
+    return {};
   }
   void addHistoryEntry(ChatRole role, const std::string& text) override {
     calls.push_back("add");
@@ -83,9 +84,6 @@ class HostMemory final : public IQORAssistantMemory {
   }
   std::vector<QORHistoryEntry> history;
   std::vector<std::string> calls;  // what the assistant asked of the memory, in order
-
- private:
-  std::string structure_;
 };
 
 inline AssistantPtr create(QORAssistantType type, const std::string& host,
@@ -118,7 +116,6 @@ class AdapterTest : public ::testing::Test {
   AssistantPtr make(IQORAssistantMemory* memory = nullptr, const std::string& key = "k") {
     return create(kType, server.baseUrl(), memory, key);
   }
-
   LoopbackServer server;
 };
 
@@ -161,37 +158,34 @@ inline void expectChat(IQORAssistant& assistant, const Outcome& expected) {
   EXPECT_EQ(historyOf(assistant), history) << "a reply adds two turns, a failure none";
 }
 
-// Tables of replies for one path, each answered once, without a retry.
+// A table of replies for one path, each answered once, without a retry: a chat checked with
+// expectChat, or a listing.
 template <typename Expected>
 struct ReplyCase {
   ScriptedReply reply;
   Expected expected;
 };
-using ChatCase = ReplyCase<Outcome>;
 using ListingCase = ReplyCase<Listing>;
-inline void expectChats(LoopbackServer& server, IQORAssistant& assistant, const std::string& path,
-                        const std::vector<ChatCase>& cases) {
-  for (const ChatCase& c : cases) {
+template <typename Expected>
+void expectReplies(LoopbackServer& server, IQORAssistant& assistant, const std::string& path,
+                   const std::vector<ReplyCase<Expected>>& cases) {
+  for (const ReplyCase<Expected>& c : cases) {
     SCOPED_TRACE(std::to_string(c.reply.status) + " " + c.reply.body.substr(0, 120));
-    server.answer("POST", path, c.reply);
+    constexpr bool kChat = std::is_same_v<Expected, Outcome>;
+    server.answer(kChat ? "POST" : "GET", path, c.reply);
     const std::size_t before = server.requestCount();
-    expectChat(assistant, c.expected);
-    EXPECT_EQ(server.requestCount(), before + 1);
-  }
-}
-inline void expectListings(LoopbackServer& server, IQORAssistant& assistant,
-                           const std::string& path, const std::vector<ListingCase>& cases) {
-  for (const ListingCase& c : cases) {
-    SCOPED_TRACE(std::to_string(c.reply.status) + " " + c.reply.body.substr(0, 120));
-    server.answer("GET", path, c.reply);
-    const std::size_t before = server.requestCount();
-    EXPECT_EQ(assistant.obtainAvailableModels(), c.expected);
+    if constexpr (kChat) {
+      expectChat(assistant, c.expected);
+    } else {
+      EXPECT_EQ(assistant.obtainAvailableModels(), c.expected);
+    }
     EXPECT_EQ(server.requestCount(), before + 1);
   }
 }
 
 // Each service with a published listing and chat reply of its own, in the order of the type's
-// numbers.
+// numbers, and the bodies of its chat requests: "plain" for "q" alone, "full" for "q" after the
+// turns "hi" and "R1" (each "<turns>"), with the temperature 0.5 and the instructions "Be brief.".
 struct WireService {
   QORAssistantType type;
   const char* name;
@@ -203,31 +197,54 @@ struct WireService {
   const char* chatFile;
   const char* reply;
   const char* credential;  // where the key goes, "@" standing for it
+  const char* plain;
+  const char* full;
   friend void PrintTo(const WireService& service, std::ostream* out) { *out << service.name; }
 };
 
 inline const WireService kWireServices[] = {
     {QORAssistantType::OPENAI_v1, "OpenAI", "/v1/models", "openai/models.json", 119,
      "gpt-5.2-codex", "/v1/chat/completions", "openai/chat_simple.json",
-     "Hello! How can I assist you today?", "Authorization: Bearer @"},
+     "Hello! How can I assist you today?", "Authorization: Bearer @",
+     R"~({"model":"m","messages":[{"role":"user","content":"q"}]})~",
+     R"~({"model":"m","temperature":0.5,"messages":[)~"
+     R"~({"role":"developer","content":"Be brief.\n\n"},<turns>]})~"},
     {QORAssistantType::GOOGLE, "Google", "/v1beta/models", "google/models.json", 30,
      "gemini-2.5-flash", "/v1beta/models/m:generateContent", "google/chat_simple_recorded.json",
-     "2 + 2 = **4**", "?key=AIza%20k%26y%3D%2F%2B%25"},
+     "2 + 2 = **4**", "?key=AIza%20k%26y%3D%2F%2B%25",
+     R"~({"contents":[{"role":"user","parts":[{"text":"q"}]}]})~",
+     R"~({"generationConfig":{"temperature":0.5},)~"
+     R"~("system_instruction":{"parts":{"text":"Be brief.\n\n"}},"contents":[<turns>]})~"},
     {QORAssistantType::DEEPSEEK, "DeepSeek", "/models", "deepseek/models.json", 2, "deepseek-chat",
-     "/chat/completions", "deepseek/chat_reasoning.json", "4", "Authorization: Bearer @"},
+     "/chat/completions", "deepseek/chat_reasoning.json", "4", "Authorization: Bearer @",
+     R"~({"model":"m","messages":[{"role":"user","content":"q"}]})~",
+     R"~({"model":"m","temperature":0.5,"messages":[)~"
+     R"~({"role":"system","content":"Be brief.\n\n"},<turns>]})~"},
     {QORAssistantType::OLLAMA, "Ollama", "/api/tags", "ollama/models.json", 2, "deepseek-r1:latest",
-     "/api/chat", "ollama/chat_simple.json", "Hello! How are you today?", ""},
+     "/api/chat", "ollama/chat_simple.json", "Hello! How are you today?", "",
+     R"~({"model":"m","stream":false,"messages":[{"role":"user","content":"q"}]})~",
+     R"~({"model":"m","stream":false,"options":{"temperature":0.5},"messages":[)~"
+     R"~({"role":"system","content":"Be brief.\n\n"},<turns>]})~"},
     {QORAssistantType::X, "X", "/v1/models", "x/models.json", 13, "grok-imagine-image",
      "/v1/chat/completions", "x/chat_simple.json",
      "The weather depends on your location and time of year—check a local forecast for "
      "details! \nXKCD7392",
-     "Authorization: Bearer @"},
+     "Authorization: Bearer @", R"~({"model":"m","messages":[{"role":"user","content":"q"}]})~",
+     R"~({"model":"m","temperature":0.5,"messages":[)~"
+     R"~({"role":"system","content":"Be brief.\n\n"},<turns>]})~"},
+    // The instructions in "system", never among the messages.
     {QORAssistantType::ANTHROPIC, "Anthropic", "/v1/models", "anthropic/models.json", 10,
      "claude-opus-4-6", "/v1/messages", "anthropic/chat_simple.json",
-     "The weather in SF is currently **20°C** (68°F) and **Sunny**!", "x-api-key: @"},
+     "The weather in SF is currently **20°C** (68°F) and **Sunny**!", "x-api-key: @",
+     R"~({"model":"m","max_tokens":1024,"messages":[{"role":"user","content":"q"}]})~",
+     R"~({"model":"m","temperature":0.5,"max_tokens":1024,"system":"Be brief.\n\n",)~"
+     R"~("messages":[<turns>]})~"},
     {QORAssistantType::ALIBABA, "Alibaba", "/compatible-mode/v1/models", "alibaba/models.json", 3,
      "qwen-max", "/compatible-mode/v1/chat/completions", "alibaba/chat_reasoning.json",
-     "9.9 is greater than 9.11.", "Authorization: Bearer @"},
+     "9.9 is greater than 9.11.", "Authorization: Bearer @",
+     R"~({"model":"m","messages":[{"role":"user","content":"q"}]})~",
+     R"~({"model":"m","temperature":0.5,"messages":[)~"
+     R"~({"role":"system","content":"Be brief.\n\n"},<turns>]})~"},
 };
 
 }  // namespace qortest

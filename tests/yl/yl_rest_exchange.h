@@ -68,20 +68,16 @@ inline Exchanged exchange(YLRestRequest& request,
           took};
 }
 
-inline Exchanged get(const std::string& url, const YLRestGlobalSettings& settings = quickSettings(),
-                     YLRestSession* session = nullptr) {
-  YLRestGetRequest request;
-  request.setURL(url);
-  return exchange(request, settings, session);
-}
-
-inline Exchanged post(const std::string& url, const std::string& body,
+// A GET, or a POST when a body is given.
+inline Exchanged send(const std::string& url,
                       const YLRestGlobalSettings& settings = quickSettings(),
-                      YLRestSession* session = nullptr) {
-  YLJson document(body);
-  YLRestPostRequest request;
+                      YLRestSession* session = nullptr, const char* body = nullptr) {
+  YLJson document(body != nullptr ? body : "");
+  YLRestPostRequest post;
+  YLRestGetRequest get;
+  YLRestRequest& request = body != nullptr ? static_cast<YLRestRequest&>(post) : get;
+  if (body != nullptr) post.updateJson(&document);
   request.setURL(url);
-  request.updateJson(&document);
   return exchange(request, settings, session);
 }
 
