@@ -1,5 +1,6 @@
 #include "qor_database_digest.h"
 
+#include <array>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -36,11 +37,30 @@ bool readString(const YLJsonValue* value, std::string_view& text) {
 // Hands every member of an object to take(key, value) in one pass. A document holds one member per
 // key (the last of duplicates), so this finds what a lookup of each key would, without scanning
 // the object once per key.
+// The members come in batches, which costs one call to the document per batch, not two per
+// member.
 template <typename Take>
 void forEachMember(const YLJsonValue* object, Take take) {
-  const std::size_t count = object->obtainMemberCount();
-  for (std::size_t i = 0; i < count; ++i) {
-    take(object->obtainMemberKey(i), object->obtainMemberValue(i));
+  std::array<YLJsonMember, 16> members;
+  for (std::size_t from = 0;; from += members.size()) {
+    const std::size_t got = object->obtainMembers(members, from);
+    for (std::size_t i = 0; i < got; ++i)
+      take(members[i].key, members[i].value);
+    if (got < members.size()) return;
+  }
+}
+
+// Hands the items of an array to take(index, item) in order, in batches like forEachMember, as
+// long as take gives true; false when it stopped early.
+template <typename Take>
+bool everyItem(const YLJsonValue* array, Take take) {
+  std::array<YLJsonValue*, 16> items;
+  for (std::size_t from = 0;; from += items.size()) {
+    const std::size_t got = array->obtainArrayItems(items, from);
+    for (std::size_t i = 0; i < got; ++i) {
+      if (!take(from + i, items[i])) return false;
+    }
+    if (got < items.size()) return true;
   }
 }
 
@@ -86,17 +106,16 @@ void appendPieces(std::string& out, const Piece&... pieces) {
 
 // "`a`, `b`"; false when an item is not a string.
 bool appendColumnList(std::string& out, const YLJsonValue* columns) {
-  const std::size_t count = columns->obtainArraySize();
-  for (std::size_t i = 0; i < count; ++i) {
+  return everyItem(columns, [&out](std::size_t i, const YLJsonValue* column) {
     std::string_view name;
-    if (!readString(columns->obtainArrayItem(i), name)) return false;
+    if (!readString(column, name)) return false;
     if (i > 0) {
       appendPieces(out, ", `", name, '`');
     } else {
       appendPieces(out, '`', name, '`');
     }
-  }
-  return true;
+    return true;
+  });
 }
 
 bool appendForeignKey(std::string& out, const YLJsonValue* foreignKey) {
@@ -203,9 +222,10 @@ bool appendStatement(std::string& out, std::string_view statementStart,
     out += ')';
     return true;
   }
-  for (std::size_t i = 0; i < fieldCount; ++i) {
-    if (!appendField(out, object.fields->obtainArrayItem(i), i == 0)) return false;
-  }
+  const bool fieldsAppended = everyItem(
+      object.fields,
+      [&out](std::size_t i, const YLJsonValue* field) { return appendField(out, field, i == 0); });
+  if (!fieldsAppended) return false;
 
   if (object.primaryKeys != nullptr && object.primaryKeys->obtainArraySize() > 0) {
     out += ", PRIMARY KEY(";
@@ -213,11 +233,11 @@ bool appendStatement(std::string& out, std::string_view statementStart,
     out += ')';
   }
 
-  if (object.foreignKeys != nullptr) {
-    const std::size_t count = object.foreignKeys->obtainArraySize();
-    for (std::size_t i = 0; i < count; ++i) {
-      if (!appendForeignKey(out, object.foreignKeys->obtainArrayItem(i))) return false;
-    }
+  if (object.foreignKeys != nullptr &&
+      !everyItem(object.foreignKeys, [&out](std::size_t, const YLJsonValue* foreignKey) {
+        return appendForeignKey(out, foreignKey);
+      })) {
+    return false;
   }
 
   out += ')';
@@ -361,9 +381,10 @@ void walkStructure(std::string structure, Builder& builder) {
         const std::size_t count = objects->obtainArraySize();
         if (count == 0) continue;
         statementStart = statementStartOf(schemaNameOf(schema), kObjectKinds[kind]);
-        for (std::size_t o = 0; o < count; ++o) {
-          builder.object(statementStart, objects->obtainArrayItem(o));
-        }
+        everyItem(objects, [&](std::size_t, const YLJsonValue* item) {
+          builder.object(statementStart, item);
+          return true;
+        });
       }
       builder.endSchema();
     }

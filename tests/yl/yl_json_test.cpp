@@ -202,6 +202,23 @@ TEST(Json, MembersKeepTheirOrderAndAreFoundExactlyAndTypesChange) {
     EXPECT_EQ(merged.obtainKeyValue(merged.obtainMemberKey(i)), merged.obtainMemberValue(i)) << i;
   EXPECT_EQ(merged.obtainKeyValue("k20"), nullptr);
 
+  // A string taken over reads and writes as one copied, small or large, and leaves its source
+  // empty; the document keeps the large one after the value changes again.
+  for (const std::size_t size : {std::size_t{3}, std::size_t{20000}}) {
+    std::string large(size, 'x');
+    large.front() = '"';
+    YLJson taken, copied;
+    copied.addArrayItem()->setStringValue(large);
+    YLJsonValue* item = taken.addArrayItem();
+    item->takeStringValue(std::move(large));
+    EXPECT_TRUE(large.empty());
+    EXPECT_EQ(taken.obtainJsonString(), copied.obtainJsonString()) << size;
+    const std::string_view view = item->obtainStringView();
+    taken.addArrayItem()->takeStringValue(std::string(size, 'y'));
+    item->setIntValue(1);
+    EXPECT_EQ(view.substr(1), std::string(size - 1, 'x'));
+  }
+
   // A value changes its type when told.
   YLJson changing(R"({"a":[1,2],"s":"text"})");
   YLJsonValue* a = changing.obtainKeyValue("a");
@@ -250,6 +267,49 @@ TEST(Json, ValuesNeverMoveAndContainersGrowLarge) {
   EXPECT_EQ(parsed.obtainKeyValue("first"), first);
 }
 
+TEST(Json, WalksInBulkFindWhatCallsPerIndexFind) {
+  // Parsed runs long enough to go on into further segments, and the tables of built containers.
+  std::string text = "[{";
+  for (int i = 0; i < 600; ++i)
+    text += (i > 0 ? ",\"k" : "\"k") + std::to_string(i) + "\":" + std::to_string(i);
+  text += "},[";
+  for (int i = 0; i < 600; ++i)
+    text += (i > 0 ? "," : "") + std::to_string(i);
+  text += "]]";
+  YLJson document(text);
+  YLJsonValue* built = document.addArrayItem();
+  YLJsonValue* builtArray = document.addArrayItem();
+  for (int i = 0; i < 40; ++i) {
+    built->addKeyValue("b" + std::to_string(i))->setIntValue(i);
+    builtArray->addArrayItem()->setIntValue(i);
+  }
+  for (const YLJsonValue* object : {document.obtainArrayItem(0), built}) {
+    std::vector<YLJsonMember> members(7);
+    std::size_t seen = 0;
+    while (const std::size_t got = object->obtainMembers(members, seen)) {
+      for (std::size_t i = 0; i < got; ++i, ++seen)
+        ASSERT_TRUE(members[i].key == object->obtainMemberKey(seen) &&
+                    members[i].value == object->obtainMemberValue(seen))
+            << seen;
+    }
+    EXPECT_EQ(seen, object->obtainMemberCount());
+  }
+  for (const YLJsonValue* array : {document.obtainArrayItem(1), builtArray}) {
+    std::vector<YLJsonValue*> items(7);
+    std::size_t seen = 0;
+    while (const std::size_t got = array->obtainArrayItems(items, seen)) {
+      for (std::size_t i = 0; i < got; ++i, ++seen)
+        ASSERT_EQ(items[i], array->obtainArrayItem(seen)) << seen;
+    }
+    EXPECT_EQ(seen, array->obtainArraySize());
+  }
+  std::vector<YLJsonMember> members(4);
+  std::vector<YLJsonValue*> items(4);
+  EXPECT_EQ(document.obtainMembers(members) + built->obtainArrayItems(items) +
+                document.obtainArrayItems(items, 4),
+            0u);
+}
+
 TEST(Json, NestingLimit) {
   for (std::size_t depth :
        {YLJson::kMaxDepth, YLJson::kMaxDepth + 1, std::size_t{100000}, std::size_t{1000000}}) {
@@ -291,6 +351,30 @@ TEST(Json, ParsingInPlaceGivesTheSameDocument) {
   EXPECT_EQ(named, R"({"a":"b"})") << "a string that is still needed is copied, never taken";
   EXPECT_TRUE(YLJson("[true]").obtainArrayItem(0)->obtainBoolValue());
   EXPECT_FALSE(YLJson(static_cast<const char*>(nullptr)).getIsValidJson());
+}
+
+TEST(Json, EscapesMoveTheBytesAfterThemAtEveryDistance) {
+  // Runs of every length between escapes, so that the bytes moved back over what an escape saved
+  // are moved 16 at a time, in part and one by one; in keys too.
+  for (std::size_t n = 0; n < 40; ++n) {
+    const std::string a(n, 'a'), b(n % 19, 'b'), c(39 - n, 'c');
+    const std::string text =
+        a + "\\/" + b + "\\u00e9" + c + "\\ud83d\\ude00" + b + "\\\\" + a + "\\u0041";
+    const std::string decoded =
+        a + "/" + b + "\xc3\xa9" + c + "\xf0\x9f\x98\x80" + b + "\\\\" + a + "A";
+    EXPECT_EQ(reformat("[\"" + text + "\",\"" + a + "\"]"), "[\"" + decoded + "\",\"" + a + "\"]")
+        << n;
+    EXPECT_EQ(reformat("{\"" + text + "\":\"" + c + "\"}"), "{\"" + decoded + "\":\"" + c + "\"}")
+        << n;
+    // Escapes cut short by the end of the text, or by a quote.
+    for (const char* tail :
+         {"\\", "\\u", "\\u00", "\\ud83d", "\\ud83d\\", "\\ud83d\\u", "\\ud83d\\ude"}) {
+      EXPECT_EQ(reformat("\"" + a + tail), "<invalid>") << n << tail;
+      EXPECT_EQ(reformat("[\"" + a + tail + "\"]"), "<invalid>") << n << tail;
+    }
+    EXPECT_EQ(reformat("[\"" + a + "\\x\"]"), "<invalid>") << n;
+    EXPECT_EQ(reformat("[\"" + a + "\\u00g0\"]"), "<invalid>") << n;
+  }
 }
 
 TEST(Json, NumbersReadAsStrtodReadsTheirText) {

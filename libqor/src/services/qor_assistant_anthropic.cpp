@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "qor_assistant_properties_anthropic.h"
 
@@ -74,8 +75,9 @@ std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::addMessage(std::str
         ->setIntValue(record.hasChanged("max_tokens")
                           ? record.maxTokens
                           : QORAssistantProperties_ANTHROPIC::kDefaultMaxTokens);
-    if (!turn.instructions.empty()) body.addKeyValue("system")->setStringValue(turn.instructions);
-    IYLJsonValue* messages = body.addKeyValue("messages");
+    if (!turn.instructions.empty())
+      body.addKeyValue("system")->takeStringValue(std::move(turn.instructions));
+    YLJsonValue* messages = body.addKeyValue("messages");
     messages->setArrayType();
     // The instructions go in "system", not in the list.
     appendConversation(messages, nullptr, std::string(), turn.history, turn.text);

@@ -1,5 +1,7 @@
 #include "qor_assistant_chat_completions.h"
 
+#include <utility>
+
 using namespace QORExchange;
 
 QORAssistantChatCompletions::QORAssistantChatCompletions(const Profile& profile,
@@ -25,10 +27,10 @@ std::pair<IQORMessage*, std::string> QORAssistantChatCompletions::addMessage(std
     if (turn.record.hasChanged("temperature")) {
       body.addKeyValue("temperature")->setDoubleValue(turn.record.temperature);
     }
-    IYLJsonValue* messages = body.addKeyValue("messages");
+    YLJsonValue* messages = body.addKeyValue("messages");
     messages->setArrayType();
-    appendConversation(messages, profile_.instructionRole, turn.instructions, turn.history,
-                       turn.text);
+    appendConversation(messages, profile_.instructionRole, std::move(turn.instructions),
+                       turn.history, turn.text);
   });
 }
 

@@ -1,5 +1,7 @@
 #include "qor_assistant_google.h"
 
+#include <utility>
+
 using namespace QORExchange;
 
 namespace {
@@ -50,7 +52,7 @@ std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessage(std::string
       body.addKeyValue("system_instruction")
           ->addKeyValue("parts")
           ->addKeyValue("text")
-          ->setStringValue(turn.instructions);
+          ->takeStringValue(std::move(turn.instructions));
     }
     IYLJsonValue* contents = body.addKeyValue("contents");
     contents->setArrayType();

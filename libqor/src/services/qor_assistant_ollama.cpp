@@ -1,5 +1,7 @@
 #include "qor_assistant_ollama.h"
 
+#include <utility>
+
 using namespace QORExchange;
 
 namespace {
@@ -45,9 +47,9 @@ std::pair<IQORMessage*, std::string> QORAssistant_OLLAMA::addMessage(std::string
           ->addKeyValue("temperature")
           ->setDoubleValue(turn.record.temperature);
     }
-    IYLJsonValue* messages = body.addKeyValue("messages");
+    YLJsonValue* messages = body.addKeyValue("messages");
     messages->setArrayType();
-    appendConversation(messages, "system", turn.instructions, turn.history, turn.text);
+    appendConversation(messages, "system", std::move(turn.instructions), turn.history, turn.text);
   });
 }
 

@@ -133,7 +133,7 @@ std::pair<IQORMessage*, std::string> chat(QORAssistant& assistant, const ChatRul
     return {nullptr, failure(kModelIsEmpty, failureTail(Method::Post, rules.pathSegments))};
   }
   // The instructions read the memory before the history does.
-  const std::string instructions = record.obtainCombinedInstructions();
+  std::string instructions = record.obtainCombinedInstructions();
   const std::vector<QORHistoryEntry> history = obtainRecentHistory(assistant);
   YLJson body;
   compose(body, ChatTurn{record, instructions, history, text});
@@ -164,15 +164,20 @@ std::pair<IQORMessage*, std::string> exchangeChat(QORAssistant& assistant, const
   return {message.release(), std::string()};
 }
 
-void appendConversation(IYLJsonValue* messages, const char* instructionRole,
-                        const std::string& instructions,
-                        const std::vector<QORHistoryEntry>& history, const std::string& text) {
+void appendConversation(YLJsonValue* messages, const char* instructionRole,
+                        std::string&& instructions, const std::vector<QORHistoryEntry>& history,
+                        const std::string& text) {
   const auto append = [messages](std::string_view role, const std::string& content) {
-    IYLJsonValue* item = messages->addArrayItem();
+    YLJsonValue* item = messages->addArrayItem();
     item->addKeyValue("role")->setStringValue(role);
     item->addKeyValue("content")->setStringValue(content);
   };
-  if (instructionRole != nullptr && !instructions.empty()) append(instructionRole, instructions);
+  if (instructionRole != nullptr && !instructions.empty()) {
+    // The instructions (the digest of a large structure among them) are taken, not copied.
+    YLJsonValue* item = messages->addArrayItem();
+    item->addKeyValue("role")->setStringValue(instructionRole);
+    item->addKeyValue("content")->takeStringValue(std::move(instructions));
+  }
   for (const QORHistoryEntry& entry : history) {
     append(entry.role == kChatRoleAssistant ? "assistant" : "user", entry.text);
   }

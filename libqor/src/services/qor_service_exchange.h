@@ -81,7 +81,7 @@ std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assist
 // The shared parts of one chat, handed to the service that composes its body.
 struct ChatTurn {
   const QORAssistantProperties& record;
-  const std::string& instructions;              // the combined instructions
+  std::string& instructions;                    // the combined instructions; the body may take them
   const std::vector<QORHistoryEntry>& history;  // the recent history, oldest first
   const std::string& text;                      // the user's new text
 };
@@ -98,10 +98,11 @@ std::pair<IQORMessage*, std::string> exchangeChat(QORAssistant& assistant, const
                                                   const YLJson& body, const std::string& text);
 
 // Appends {"role", "content"} items: the instructions under instructionRole when not empty, each
-// history entry ("assistant" for role 1, "user" for any other), then the new text as "user".
-void appendConversation(IYLJsonValue* messages, const char* instructionRole,
-                        const std::string& instructions,
-                        const std::vector<QORHistoryEntry>& history, const std::string& text);
+// history entry ("assistant" for role 1, "user" for any other), then the new text as "user". The
+// instructions are taken into the document.
+void appendConversation(YLJsonValue* messages, const char* instructionRole,
+                        std::string&& instructions, const std::vector<QORHistoryEntry>& history,
+                        const std::string& text);
 
 // The history that every request carries, asked for with the figure all adapters use.
 std::vector<QORHistoryEntry> obtainRecentHistory(QORAssistant& assistant);

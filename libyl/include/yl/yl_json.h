@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -30,6 +31,13 @@
 
 class YLVariant;
 class YLJson;
+class YLJsonValue;
+
+// A member of an object, as YLJsonValue::obtainMembers gives it.
+struct YLJsonMember {
+  std::string_view key;
+  YLJsonValue* value;
+};
 
 // The library's own code that reads and builds documents; nothing a host uses.
 namespace yljson {
@@ -113,12 +121,20 @@ class YL_EXPORT YLJsonValue : public IYLJsonValue {
   // The text of a string value without a copy; valid while the document lives and the value is
   // not changed. Empty for any other value.
   std::string_view obtainStringView() const;
+  // Makes this value the string, as setStringValue does, but takes the string over instead of
+  // copying it when it is large: the document keeps it until it dies. value is left empty.
+  void takeStringValue(std::string&& value);
   double obtainDoubleValue() const;
   bool obtainBoolValue() const;
   // Members of an object, in insertion order; 0 and null for any other value.
   std::size_t obtainMemberCount() const;
   std::string_view obtainMemberKey(std::size_t index) const;
   YLJsonValue* obtainMemberValue(std::size_t index) const;
+  // A walk in bulk: the members (or items) from index `from` on, as many as `out` has room for,
+  // written to `out`; gives how many. 0 for any other type of value or when from is past the end.
+  // One call reads the container once, where a call per member finds the document each time.
+  std::size_t obtainMembers(std::span<YLJsonMember> out, std::size_t from = 0) const;
+  std::size_t obtainArrayItems(std::span<YLJsonValue*> out, std::size_t from = 0) const;
   // Appends the compact JSON text of this value to out.
   void appendJsonString(std::string& out) const;
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <forward_list>
 #include <new>
 #include <string>
 #include <vector>
@@ -56,6 +57,7 @@ struct Arena {
     std::vector<char*>().swap(valueSegments);
     std::vector<char*>().swap(dataSegments);
     std::string().swap(text);
+    takenStrings.clear();
     nextValue = 1;
     freeValues = 0;
     valueBlockSegments = 1;
@@ -194,6 +196,8 @@ struct Arena {
   YLJson* document;
   // The parsed text, in which strings and keys were decoded in place.
   std::string text;
+  // Strings taken over by takeStringValue; a list, so that none moves when another is added.
+  std::forward_list<std::string> takenStrings;
   std::vector<Block> blocks;
   std::vector<char*> valueSegments;
   std::vector<char*> dataSegments;

@@ -38,8 +38,9 @@ struct ParseHandler {
     std::uint32_t keySize;
   };
 
-  ParseHandler(YLJson& document, const char* text)
-      : document_(document), arena_(*document.arena_), text_(text) {
+  // The text is the document's buffer, which ends with a NUL at limit - 1.
+  ParseHandler(YLJson& document, const char* text, const char* limit)
+      : document_(document), arena_(*document.arena_), text_(text), limit_(limit) {
     frames_.reserve(64);
     pending_.reserve(256);
   }
@@ -65,20 +66,25 @@ struct ParseHandler {
   bool Double(double value) { return add(Layout::encodeDouble(arena_, value)); }
   // Numbers come through handNumber, never raw.
   bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }
-  bool String(const char* bytes, rapidjson::SizeType size, bool) {
+  // Strings and keys come from readString, decoded in place: their bytes are in the text.
+  bool String(const char*, rapidjson::SizeType, bool) { return false; }
+  bool Key(const char*, rapidjson::SizeType, bool) { return false; }
+  void string(const char* bytes, std::size_t size) {
     arena_.parsePosition = offsetOf(bytes);
     if (size < kWordCountLimit) {
-      return add(
-          Encoded{makeWord(kTextString, size), static_cast<std::uint32_t>(arena_.parsePosition)});
+      add(Encoded{makeWord(kTextString, size), static_cast<std::uint32_t>(arena_.parsePosition)});
+      return;
     }
-    return add(Layout::encodeLongString(arena_, bytes, size));
+    add(Layout::encodeLongString(arena_, bytes, size));
   }
-  bool Key(const char* bytes, rapidjson::SizeType size, bool) {
+  void key(const char* bytes, std::size_t size, bool holdsNul) {
     keyOffset_ = offsetOf(bytes);
-    keySize_ = size;
+    keySize_ = static_cast<std::uint32_t>(size);
+    keysHoldNul_ |= holdsNul;
     arena_.parsePosition = keyOffset_;
-    return true;
   }
+  // How far readString may load 16 bytes at once: up to the NUL that ends the buffer.
+  const char* loadLimit() const { return limit_; }
   bool StartObject() { return open(); }
   bool StartArray() { return open(); }
 
@@ -112,7 +118,8 @@ struct ParseHandler {
       count = slots != 0 ? mergeIndexed(members, count, slots) : mergeSmall(members, count);
       const std::uint32_t finalSlots = count > kLinearMemberLimit ? slotCountFor(count) : 0;
       bool wide = count >= kWordCountLimit;
-      for (std::size_t i = 0; i < count && !wide; ++i)
+      // Only a \u0000 puts a NUL inside a key: without one in the text, no key is looked at.
+      for (std::size_t i = 0; i < count && !wide && keysHoldNul_; ++i)
         wide = std::memchr(text_ + members[i].keyOffset, 0, members[i].keySize) != nullptr;
       const std::size_t keyBytes =
           wide ? sizeof(RunHeader) + count * sizeof(TextKey) : (1 + count) * sizeof(std::uint32_t);
@@ -269,11 +276,13 @@ struct ParseHandler {
   YLJson& document_;
   Arena& arena_;
   const char* text_;
+  const char* limit_;
   std::vector<Frame> frames_;
   std::vector<Pending> pending_;
   std::vector<std::uint32_t> scratchIndex_;
   std::uint32_t keyOffset_ = 0;
   std::uint32_t keySize_ = 0;
+  bool keysHoldNul_ = false;
 };
 
 }  // namespace yljson

@@ -19,40 +19,13 @@
 #include "json_value.h"
 #include "yl/yl_json.h"
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 namespace {
 
-// What SkipWhitespace_SIMD and the string scanners may load past the NUL after the text.
+// What SkipWhitespace_SIMD may load past the NUL after the text.
 constexpr std::size_t kWideLoadSlack = 15;
 
 bool isJsonSpace(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r';
-}
-
-// RapidJSON's 16-byte string scanners stop at bytes up to 0x19 instead of 0x1F, so inside a string
-// they let the raw bytes 0x1A to 0x1F through, which its byte-by-byte code rightly refuses. No
-// JSON text holds such a byte anywhere, in a string or outside one, so a text with one is refused
-// before it meets the wide scanners: both ways of parsing then agree on every text.
-bool holdsByteThatWideScansMiss(const char* bytes, std::size_t size) {
-  std::size_t i = 0;
-#if defined(__SSE2__)
-  const __m128i low = _mm_set1_epi8(0x1A);
-  const __m128i high = _mm_set1_epi8(0x1F);
-  for (; i + 16 <= size; i += 16) {
-    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
-    // Unsigned low <= c <= high: max(c, low) == c and min(c, high) == c.
-    const __m128i inRange = _mm_and_si128(_mm_cmpeq_epi8(_mm_max_epu8(chunk, low), chunk),
-                                          _mm_cmpeq_epi8(_mm_min_epu8(chunk, high), chunk));
-    if (_mm_movemask_epi8(inRange) != 0) return true;
-  }
-#endif
-  for (; i < size; ++i) {
-    if (static_cast<unsigned char>(bytes[i] - 0x1A) < 6) return true;
-  }
-  return false;
 }
 
 }  // namespace
@@ -82,7 +55,6 @@ bool ParseHandler::parse(YLJson& document) {
   const auto start = reinterpret_cast<std::uintptr_t>(text.data());
   const std::size_t lastLoaded = ((start + size) | kWideLoadSlack) - start;
   if (lastLoaded <= text.capacity()) {
-    if (holdsByteThatWideScansMiss(text.data(), size)) return false;
     text.resize(lastLoaded);  // zeros within the capacity: no reallocation
     return parseWith<rapidjson::InsituStringStream>(document, size);
   }
@@ -95,7 +67,8 @@ bool ParseHandler::parseWith(YLJson& document, std::size_t size) {
   char* buffer = arena.text.data();
   arena.parseSize = size;
   Stream stream(buffer);
-  ParseHandler handler(document, buffer);
+  // std::string keeps a NUL after its last byte.
+  ParseHandler handler(document, buffer, buffer + arena.text.size() + 1);
   DocumentReader reader;
   const bool failed = reader.Parse<kParseFlags>(stream, handler).IsError();
   arena.parseSize = 0;

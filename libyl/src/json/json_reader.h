@@ -2,15 +2,14 @@
 // RapidJSON's reader as the parser uses it: its SIMD choice, the two stream types, its stack and
 // the members of the reader that the parser replaces. Only the parser includes it.
 
-#include <array>
 #include <cstddef>
 
 #include "yl/yl_json.h"
 
-// RapidJSON's SIMD paths scan white space and unescaped string runs 16 bytes at a time, with
-// aligned loads that may reach up to 15 bytes past the terminating NUL. SSE2 is part of every
-// x86-64. RapidJSON is header-only: any other file of the library that includes it must make the
-// same choice, or the two would disagree on the same inline functions; it includes this header.
+// RapidJSON's SIMD path scans white space 16 bytes at a time, with aligned loads that may reach up
+// to 15 bytes past the terminating NUL. SSE2 is part of every x86-64. RapidJSON is header-only: any
+// other file of the library that includes it must make the same choice, or the two would disagree
+// on the same inline functions; it includes this header.
 #if defined(__SSE2__) && !defined(RAPIDJSON_SSE2)
 #define RAPIDJSON_SSE2
 #endif
@@ -19,9 +18,9 @@
 
 namespace yljson {
 
-// RapidJSON picks its 16-byte scanners by the exact type of the stream; this type gets the
-// byte-by-byte code, which reads nothing past the terminating NUL. It parses a text in place when
-// its buffer has no room after the NUL for the wide loads, instead of copying the text.
+// RapidJSON picks its 16-byte white space scanner by the exact type of the stream; this type gets
+// the byte-by-byte code, which reads nothing past the terminating NUL. It parses a text in place
+// when its buffer has no room after the NUL for the wide loads, instead of copying the text.
 struct BytewiseInsituStream : rapidjson::InsituStringStream {
   using rapidjson::InsituStringStream::InsituStringStream;
 };
@@ -35,8 +34,8 @@ using DocumentReader =
 
 // Iterative: the parser keeps its own stack, so deep nesting cannot exhaust the call stack.
 // Standard JSON only: no comments, trailing commas, NaN or Infinity. In situ, strings and keys are
-// decoded inside the buffer and handed over there, never as copies. Numbers are read by
-// handNumber (json_structure.cpp), whatever the flags say about them.
+// decoded inside the buffer and handed over there, never as copies. Strings and numbers are read
+// by handString and handNumber (json_structure.cpp), never by the reader's own members.
 inline constexpr unsigned kParseFlags = rapidjson::kParseInsituFlag |
                                         rapidjson::kParseIterativeFlag |
                                         rapidjson::kParseStopWhenDoneFlag;
@@ -63,36 +62,6 @@ template <>
 void yljson::DocumentReader::ParseNumber<yljson::kParseFlags, yljson::BytewiseInsituStream,
                                          yljson::ParseHandler>(yljson::BytewiseInsituStream& is,
                                                                yljson::ParseHandler& handler);
-
-// The byte-by-byte string reader moves every byte through a few tests and a store. This is its hook
-// for runs of bytes that stand for themselves, taken here for the stream without wide loads: the
-// run is skipped over in one loop, and stays where it is while nothing before it in the string
-// was escaped. It stops where the reader has to look: at a quote, a backslash or a byte below 0x20,
-// the NUL after the text included.
-template <>
-template <>
-inline void yljson::DocumentReader::ScanCopyUnescapedString<
-    yljson::BytewiseInsituStream, yljson::BytewiseInsituStream>(yljson::BytewiseInsituStream& is,
-                                                                yljson::BytewiseInsituStream& os) {
-  static constexpr auto kPlain = [] {
-    std::array<bool, 256> plain{};
-    for (std::size_t c = 0x20; c < plain.size(); ++c)
-      plain[c] = c != '"' && c != '\\';
-    return plain;
-  }();
-  char* from = is.src_;
-  char* to = os.dst_;
-  if (from == to) {
-    while (kPlain[static_cast<unsigned char>(*from)])
-      ++from;
-    to = from;
-  } else {
-    while (kPlain[static_cast<unsigned char>(*from)])
-      *to++ = *from++;
-  }
-  is.src_ = from;
-  os.dst_ = to;
-}
 
 // The reader's driver, a table-driven state machine that pays an indirect jump for every token,
 // is replaced for both streams by one with plain branches (json_structure.cpp).

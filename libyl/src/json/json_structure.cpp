@@ -7,6 +7,7 @@
 #include "json_handler.h"
 #include "json_number.h"
 #include "json_reader.h"
+#include "json_string.h"
 #include "yl/yl_json.h"
 
 namespace {
@@ -135,6 +136,21 @@ class StructureReader {
   std::vector<bool> open_;
 };
 
+// A string or a key, read by readString over the text in place and handed to the handler.
+template <typename Stream>
+bool handString(Stream& is, yljson::ParseHandler& handler, bool key) {
+  const yljson::StringRead read = yljson::readString(is.src_, handler.loadLimit());
+  if (read.next == nullptr) return false;
+  const char* bytes = is.src_ + 1;
+  is.src_ = read.next;
+  if (key) {
+    handler.key(bytes, read.size, read.holdsNul);
+  } else {
+    handler.string(bytes, read.size);
+  }
+  return true;
+}
+
 template <typename Stream>
 rapidjson::ParseResult handNumber(Stream& is, yljson::ParseHandler& handler) {
   using Verdict = yljson::NumberRead::Verdict;
@@ -183,7 +199,8 @@ ParseResult yljson::DocumentReader::IterativeParse<
     switch (kind) {
       case Scalar::String:
       case Scalar::Key:
-        ParseString<kFlags>(is, handler, kind == Scalar::Key);
+        if (!handString(is, handler, kind == Scalar::Key))
+          SetParseError(kParseErrorStringInvalidEncoding, is.Tell());
         break;
       case Scalar::Null:
         ParseNull<kFlags>(is, handler);
@@ -216,7 +233,8 @@ ParseResult yljson::DocumentReader::IterativeParse<
     switch (kind) {
       case Scalar::String:
       case Scalar::Key:
-        ParseString<kFlags>(is, handler, kind == Scalar::Key);
+        if (!handString(is, handler, kind == Scalar::Key))
+          SetParseError(kParseErrorStringInvalidEncoding, is.Tell());
         break;
       case Scalar::Null:
         ParseNull<kFlags>(is, handler);

@@ -9,6 +9,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -327,6 +328,51 @@ YLJsonValue* YLJsonValue::obtainMemberValue(std::size_t index) const {
   return Layout::memberAt(arena, *this, index);
 }
 
+std::size_t YLJsonValue::obtainMembers(std::span<YLJsonMember> out, std::size_t from) const {
+  if (Layout::typeOf(*this) != YLJsonValueType::Object) return 0;
+  const Arena& arena = Layout::arenaOf(*this);
+  const std::size_t count = Layout::memberCount(arena, *this);
+  if (from >= count) return 0;
+  const std::size_t written = std::min(out.size(), count - from);
+  if (!Layout::isParsedObject(*this)) {
+    const TableMember* members = Layout::tableMembers(arena.record<ObjectTable>(payload_)) + from;
+    for (std::size_t i = 0; i < written; ++i)
+      out[i] = YLJsonMember{Layout::tableKey(arena, members[i]), arena.value(members[i].value)};
+    return written;
+  }
+  const Layout::ParsedObject object = Layout::parsedObject(arena, *this);
+  // The run's slots one after the other, from one segment on to the next.
+  std::uint32_t slot = Arena::runSlot(object.first, from);
+  for (std::size_t i = 0; i < written; ++i) {
+    if ((slot & (kSlotsPerSegment - 1)) == 0) ++slot;  // past place 255: place 1 of the next
+    out[i] = YLJsonMember{Layout::parsedKey(arena, object, from + i), arena.value(slot++)};
+  }
+  return written;
+}
+
+std::size_t YLJsonValue::obtainArrayItems(std::span<YLJsonValue*> out, std::size_t from) const {
+  if (Layout::typeOf(*this) != YLJsonValueType::Array) return 0;
+  const Arena& arena = Layout::arenaOf(*this);
+  const std::size_t count = Layout::itemCount(arena, *this);
+  if (from >= count) return 0;
+  const std::size_t written = std::min(out.size(), count - from);
+  if (Layout::kindOf(*this) == kTableArray) {
+    const auto* slots =
+        reinterpret_cast<const std::uint32_t*>(arena.record<ArrayTable>(payload_) + 1) + from;
+    for (std::size_t i = 0; i < written; ++i)
+      out[i] = arena.value(slots[i]);
+    return written;
+  }
+  const std::uint32_t first =
+      Layout::kindOf(*this) == kRunArray ? payload_ : arena.record<RunHeader>(payload_)->first;
+  std::uint32_t slot = Arena::runSlot(first, from);
+  for (std::size_t i = 0; i < written; ++i) {
+    if ((slot & (kSlotsPerSegment - 1)) == 0) ++slot;
+    out[i] = arena.value(slot++);
+  }
+  return written;
+}
+
 YLJsonValue* YLJsonValue::addKeyValue(std::string_view key) {
   if (Layout::typeOf(*this) != YLJsonValueType::Object) Layout::makeEmptyObject(*this);
   Arena& arena = Layout::arenaOf(*this);
@@ -351,6 +397,20 @@ void YLJsonValue::setArrayType() {
 void YLJsonValue::setStringValue(std::string_view value) {
   // The text may be a view of this very value: its bytes stay valid while they are copied.
   Layout::set(*this, Layout::copyString(Layout::arenaOf(*this), value));
+}
+
+void YLJsonValue::takeStringValue(std::string&& value) {
+  // Below a few blocks of data a copy costs less than a node of the list.
+  constexpr std::size_t kTakenSize = 16384;
+  if (value.size() < kTakenSize) {
+    setStringValue(value);
+    value.clear();
+    return;
+  }
+  Arena& arena = Layout::arenaOf(*this);
+  const std::string& taken = arena.takenStrings.emplace_front(std::move(value));
+  value.clear();
+  Layout::set(*this, Layout::encodeLongString(arena, taken.data(), taken.size()));
 }
 
 void YLJsonValue::setIntValue(std::int64_t value) {
