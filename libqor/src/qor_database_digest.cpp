@@ -43,7 +43,7 @@ template <typename Take>
 void forEachMember(const YLJsonValue* object, Take take) {
   std::array<YLJsonMember, 16> members;
   for (std::size_t from = 0;; from += members.size()) {
-    const std::size_t got = object->obtainMembers(members, from);
+    const std::size_t got = object->obtainMembers(members.data(), members.size(), from);
     for (std::size_t i = 0; i < got; ++i)
       take(members[i].key, members[i].value);
     if (got < members.size()) return;
@@ -56,7 +56,7 @@ template <typename Take>
 bool everyItem(const YLJsonValue* array, Take take) {
   std::array<YLJsonValue*, 16> items;
   for (std::size_t from = 0;; from += items.size()) {
-    const std::size_t got = array->obtainArrayItems(items, from);
+    const std::size_t got = array->obtainArrayItems(items.data(), items.size(), from);
     for (std::size_t i = 0; i < got; ++i) {
       if (!take(from + i, items[i])) return false;
     }

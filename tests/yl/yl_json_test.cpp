@@ -286,7 +286,7 @@ TEST(Json, WalksInBulkFindWhatCallsPerIndexFind) {
   for (const YLJsonValue* object : {document.obtainArrayItem(0), built}) {
     std::vector<YLJsonMember> members(7);
     std::size_t seen = 0;
-    while (const std::size_t got = object->obtainMembers(members, seen)) {
+    while (const std::size_t got = object->obtainMembers(members.data(), members.size(), seen)) {
       for (std::size_t i = 0; i < got; ++i, ++seen)
         ASSERT_TRUE(members[i].key == object->obtainMemberKey(seen) &&
                     members[i].value == object->obtainMemberValue(seen))
@@ -297,7 +297,7 @@ TEST(Json, WalksInBulkFindWhatCallsPerIndexFind) {
   for (const YLJsonValue* array : {document.obtainArrayItem(1), builtArray}) {
     std::vector<YLJsonValue*> items(7);
     std::size_t seen = 0;
-    while (const std::size_t got = array->obtainArrayItems(items, seen)) {
+    while (const std::size_t got = array->obtainArrayItems(items.data(), items.size(), seen)) {
       for (std::size_t i = 0; i < got; ++i, ++seen)
         ASSERT_EQ(items[i], array->obtainArrayItem(seen)) << seen;
     }
@@ -305,8 +305,9 @@ TEST(Json, WalksInBulkFindWhatCallsPerIndexFind) {
   }
   std::vector<YLJsonMember> members(4);
   std::vector<YLJsonValue*> items(4);
-  EXPECT_EQ(document.obtainMembers(members) + built->obtainArrayItems(items) +
-                document.obtainArrayItems(items, 4),
+  EXPECT_EQ(document.obtainMembers(members.data(), members.size()) +
+                built->obtainArrayItems(items.data(), items.size()) +
+                document.obtainArrayItems(items.data(), items.size(), 4),
             0u);
 }
 

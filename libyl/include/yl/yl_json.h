@@ -23,7 +23,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -130,11 +129,11 @@ class YL_EXPORT YLJsonValue : public IYLJsonValue {
   std::size_t obtainMemberCount() const;
   std::string_view obtainMemberKey(std::size_t index) const;
   YLJsonValue* obtainMemberValue(std::size_t index) const;
-  // A walk in bulk: the members (or items) from index `from` on, as many as `out` has room for,
+  // A walk in bulk: the members (or items) from index `from` on, at most `capacity` of them,
   // written to `out`; gives how many. 0 for any other type of value or when from is past the end.
   // One call reads the container once, where a call per member finds the document each time.
-  std::size_t obtainMembers(std::span<YLJsonMember> out, std::size_t from = 0) const;
-  std::size_t obtainArrayItems(std::span<YLJsonValue*> out, std::size_t from = 0) const;
+  std::size_t obtainMembers(YLJsonMember* out, std::size_t capacity, std::size_t from = 0) const;
+  std::size_t obtainArrayItems(YLJsonValue** out, std::size_t capacity, std::size_t from = 0) const;
   // Appends the compact JSON text of this value to out.
   void appendJsonString(std::string& out) const;
 

@@ -9,7 +9,6 @@
 #include <limits>
 #include <memory>
 #include <new>
-#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -328,12 +327,13 @@ YLJsonValue* YLJsonValue::obtainMemberValue(std::size_t index) const {
   return Layout::memberAt(arena, *this, index);
 }
 
-std::size_t YLJsonValue::obtainMembers(std::span<YLJsonMember> out, std::size_t from) const {
+std::size_t YLJsonValue::obtainMembers(YLJsonMember* out, std::size_t capacity,
+                                       std::size_t from) const {
   if (Layout::typeOf(*this) != YLJsonValueType::Object) return 0;
   const Arena& arena = Layout::arenaOf(*this);
   const std::size_t count = Layout::memberCount(arena, *this);
   if (from >= count) return 0;
-  const std::size_t written = std::min(out.size(), count - from);
+  const std::size_t written = std::min(capacity, count - from);
   if (!Layout::isParsedObject(*this)) {
     const TableMember* members = Layout::tableMembers(arena.record<ObjectTable>(payload_)) + from;
     for (std::size_t i = 0; i < written; ++i)
@@ -350,12 +350,13 @@ std::size_t YLJsonValue::obtainMembers(std::span<YLJsonMember> out, std::size_t 
   return written;
 }
 
-std::size_t YLJsonValue::obtainArrayItems(std::span<YLJsonValue*> out, std::size_t from) const {
+std::size_t YLJsonValue::obtainArrayItems(YLJsonValue** out, std::size_t capacity,
+                                          std::size_t from) const {
   if (Layout::typeOf(*this) != YLJsonValueType::Array) return 0;
   const Arena& arena = Layout::arenaOf(*this);
   const std::size_t count = Layout::itemCount(arena, *this);
   if (from >= count) return 0;
-  const std::size_t written = std::min(out.size(), count - from);
+  const std::size_t written = std::min(capacity, count - from);
   if (Layout::kindOf(*this) == kTableArray) {
     const auto* slots =
         reinterpret_cast<const std::uint32_t*>(arena.record<ArrayTable>(payload_) + 1) + from;
