@@ -189,6 +189,43 @@ TEST(Json, MembersKeepTheirOrderAndAreFoundExactlyAndTypesChange) {
   for (const std::string& key : {"a"s, "ab\0"s, "\0"s, "abcd"s, "abc" + std::string(1000, 'x')})
     EXPECT_EQ(parsed.obtainKeyValue(key), nullptr) << key;
 
+  // Key sizes around the largest one the text keeps before a key, some shortened by escapes, in an
+  // object that is scanned and in one with an index.
+  for (const std::size_t extra : {std::size_t{0}, std::size_t{20}}) {
+    std::vector<std::string> wanted;
+    std::string json = "{";
+    for (const std::size_t size : {1, 253, 254, 255, 256, 1000}) {
+      for (const bool escaped : {false, true}) {
+        std::string key(size, static_cast<char>('a' + wanted.size()));
+        std::string raw = key;
+        if (escaped) {  // \u0061 to \u0069: six bytes of text for one of key
+          key[0] = static_cast<char>('a' + wanted.size() % 9);
+          raw.replace(0, 1, "\\u006" + std::to_string(1 + wanted.size() % 9));
+        }
+        json += (wanted.empty() ? "\"" : ",\"") + raw + "\":" + std::to_string(wanted.size());
+        wanted.push_back(key);
+      }
+    }
+    for (std::size_t i = 0; i < extra; ++i) {
+      json += ",\"x" + std::to_string(i) + "\":" + std::to_string(wanted.size());
+      wanted.push_back("x" + std::to_string(i));
+    }
+    YLJson sized(json + "}");
+    ASSERT_EQ(sized.obtainMemberCount(), wanted.size());
+    std::vector<YLJsonMember> members(wanted.size());
+    ASSERT_EQ(sized.obtainMembers(members.data(), members.size()), wanted.size());
+    for (std::size_t i = 0; i < wanted.size(); ++i) {
+      const std::string& key = wanted[i];
+      EXPECT_TRUE(members[i].key == key && sized.obtainMemberKey(i) == key &&
+                  sized.obtainKeyValue(key) == sized.obtainMemberValue(i) &&
+                  sized.obtainKeyValue(key)->obtainIntValue() == static_cast<int>(i))
+          << key.size();
+      EXPECT_TRUE(sized.obtainKeyValue(key.substr(1)) == nullptr &&
+                  sized.obtainKeyValue(key + "#") == nullptr)
+          << key.size();
+    }
+  }
+
   // Duplicates in an object with a hash index, enough to shrink it below the size the index was
   // made for.
   std::string text = "{", expected = "{";

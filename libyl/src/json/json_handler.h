@@ -39,7 +39,7 @@ struct ParseHandler {
   };
 
   // The text is the document's buffer, which ends with a NUL at limit - 1.
-  ParseHandler(YLJson& document, const char* text, const char* limit)
+  ParseHandler(YLJson& document, char* text, const char* limit)
       : document_(document), arena_(*document.arena_), text_(text), limit_(limit) {
     frames_.reserve(64);
     pending_.reserve(256);
@@ -79,6 +79,9 @@ struct ParseHandler {
   }
   void key(const char* bytes, std::size_t size, bool holdsNul) {
     keyOffset_ = offsetOf(bytes);
+    // The quote before the key has been read: it now tells the key's size, so that walks and
+    // lookups need not look for the NUL after it.
+    text_[keyOffset_ - 1] = static_cast<char>(std::min<std::size_t>(size, kLongTextKey));
     keySize_ = static_cast<std::uint32_t>(size);
     keysHoldNul_ |= holdsNul;
     arena_.parsePosition = keyOffset_;
@@ -275,7 +278,7 @@ struct ParseHandler {
 
   YLJson& document_;
   Arena& arena_;
-  const char* text_;
+  char* text_;
   const char* limit_;
   std::vector<Frame> frames_;
   std::vector<Pending> pending_;

@@ -92,10 +92,12 @@ inline constexpr std::uint32_t kLinearMemberLimit = 16;
 // A parsed container's items, and the members of a parsed object, are one run of values.
 //
 // A parsed object's keys stay in the text. In situ, each key was decoded in place and ended with a
-// NUL, so the usual object only keeps each key's offset: its record is the first value's slot,
-// then the offsets, then, beyond kLinearMemberLimit members, an index of slotCountFor(count)
-// entries. An object with a key that holds a NUL itself, or with too many members for the word,
-// is wide: a RunHeader, then TextKeys, then the index.
+// NUL, and the quote before it, read and no longer needed, was overwritten with the key's size, or
+// kLongTextKey when that is kLongTextKey or more (then the NUL ends the key). So the usual object
+// only keeps each key's offset: its record is the first value's slot, then the offsets, then,
+// beyond kLinearMemberLimit members, an index of slotCountFor(count) entries. An object with a key
+// that holds a NUL itself, or with too many members for the word, is wide: a RunHeader, then
+// TextKeys, then the index.
 struct RunHeader {
   std::uint32_t count;
   std::uint32_t first;  // slot of the first value
@@ -128,6 +130,8 @@ struct LongString {
   std::uint64_t size;
 };
 
+// The size before a parsed key of this size or more: the key ends at its NUL.
+inline constexpr std::size_t kLongTextKey = 255;
 inline constexpr std::uint32_t kNoTable = std::numeric_limits<std::uint32_t>::max();
 inline constexpr std::uint32_t kLongKey = std::numeric_limits<std::uint32_t>::max();
 inline constexpr std::uint32_t kMaxCount = std::numeric_limits<std::uint32_t>::max();

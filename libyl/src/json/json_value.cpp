@@ -26,9 +26,12 @@ bool Layout::parsedKeyIs(const Arena& arena, const ParsedObject& object, std::si
                          std::string_view key) {
   const char* text = arena.text.data();
   if (object.offsets != nullptr) {
-    // The key ends at its first NUL and holds no other; the first byte settles most comparisons.
-    // Nothing past that NUL is read: the key may be the last thing in the text.
     const char* stored = text + object.offsets[index];
+    const auto size = static_cast<unsigned char>(stored[-1]);
+    if (size != kLongTextKey) return size == key.size() && sameBytes(stored, key);
+    if (key.size() < kLongTextKey) return false;
+    // A long key ends at its first NUL and holds no other. Nothing past that NUL is read: the key
+    // may be the last thing in the text.
     for (std::size_t i = 0; i < key.size(); ++i) {
       if (stored[i] != key[i] || stored[i] == '\0') return false;
     }
@@ -341,11 +344,22 @@ std::size_t YLJsonValue::obtainMembers(YLJsonMember* out, std::size_t capacity,
     return written;
   }
   const Layout::ParsedObject object = Layout::parsedObject(arena, *this);
-  // The run's slots one after the other, from one segment on to the next.
-  std::uint32_t slot = Arena::runSlot(object.first, from);
+  // The run's slots one after the other, from one segment on to the next. What the loop needs of
+  // the arena is read once: the stores to out might otherwise be taken to change it.
+  const std::uint32_t slot = Arena::runSlot(object.first, from);
+  char* const* segment = arena.valueSegments.data() + (slot >> kSlotShift);
+  char* place = *segment + (slot & (kSlotsPerSegment - 1)) * kSlotBytes;
+  char* segmentEnd = *segment + kSegmentBytes;
+  const char* text = arena.text.data();
   for (std::size_t i = 0; i < written; ++i) {
-    if ((slot & (kSlotsPerSegment - 1)) == 0) ++slot;  // past place 255: place 1 of the next
-    out[i] = YLJsonMember{Layout::parsedKey(arena, object, from + i), arena.value(slot++)};
+    if (place == segmentEnd) {  // past place 255: place 1 of the next
+      ++segment;
+      place = *segment + kSlotBytes;
+      segmentEnd = *segment + kSegmentBytes;
+    }
+    out[i] = YLJsonMember{Layout::parsedKey(text, object, from + i),
+                          std::launder(reinterpret_cast<YLJsonValue*>(place))};
+    place += kSlotBytes;
   }
   return written;
 }

@@ -110,7 +110,7 @@ struct Layout {
   struct ParsedObject {
     std::uint32_t count;
     std::uint32_t first;
-    const std::uint32_t* offsets;  // the usual form: offsets of NUL-terminated keys
+    const std::uint32_t* offsets;  // the usual form: offsets of keys with their size before them
     const TextKey* keys;           // the wide form
     const std::uint32_t* index;    // beyond kLinearMemberLimit members
   };
@@ -133,8 +133,16 @@ struct Layout {
 
   static std::string_view parsedKey(const Arena& arena, const ParsedObject& object,
                                     std::size_t index) {
-    const char* text = arena.text.data();
-    if (object.offsets != nullptr) return std::string_view(text + object.offsets[index]);
+    return parsedKey(arena.text.data(), object, index);
+  }
+  static std::string_view parsedKey(const char* text, const ParsedObject& object,
+                                    std::size_t index) {
+    if (object.offsets != nullptr) {
+      const char* key = text + object.offsets[index];
+      const auto size = static_cast<unsigned char>(key[-1]);
+      if (size != kLongTextKey) return std::string_view(key, size);
+      return std::string_view(key);
+    }
     return std::string_view(text + object.keys[index].offset, object.keys[index].size);
   }
 
