@@ -4,14 +4,15 @@
 
 namespace qorbench {
 
-std::string makeStructure(int tables) {
+std::string makeStructure(int tables, Links links) {
   std::string text = R"~([{"catalog_id":"c1","catalog_name":"warehouse","schemas":[)~";
+  std::string schema;
   for (int t = 0; t < tables; ++t) {
     const std::string n = std::to_string(t);
     if (t % 500 == 0) {
       if (t > 0) text += "]},";
-      text +=
-          R"~({"schema_id":"s)~" + n + R"~(","schema_name":"schema_)~" + n + R"~(","tables":[)~";
+      schema = "schema_" + n;
+      text += R"~({"schema_id":"s)~" + n + R"~(","schema_name":")~" + schema + R"~(","tables":[)~";
     } else {
       text += ',';
     }
@@ -24,9 +25,16 @@ std::string makeStructure(int tables) {
         R"~({"name":"total_amount","type":"decimal(12,2)"},{"name":"status","type":"smallint"},)~";
     text += R"~({"name":"updated_by_user","type":"varchar(64)"},)~";
     text += R"~({"name":"archived_at","type":"timestamp without time zone"},)~";
-    text += R"~({"name":"is_archived","type":"boolean"}],)~";
-    text += R"~("pkeys":["identifier"],"fkeys":[{"fields":["customer_reference"],)~";
-    text += R"~("ref_schema":"schema_0","ref_table":"customers","ref_fields":["identifier"]}]})~";
+    text += R"~({"name":"is_archived","type":"boolean"}],"pkeys":["identifier"])~";
+    if (links == Links::ToOneTable) {
+      text += R"~(,"fkeys":[{"fields":["customer_reference"],)~";
+      text += R"~("ref_schema":"schema_0","ref_table":"customers","ref_fields":["identifier"]}])~";
+    } else if (t % 10 != 0) {
+      text += R"~(,"fkeys":[{"fields":["customer_reference"],"ref_schema":")~" + schema +
+              R"~(","ref_table":"table_number_)~" + std::to_string(t - 1) +
+              R"~(","ref_fields":["identifier"]}])~";
+    }
+    text += '}';
   }
   text += "]}]}]";
   return text;

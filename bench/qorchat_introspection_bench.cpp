@@ -9,11 +9,11 @@
 
 #include <cstdio>
 #include <exception>
-#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "bench_ratios.h"
 #include "postgres_cluster.h"
 #include "postgres_database.h"
 #include "sqlite_database.h"
@@ -42,7 +42,7 @@ struct Databases {
   Databases() : cluster(qortest::PostgresCluster::shared()) {
     const std::string sql = schemaSql(0, kTables);
     const std::string database = cluster.createDatabase();
-    // In parts: one transaction cannot hold the locks of them all.
+    // 200 tables per transaction: one transaction cannot hold the locks of them all.
     for (int from = 0; from < kTables; from += 200)
       cluster.execute(schemaSql(from, from + 200), database);
     conninfo = cluster.conninfo(database);
@@ -103,39 +103,17 @@ void BM_DescribeSqlite(benchmark::State& state) {
 BENCHMARK(BM_DescribePostgres)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DescribeSqlite)->Unit(benchmark::kMillisecond);
 
-// The console's report, with the times kept for the ratio: of each repetition, or their mean
-// when there are several.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs) {
-      if (run.run_type == Run::RT_Iteration || run.aggregate_name == "mean")
-        times[run.run_name.function_name] = run.GetAdjustedRealTime();
-    }
-  }
-  std::map<std::string, double> times;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   try {
     databases();
   } catch (const std::exception& failure) {
     std::fprintf(stderr, "qorchat_introspection_bench: %s\n", failure.what());
     return 1;
   }
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  const auto postgres = reporter.times.find("BM_DescribePostgres");
-  const auto sqlite = reporter.times.find("BM_DescribeSqlite");
-  if (postgres != reporter.times.end() && sqlite != reporter.times.end() && sqlite->second > 0) {
-    std::printf("PostgreSQL took %.2f times as long as SQLite to describe %d tables\n",
-                postgres->second / sqlite->second, kTables);
-  }
-  benchmark::Shutdown();
-  return 0;
+  return qorbench::runWithRatios(
+      argc, argv,
+      {{"PostgreSQL / SQLite, " + std::to_string(kTables) + " tables", "BM_DescribePostgres",
+        "BM_DescribeSqlite", qorbench::Clock::Real}});
 }

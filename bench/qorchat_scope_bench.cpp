@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bench_data.h"
 #include "schema_scope.h"
 #include "yl/yl_json.h"
 
@@ -17,43 +18,8 @@ namespace {
 
 constexpr std::size_t kBudget = 120000;  // qorchat's default
 
-// 20,000 tables of nine typed fields in 40 schemas of 500 under one catalog, each with a primary
-// key and, but for every tenth, a foreign key to the table before it: chains of ten.
-std::string makeStructure(int tables) {
-  std::string text = R"~([{"catalog_id":"c1","catalog_name":"warehouse","schemas":[)~";
-  std::string schema;
-  for (int t = 0; t < tables; ++t) {
-    const std::string n = std::to_string(t);
-    if (t % 500 == 0) {
-      if (t > 0) text += "]},";
-      schema = "schema_" + n;
-      text += R"~({"schema_id":"s)~" + n + R"~(","schema_name":")~" + schema + R"~(","tables":[)~";
-    } else {
-      text += ',';
-    }
-    text += R"~({"name":"table_number_)~" + n + R"~(","fields":[)~";
-    text +=
-        R"~({"name":"identifier","type":"bigint"},{"name":"previous_reference","type":"bigint"},)~";
-    text += R"~({"name":"created_at","type":"timestamp with time zone"},)~";
-    text += R"~({"name":"description_text","type":"varchar(255)"},)~";
-    text +=
-        R"~({"name":"total_amount","type":"decimal(12,2)"},{"name":"status","type":"smallint"},)~";
-    text += R"~({"name":"updated_by_user","type":"varchar(64)"},)~";
-    text += R"~({"name":"archived_at","type":"timestamp without time zone"},)~";
-    text += R"~({"name":"is_archived","type":"boolean"}],"pkeys":["identifier"])~";
-    if (t % 10 != 0) {
-      text += R"~(,"fkeys":[{"fields":["previous_reference"],"ref_schema":")~" + schema +
-              R"~(","ref_table":"table_number_)~" + std::to_string(t - 1) +
-              R"~(","ref_fields":["identifier"]}])~";
-    }
-    text += '}';
-  }
-  text += "]}]}]";
-  return text;
-}
-
 const std::string& structure() {
-  static const std::string text = makeStructure(20000);
+  static const std::string text = qorbench::makeStructure(20000, qorbench::Links::ChainsOfTen);
   return text;
 }
 
@@ -70,7 +36,7 @@ const std::vector<std::string>& conversation() {
           "Here is how to compare them:\n```sql\nSELECT t.identifier, t.total_amount, "
           "u.status\nFROM table_number_" +
           a + " AS t\nJOIN \"table_number_" + b +
-          "\" AS u ON u.previous_reference = t.identifier\nWHERE t.is_archived = false\nORDER BY "
+          "\" AS u ON u.customer_reference = t.identifier\nWHERE t.is_archived = false\nORDER BY "
           "t.created_at DESC\nLIMIT 20;\n```\nThe first table keeps the amounts; the second one "
           "records who changed them and when. Ask if you want the archived rows too.");
     }
