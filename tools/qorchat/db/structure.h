@@ -1,0 +1,71 @@
+#pragma once
+// The structure of the user's database as qorchat holds it: catalogs, schemas, tables, views and
+// materialized views, their columns and keys. Both engines fill it; the schema scope chooses from
+// it; and structureJson is the one place that writes the library's db_structure JSON.
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qorchat {
+
+struct ForeignKey {
+  std::vector<std::string> fields;
+  std::optional<std::string> refSchema;  // absent: the referenced table is named alone
+  std::string refTable;
+  std::vector<std::string> refFields;
+};
+
+struct Column {
+  std::string name;
+  std::string type;  // as the database declares it, written into the structure text unchanged
+};
+
+struct Relation {
+  std::string name;
+  std::vector<Column> columns;
+  std::vector<std::string> primaryKey;  // in key order
+  std::vector<ForeignKey> foreignKeys;
+};
+
+// The three kinds of object, in the order the structure text lists them within a schema.
+enum class RelationKind { kTable = 0, kView = 1, kMaterializedView = 2 };
+inline constexpr std::size_t kRelationKinds = 3;
+
+struct Schema {
+  std::string name;  // empty: the objects are named without a schema
+  // By kind, each in the database's order.
+  std::vector<Relation> relations[kRelationKinds];
+};
+
+struct Catalog {
+  std::string name;
+  std::vector<Schema> schemas;
+};
+
+struct Structure {
+  std::vector<Catalog> catalogs;
+};
+
+// Where a relation stands: catalog, schema, kind and place within its kind.
+struct RelationPlace {
+  std::size_t catalog;
+  std::size_t schema;
+  RelationKind kind;
+  std::size_t index;
+};
+
+// Every relation's place in the order of the structure text: catalogs, their schemas, then
+// tables, views and materialized views.
+std::vector<RelationPlace> relationPlaces(const Structure& structure);
+const Relation& relationAt(const Structure& structure, const RelationPlace& place);
+
+// The db_structure JSON of the structure. With chosen (one flag per relation, in the order of
+// relationPlaces), only the chosen relations, and the catalogs and schemas that hold them. Each
+// catalog and schema carries an id ("c0", "s0.1") that the library copies into the tree it hands
+// back and never into the text: the tree's lines can be traced back to the relations.
+std::string structureJson(const Structure& structure,
+                          const std::vector<bool>* chosen = nullptr);
+
+}  // namespace qorchat

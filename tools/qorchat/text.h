@@ -1,0 +1,31 @@
+#pragma once
+// Small text helpers every room of qorchat uses: trimming, folding white space, replacing,
+// numbers for people, ASCII case.
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace qorchat::text {
+
+// ASCII white space: blank, \t, \n, \v, \f, \r.
+bool isSpace(char c);
+// The text without white space at either end.
+std::string_view trimmed(std::string_view text);
+// Every run of white space made one blank, none at either end.
+std::string oneLine(std::string_view text);
+// Each line trimmed and the non-empty ones joined with "; ": a message of several lines (libpq
+// writes them) as one line.
+std::string joinedLines(std::string_view text);
+// Every occurrence of from replaced by to, left to right; nothing when from is empty.
+void replaceAll(std::string& text, std::string_view from, std::string_view to);
+// %XX sequences decoded, everything else kept.
+std::string percentDecoded(std::string_view text);
+// 12345 as "12,345".
+std::string withSeparators(std::size_t number);
+char lowerAscii(char c);
+// Equal but for the case of ASCII letters, as SQL identifiers compare.
+bool equalsIgnoringCase(std::string_view a, std::string_view b);
+bool startsWith(std::string_view text, std::string_view prefix);
+
+}  // namespace qorchat::text
