@@ -9,14 +9,17 @@
 
 #include <cstdio>
 #include <exception>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bench_ratios.h"
+#include "db/postgres.h"
+#include "db/sqlite.h"
 #include "postgres_cluster.h"
-#include "postgres_database.h"
-#include "sqlite_database.h"
 
 namespace {
 
@@ -69,35 +72,38 @@ Databases& databases() {
   return made;
 }
 
-// A description that lacks a table would make a fast and worthless measure.
-void checkTables(benchmark::State& state, const std::string& structure) {
-  std::size_t tables = 0;
-  for (std::size_t at = structure.find(R"("name":"table_)"); at != std::string::npos;
-       at = structure.find(R"("name":"table_)", at + 1)) {
-    ++tables;
+// Describes the database again and again. A description that lacks a table, or fails, would make
+// a fast and worthless measure.
+template <typename Engine>
+void describeEachIteration(benchmark::State& state,
+                           qorchat::Result<std::unique_ptr<Engine>> opened) {
+  if (!opened) {
+    state.SkipWithError(opened.status().message().c_str());
+    return;
   }
+  std::optional<qorchat::Structure> structure;
+  for (auto _ : state) {
+    qorchat::Result<qorchat::Structure> described = opened.value()->describe();
+    if (!described) {
+      state.SkipWithError(described.status().message().c_str());
+      return;
+    }
+    structure = std::move(described.value());
+    benchmark::DoNotOptimize(structure);
+  }
+  std::size_t tables = 0;
+  for (const qorchat::RelationPlace& place : qorchat::relationPlaces(*structure))
+    tables += qorchat::relationAt(*structure, place).name.rfind("table_", 0) == 0 ? 1 : 0;
   if (tables != kTables) state.SkipWithError("the description does not list every table");
-  state.counters["json_bytes"] = static_cast<double>(structure.size());
+  state.counters["json_bytes"] = static_cast<double>(qorchat::structureJson(*structure).size());
 }
 
 void BM_DescribePostgres(benchmark::State& state) {
-  qorchat::PostgresDatabase database(databases().conninfo);
-  std::string structure;
-  for (auto _ : state) {
-    structure = database.describeStructure();
-    benchmark::DoNotOptimize(structure.data());
-  }
-  checkTables(state, structure);
+  describeEachIteration(state, qorchat::PostgresDatabase::connect(databases().conninfo));
 }
 
 void BM_DescribeSqlite(benchmark::State& state) {
-  qorchat::SqliteDatabase database(databases().sqlitePath);
-  std::string structure;
-  for (auto _ : state) {
-    structure = database.describeStructure();
-    benchmark::DoNotOptimize(structure.data());
-  }
-  checkTables(state, structure);
+  describeEachIteration(state, qorchat::SqliteDatabase::open(databases().sqlitePath));
 }
 
 BENCHMARK(BM_DescribePostgres)->Unit(benchmark::kMillisecond);

@@ -132,9 +132,11 @@ void YLPoolExchange::drainWake() const noexcept {
   if (pool_ != nullptr) drainPipe(pool_->wakeRead_);
 }
 
-bool YLPoolExchange::finish() noexcept {
+bool YLPoolExchange::finish(std::int32_t code) noexcept {
   if (pool_ == nullptr) return false;
   const bool cancelled = pool_->exchangeState_.exchange(kPoolIdle) == kPoolCancelRequested;
+  pool_->lastExchangeCode_.store(cancelled ? YLErrorCode::kCancelled : code);
+  pool_->exchangesEnded_.fetch_add(1);
   pool_ = nullptr;
   return cancelled;
 }

@@ -128,7 +128,7 @@ std::int32_t YLCurlRestClient::execute(const YLRestRequest* request, const YLRes
     if (!inFlight.sleepUnlessCancelled(delay)) break;
   }
   // A cancel that lands before the exchange is over wins over whatever it came to.
-  if (inFlight.finish()) {
+  if (inFlight.finish(code)) {
     clearResponse(*fresh);
     return YLErrorCode::kCancelled;
   }

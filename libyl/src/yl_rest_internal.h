@@ -26,7 +26,7 @@ class YLPoolExchange {
   // Empties the pool's wake-up pipe, in case a cancel that came as the last exchange ended left a
   // byte in it, marks the pool running, and makes the pool's handles if it has none yet.
   explicit YLPoolExchange(IYLHTTPPoolCenter* pool) noexcept;
-  ~YLPoolExchange() { (void)finish(); }
+  ~YLPoolExchange() { (void)finish(YLErrorCode::kClientSetupFailed); }
   YLPoolExchange(const YLPoolExchange&) = delete;
   YLPoolExchange& operator=(const YLPoolExchange&) = delete;
 
@@ -46,7 +46,8 @@ class YLPoolExchange {
   bool sleepUnlessCancelled(std::chrono::milliseconds delay) const noexcept;
   // Marks the pool idle again and tells whether a cancel reached the exchange before that. Once
   // it has run, a cancel no longer concerns this exchange.
-  bool finish() noexcept;
+  // The pool keeps code, or kCancelled when a cancel came, for lastExchangeCode().
+  bool finish(std::int32_t code) noexcept;
 
  private:
   YLHTTPPoolCenter* pool_ = nullptr;

@@ -1,7 +1,8 @@
 #pragma once
 // What qorchat's tests share: a folder of their own, SQLite files made and read directly, the
-// digest the assistant makes of a structure (what the model is told), and the real qorchat
-// binary run as a child process that tests can type into, read and send signals.
+// digest the assistant makes of a structure (what the model is told), databases opened and run
+// as qorchat does, and the real qorchat binary run as a child process that tests can type into,
+// read and send signals.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -17,11 +18,15 @@
 #include <functional>
 #include <iterator>
 #include <map>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "db/database.h"
 #include "qor.h"
 
 namespace qortest {
@@ -96,6 +101,31 @@ inline std::vector<std::string> createLines(const std::string& structure) {
     if (line.rfind("USE CATALOG ", 0) == 0 || line.rfind("CREATE ", 0) == 0) lines.push_back(line);
   }
   return lines;
+}
+
+using Rows = std::vector<std::vector<std::optional<std::string>>>;
+
+// What a database opening gave. A failure throws, which fails the test with its message.
+template <typename Opened>
+std::unique_ptr<Opened> opened(qorchat::Result<std::unique_ptr<Opened>> result) {
+  if (!result) throw std::runtime_error("cannot open: " + result.status().message());
+  return std::move(result.value());
+}
+
+// The results of a run; a failure of the run itself (not of a statement) throws.
+inline std::vector<qorchat::StatementResult> ran(qorchat::Database& database,
+                                                 const std::string& sql, std::size_t maxRows = 10) {
+  auto results = database.runReadOnly(sql, qorchat::RunLimits{maxRows});
+  if (!results) throw std::runtime_error("the run failed: " + results.status().message());
+  return std::move(results.value());
+}
+
+// The catalog and CREATE lines of what the model is told of the database; a failure to describe
+// it throws.
+inline std::vector<std::string> describedLines(qorchat::Database& database) {
+  const qorchat::Result<qorchat::Structure> structure = database.describe();
+  if (!structure) throw std::runtime_error("cannot describe: " + structure.status().message());
+  return createLines(qorchat::structureJson(structure.value()));
 }
 
 class Program {

@@ -1,164 +1,185 @@
 // Tests that MemoryStore keeps conversations in a real SQLite file across reopening, concurrent
-// processes and a process killed outright.
+// writers and a process killed outright, keeps that file private, and refuses files not its own.
 
 #include "memory_store.h"
+
+#include <sys/stat.h>
+
+#include <latch>
 
 #include "helpers.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using qorchat::kNoTextReply;
 using qorchat::MemoryStore;
+using Kind = qorchat::Status::Kind;
+using Texts = std::vector<std::string>;
 
-std::vector<std::string> textsOf(const std::vector<QORHistoryEntry>& entries) {
-  std::vector<std::string> texts;
+// Throws when the store does not open, which fails the test.
+std::unique_ptr<MemoryStore> open(const std::string& path, const std::string& key) {
+  qorchat::Result<std::unique_ptr<MemoryStore>> store = MemoryStore::open(path, key);
+  if (!store) throw std::runtime_error(store.status().message());
+  return std::move(*store);
+}
+
+Texts textsOf(const std::vector<QORHistoryEntry>& entries) {
+  Texts texts;
   texts.reserve(entries.size());
   for (const QORHistoryEntry& entry : entries)
-    texts.push_back(entry.text);
+    texts.push_back(std::to_string(entry.role) + ":" + entry.text);
   return texts;
 }
+
+unsigned modeOf(const std::string& path) {
+  struct stat info {};
+  return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
+}
+
+// Sets the umask for the life of the guard.
+struct Umask {
+  explicit Umask(mode_t mask) : saved(umask(mask)) {}
+  ~Umask() { umask(saved); }
+  mode_t saved;
+};
 
 class MemoryStoreTest : public ::testing::Test {
  protected:
   qortest::TempDir dir_;
   const std::string path_ = (dir_.path / "history.db").string();
+  const std::string user_ = std::to_string(kChatRoleUser) + ":";
+  const std::string assistant_ = std::to_string(kChatRoleAssistant) + ":";
 };
 
 TEST_F(MemoryStoreTest, ConversationsAreResumedPerKeyUntilANewOneStarts) {
   {
-    MemoryStore store(path_, "shop");
-    EXPECT_EQ(store.resumedEntryCount(), 0u);
-    store.setDatabaseStructure("[1]");
-    store.addHistoryEntry(kChatRoleUser, "how many customers?");
-    store.addHistoryEntry(kChatRoleAssistant, "SELECT count(*) FROM customers");
-    MemoryStore(path_, "crm").addHistoryEntry(kChatRoleUser, "list leads");
+    auto store = open(path_, "shop");
+    store->setDatabaseStructure("[1]");
+    store->addHistoryEntry(kChatRoleUser, "how many?");
+    store->addHistoryEntry(kChatRoleAssistant, " \n\t");
+    open(path_, "crm")->addHistoryEntry(kChatRoleUser, "list leads");
   }
   {
-    MemoryStore store(path_, "shop");
-    EXPECT_EQ(store.resumedEntryCount(), 2u);
-    EXPECT_EQ(store.obtainDatabaseStructure(), "[1]");
-    const std::vector<QORHistoryEntry> history = store.obtainHistory(0);
-    ASSERT_EQ(history.size(), 2u);
-    EXPECT_EQ(history[0].role, kChatRoleUser);
-    EXPECT_EQ(history[1].role, kChatRoleAssistant);
-    EXPECT_EQ(history[1].text, "SELECT count(*) FROM customers");
-
-    store.startNewConversation();
-    EXPECT_TRUE(store.obtainHistory(0).empty());
-    EXPECT_EQ(store.obtainDatabaseStructure(), "[1]");
-    store.addHistoryEntry(kChatRoleUser, "and products?");
+    auto store = open(path_, "shop");
+    EXPECT_EQ(store->resumedEntryCount(), 2u);
+    EXPECT_EQ(store->obtainDatabaseStructure(), "[1]");
+    // A blank reply is kept as a text that services accept in a history.
+    EXPECT_EQ(textsOf(store->obtainHistory(0)),
+              (Texts{user_ + "how many?", assistant_ + qorchat::kNoTextReply}));
+    store->startNewConversation();
+    EXPECT_TRUE(store->obtainHistory(0).empty());
+    store->addHistoryEntry(kChatRoleUser, "and products?");
   }
-  MemoryStore store(path_, "shop");
-  EXPECT_EQ(textsOf(store.obtainHistory(20)), std::vector<std::string>{"and products?"});
-  EXPECT_EQ(store.obtainDatabaseStructure(), "[1]");
-  store.setDatabaseStructure("");
-  EXPECT_EQ(MemoryStore(path_, "crm").resumedEntryCount(), 1u);
-  EXPECT_EQ(MemoryStore(path_, "shop").obtainDatabaseStructure(), "");
-  EXPECT_EQ(qortest::sqlite(path_, "SELECT count(*) FROM conversations"), "3");
+  auto store = open(path_, "shop");
+  EXPECT_EQ(textsOf(store->obtainHistory(0)), Texts{user_ + "and products?"});
+  EXPECT_EQ(store->obtainDatabaseStructure(), "[1]");  // the same database, so the same structure
+  store->setDatabaseStructure("");
+  EXPECT_EQ(open(path_, "crm")->resumedEntryCount(), 1u);
+  EXPECT_EQ(open(path_, "shop")->obtainDatabaseStructure(), "");
 }
 
-TEST_F(MemoryStoreTest, HistoryLimitAndBlankReplies) {
-  MemoryStore store(":memory:", "k");
-  for (int i = 0; i < 5; ++i)
-    store.addHistoryEntry(kChatRoleUser, std::to_string(i));
-  EXPECT_EQ(textsOf(store.obtainHistory(2)), (std::vector<std::string>{"3", "4"}));
-  EXPECT_EQ(store.obtainHistory(-1).size(), 5u);
-  EXPECT_EQ(store.obtainHistory(9).size(), 5u);
-
-  MemoryStore file(path_, "k");
-  file.addHistoryEntry(kChatRoleAssistant, " \n\t");
-  file.addHistoryEntry(kChatRoleUser, " ");
-  EXPECT_EQ(textsOf(file.obtainHistory(0)), (std::vector<std::string>{kNoTextReply, " "}));
-  EXPECT_EQ(qortest::sqlite(path_, "SELECT text FROM entries ORDER BY id LIMIT 1"), kNoTextReply);
+TEST_F(MemoryStoreTest, InMemoryHistoryAndItsLimit) {
+  auto store = open(":memory:", "k");
+  EXPECT_FALSE(fs::exists(":memory:"));
+  for (const char* text : {"0", " ", "2"})
+    store->addHistoryEntry(kChatRoleUser, text);  // only a blank reply is replaced
+  EXPECT_EQ(textsOf(store->obtainHistory(2)), (Texts{user_ + " ", user_ + "2"}));
+  EXPECT_EQ(store->obtainHistory(-1).size(), 3u);
+  EXPECT_EQ(store->obtainHistory(9).size(), 3u);
 }
 
-TEST_F(MemoryStoreTest, AFileItCannotUseIsRefusedOrReportedOnce) {
-  const std::string unwritable = (dir_.path / "no such folder" / "history.db").string();
-  try {
-    MemoryStore store(unwritable, "k");
-    ADD_FAILURE() << "opened a file in a missing folder";
-  } catch (const std::runtime_error& error) {
-    EXPECT_NE(std::string(error.what()).find(unwritable), std::string::npos) << error.what();
+// A file made new, and one of ours left readable by others, end up owner-only, SQLite's files
+// beside it too, even with nothing masked out of the modes files are made with.
+TEST_F(MemoryStoreTest, FilesArePrivateWhateverTheUmask) {
+  const Umask nothingMasked(0);
+  for (const bool existing : {false, true}) {
+    if (existing) chmod(path_.c_str(), 0666);
+    auto store = open(path_, "k");
+    store->addHistoryEntry(kChatRoleUser, "secret");
+    for (const std::string suffix : {"", "-wal", "-shm"})
+      EXPECT_EQ(modeOf(path_ + suffix), 0600u) << suffix << (existing ? " existing" : " new");
   }
+}
+
+TEST_F(MemoryStoreTest, FilesItCannotUseAreRefusedAndLeftAlone) {
   const std::string text = (dir_.path / "notes.txt").string();
-  std::ofstream(text) << "not a database, but long enough to be read as one: "
-                      << std::string(99, 'x');
-  EXPECT_THROW(MemoryStore(text, "k"), std::runtime_error);
-  // Someone's own database is not taken over as a history file.
+  std::ofstream(text) << "long enough to be read as a database " << qortest::repeated("x", 99);
   const std::string own = (dir_.path / "own.db").string();
   qortest::sqlite(own, "CREATE TABLE customers (id INTEGER)");
-  EXPECT_THROW(MemoryStore(own, "k"), std::runtime_error);
+  chmod(own.c_str(), 0644);
+  qortest::sqlite(path_,
+                  "CREATE TABLE conversations (id); CREATE TABLE entries (id);"
+                  "PRAGMA user_version = 2");
+  const struct {
+    std::string path;
+    Kind kind;
+    const char* says;
+  } cases[] = {
+      {(dir_.path / "no such folder" / "history.db").string(), Kind::kIoError, "cannot open"},
+      {text, Kind::kInvalidInput, "is not an SQLite database"},
+      {own, Kind::kInvalidInput, "is not a qorchat history file"},
+      {path_, Kind::kInvalidInput, "was written by a newer qorchat"},
+  };
+  for (const auto& [path, kind, says] : cases) {
+    const qorchat::Status failure = MemoryStore::open(path, "k").status();
+    EXPECT_EQ(failure.kind(), kind) << path;
+    EXPECT_TRUE(qortest::has(failure.message(), says)) << failure.message();
+    EXPECT_TRUE(qortest::has(failure.message(), path)) << failure.message();
+  }
+  // Someone's own database keeps its tables, its journal and its mode.
   EXPECT_EQ(qortest::sqlite(own, "SELECT count(*) FROM sqlite_master"), "1");
-
-  // A file removed under a session: said once, and the session goes on in memory.
-  MemoryStore store(path_, "k");
-  store.addHistoryEntry(kChatRoleUser, "saved");
-  EXPECT_EQ(store.takeWriteFailure(), "");
-  fs::remove(path_);
-  store.addHistoryEntry(kChatRoleUser, "kept in memory");
-  const std::string failure = store.takeWriteFailure();
-  EXPECT_NE(failure.find(path_), std::string::npos) << failure;
-  EXPECT_EQ(failure.find('\n'), std::string::npos);
-  store.addHistoryEntry(kChatRoleUser, "still kept");
-  EXPECT_EQ(store.takeWriteFailure(), "");
-  EXPECT_EQ(store.obtainHistory(0).size(), 3u);
+  EXPECT_EQ(qortest::sqlite(own, "PRAGMA journal_mode"), "delete");
+  EXPECT_EQ(modeOf(own), 0644u);
 }
 
-// Two processes on one file, both open before either writes so that the writes overlap; then a
-// process killed outright after its writes.
-TEST_F(MemoryStoreTest, ConcurrentAndKilledProcessesLoseNothing) {
-  constexpr int kEach = 200;
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  const pid_t child = fork();
-  if (child == 0) {
-    // Nothing but an exit status may leave the child: the test framework belongs to the parent.
-    try {
-      close(ready[1]);
-      MemoryStore store(path_, "same key");
-      char go = 0;
-      if (read(ready[0], &go, 1) != 1) _exit(3);
-      for (int i = 0; i < kEach; ++i) {
-        store.addHistoryEntry(kChatRoleUser, "child");
-        usleep(200);
-      }
-      _exit(store.takeWriteFailure().empty() ? 0 : 1);
-    } catch (...) {
-      _exit(2);
-    }
-  }
-  {
-    MemoryStore store(path_, "same key");
-    ASSERT_EQ(write(ready[1], "x", 1), 1);
-    for (int i = 0; i < kEach; ++i) {
-      store.addHistoryEntry(kChatRoleAssistant, "parent");
-      usleep(200);  // lets the other process in between these writes, not only after them
-    }
-    EXPECT_EQ(store.takeWriteFailure(), "");
-  }
-  close(ready[0]);
-  close(ready[1]);
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  EXPECT_EQ(qortest::sqlite(path_, "SELECT count(*) FROM entries"), std::to_string(2 * kEach));
-  EXPECT_EQ(qortest::sqlite(path_, "PRAGMA integrity_check"), "ok");
+TEST_F(MemoryStoreTest, AWriteFailureIsReportedOnceAndTheSessionGoesOnInMemory) {
+  auto store = open(path_, "k");
+  store->addHistoryEntry(kChatRoleUser, "saved");
+  fs::remove(path_);
+  store->addHistoryEntry(kChatRoleUser, "kept in memory");
+  const qorchat::Status failure = store->takeWriteFailure();
+  EXPECT_EQ(failure.kind(), Kind::kIoError);
+  EXPECT_TRUE(qortest::has(failure.message(), path_)) << failure.message();
+  store->addHistoryEntry(kChatRoleUser, "still kept");
+  EXPECT_TRUE(store->takeWriteFailure().isOk());
+  EXPECT_EQ(store->obtainHistory(0).size(), 3u);
+}
 
-  if (fork() == 0) {
-    MemoryStore store(path_, "killed");
-    store.setDatabaseStructure("[]");
-    for (int i = 0; i < 10; ++i)
-      store.addHistoryEntry(kChatRoleUser, std::to_string(i));
-    raise(SIGKILL);
+// Two writers on one file, both open before either writes so that their writes interleave; then
+// a process killed outright after its writes.
+TEST_F(MemoryStoreTest, ConcurrentWritersAndAKilledProcessLoseNothing) {
+  constexpr int kEach = 200;
+  std::latch opened(2);
+  const auto write = [&] {
+    qorchat::Result<std::unique_ptr<MemoryStore>> store = MemoryStore::open(path_, "same key");
+    opened.arrive_and_wait();
+    ASSERT_TRUE(store) << store.status().message();
+    for (int i = 0; i < kEach; ++i) {
+      (*store)->addHistoryEntry(kChatRoleUser, "turn");
+      usleep(200);  // lets the other writer in between these writes, not only after them
+    }
+    EXPECT_EQ((*store)->takeWriteFailure().message(), "");
+  };
+  std::thread other(write);
+  write();
+  other.join();
+  EXPECT_EQ(qortest::sqlite(path_, "SELECT count(*) FROM entries"), std::to_string(2 * kEach));
+
+  if (fork() == 0) {  // only the way it ends leaves the child: the test is the parent's
+    if (auto store = MemoryStore::open(path_, "killed")) {
+      (*store)->setDatabaseStructure("[]");
+      for (const char* text : {"0", "1", "2"})
+        (*store)->addHistoryEntry(kChatRoleUser, text);
+      raise(SIGKILL);
+    }
     _exit(1);
   }
+  int status = 0;
   ASSERT_GT(wait(&status), 0);
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
-  MemoryStore store(path_, "killed");
-  EXPECT_EQ(store.resumedEntryCount(), 10u);
-  EXPECT_EQ(store.obtainHistory(1)[0].text, "9");
-  EXPECT_EQ(store.obtainDatabaseStructure(), "[]");
+  auto store = open(path_, "killed");
+  EXPECT_EQ(textsOf(store->obtainHistory(0)), (Texts{user_ + "0", user_ + "1", user_ + "2"}));
+  EXPECT_EQ(store->obtainDatabaseStructure(), "[]");
 }
 
 }  // namespace

@@ -1,87 +1,92 @@
-// Tests what SchemaScope chooses for a question and that its sizes are those of the digest the
-// library really makes of the chosen structure.
+// Tests what SchemaScope chooses for a question, and that the sizes it works with are those of the
+// text the library really makes of the chosen structure.
 #include "schema_scope.h"
 
 #include "helpers.h"
 
 namespace {
 
+using qorchat::Catalog;
+using qorchat::Column;
+using qorchat::ForeignKey;
+using qorchat::Relation;
+using qorchat::RelationKind;
 using qorchat::SchemaScope;
+using qorchat::Structure;
+using qorchat::structureJson;
 using qortest::digestOf;
 using Names = std::vector<std::string>;
 
-// Everything the digest treats in its own way: a named and an unnamed catalog, schema names,
-// qualified and unqualified references, keys without columns, an empty table, views of both
-// kinds, names with quotes and non-ASCII letters, and a description the library rejects.
-const std::string kVaried = R"([
-  {"catalog_name": "shop", "catalog_id": "c1", "schemas": [
-    {"schema_name": "sales", "schema_id": "s1",
-     "tables": [
-       {"name": "customers", "fields": [{"name": "id", "type": "INTEGER"},
-                                        {"name": "näme", "type": "TEXT"}], "pkeys": ["id"]},
-       {"name": "orders", "fields": [{"name": "id", "type": "INTEGER"},
-                                     {"name": "customer_id", "type": "INTEGER"}],
-        "pkeys": ["id"],
-        "fkeys": [{"fields": ["customer_id"], "ref_table": "customers", "ref_fields": ["id"]},
-                  {"fields": [], "ref_table": "customers", "ref_fields": ["id"]}]},
-       {"name": "empty", "fields": []},
-       {"name": "broken"}],
-     "views": [{"name": "big \"spenders\"", "fields": [{"name": "id", "type": ""}]}],
-     "mviews": [{"name": "totals", "fields": [{"name": "n", "type": "BIGINT"}]}]},
-    {"tables": [
-       {"name": "audit", "fields": [{"name": "order_id", "type": "INTEGER"}],
-        "fkeys": [{"fields": ["order_id"], "ref_schema": "sales", "ref_table": "orders",
-                   "ref_fields": ["id"]}]}]}]},
-  {"schemas": [{"schema_name": "", "tables": [
-       {"name": "loose", "fields": [{"name": "x", "type": "TEXT"}]}]}]}
-])";
+Relation table(std::string name, std::vector<Column> columns, std::vector<ForeignKey> keys = {}) {
+  return Relation{std::move(name), std::move(columns), {}, std::move(keys)};
+}
 
-TEST(SchemaScope, ItsSizesAreThoseOfTheRealDigest) {
-  const std::size_t real = digestOf(kVaried).size();
+// What the library writes in its own way: a named catalog and an empty-named one, schema names
+// and none, qualified and unqualified references, a key without columns, an empty table, views
+// of both kinds, names with quotes and non-ASCII letters.
+Structure varied() {
+  Structure structure;
+  Catalog& shop = structure.catalogs.emplace_back(Catalog{"shop", {}});
+  auto& sales = shop.schemas.emplace_back();
+  sales.name = "sales";
+  auto& tables = sales.relations[static_cast<int>(RelationKind::kTable)];
+  tables.push_back(table("customers", {{"id", "INTEGER"}, {"näme", "TEXT"}}));
+  tables.back().primaryKey = {"id"};
+  tables.push_back(table("orders", {{"id", "INTEGER"}, {"customer_id", "INTEGER"}},
+                         {{{"customer_id"}, std::nullopt, "customers", {"id"}},
+                          {{}, std::nullopt, "customers", {"id"}}}));
+  tables.push_back(table("empty", {}));
+  sales.relations[static_cast<int>(RelationKind::kView)].push_back(
+      table("big \"spenders\"", {{"id", ""}}));
+  sales.relations[static_cast<int>(RelationKind::kMaterializedView)].push_back(
+      table("totals", {{"n", "BIGINT"}}));
+  auto& unnamed = shop.schemas.emplace_back();
+  unnamed.relations[0].push_back(
+      table("audit", {{"order_id", "INTEGER"}}, {{{"order_id"}, "sales", "orders", {"id"}}}));
+  structure.catalogs.push_back(Catalog{"", {}});
+  structure.catalogs.back().schemas.emplace_back().relations[0].push_back(
+      table("loose", {{"x", "TEXT"}}));
+  return structure;
+}
+
+TEST(SchemaScope, ItsSizesAreThoseOfTheRealText) {
+  const Structure structure = varied();
+  const std::size_t real = digestOf(structureJson(structure)).size();
   ASSERT_GT(real, 0u);
-  const SchemaScope measured(kVaried, 1);
-  EXPECT_FALSE(measured.fitsWhole());
-  EXPECT_EQ(measured.wholeDigestBytes(), real);
-  EXPECT_EQ(measured.objectCount(), 7u);  // the rejected description cannot be listed
+  EXPECT_EQ(qorchat::measureDigest(structure).total, real);
 
   // Every budget, up to the whole: the size reported is the real one, within the budget.
   for (std::size_t budget = 1; budget < real; budget += 7) {
     SCOPED_TRACE(budget);
-    const SchemaScope scope(kVaried, budget);
+    const SchemaScope scope(structure, budget);
+    EXPECT_FALSE(scope.fitsWhole());
     const SchemaScope::Choice choice = scope.choose({"orders"});
-    const std::string digest = digestOf(choice.structure);
-    EXPECT_EQ(digest.size(), choice.digestBytes);
+    EXPECT_EQ(digestOf(structureJson(structure, &choice.chosen)).size(), choice.digestBytes);
     EXPECT_LE(choice.digestBytes, budget);
     EXPECT_EQ(choice.total, 7u);
   }
-
-  const SchemaScope whole(kVaried, real);
-  EXPECT_TRUE(whole.fitsWhole());
-  EXPECT_EQ(whole.wholeStructure(), kVaried);
-  EXPECT_TRUE(SchemaScope(kVaried, 0).fitsWhole());
+  EXPECT_TRUE(SchemaScope(structure, real).fitsWhole());
+  EXPECT_TRUE(SchemaScope(structure, 0).fitsWhole());
 }
 
-// A chain a0 <- a1 <- ... <- a9 (each references the one before) and loose tables z0..z9, all
-// of one size, with a budget for five tables.
-std::string chains() {
-  std::string text = R"([{"catalog_name":"main","schemas":[{"tables":[)";
+// A chain a0 <- a1 <- ... <- a9 (each references the one before) and loose tables z0..z9.
+Structure chains() {
+  Structure structure;
+  auto& tables = structure.catalogs.emplace_back(Catalog{"main", {}})
+                     .schemas.emplace_back()
+                     .relations[static_cast<int>(RelationKind::kTable)];
   for (int i = 0; i < 10; ++i) {
-    if (i > 0) text += ',';
-    text += R"({"name":"a)" + std::to_string(i) + R"(","fields":[{"name":"id","type":"INTEGER"}])";
-    if (i > 0) {
-      text += R"(,"fkeys":[{"fields":["id"],"ref_table":"a)" + std::to_string(i - 1) +
-              R"(","ref_fields":["id"]}])";
-    }
-    text += '}';
+    std::vector<ForeignKey> keys;
+    if (i > 0) keys.push_back({{"id"}, std::nullopt, "a" + std::to_string(i - 1), {"id"}});
+    tables.push_back(table("a" + std::to_string(i), {{"id", "INTEGER"}}, std::move(keys)));
   }
   for (int i = 0; i < 10; ++i)
-    text += R"(,{"name":"z)" + std::to_string(i) + R"(","fields":[{"name":"id","type":"TEXT"}]})";
-  text += "]}]}]";
-  return text;
+    tables.push_back(table("z" + std::to_string(i), {{"id", "TEXT"}}));
+  return structure;
 }
 
-Names listedIn(const std::string& structure) {
-  const std::string digest = digestOf(structure);
+Names listedIn(const Structure& structure, const SchemaScope::Choice& choice) {
+  const std::string digest = digestOf(structureJson(structure, &choice.chosen));
   Names names;
   for (std::size_t at = digest.find("CREATE TABLE `"); at != std::string::npos;
        at = digest.find("CREATE TABLE `", at + 1)) {
@@ -92,12 +97,8 @@ Names listedIn(const std::string& structure) {
 }
 
 TEST(SchemaScope, NamedTablesComeFirstThenTheirNeighboursThenTheRest) {
-  // "USE CATALOG `main`\n" and five lines of "CREATE TABLE `a1` (`id` INTEGER, FOREIGN ...)".
-  const std::string structure = chains();
-  const SchemaScope probe(structure, 1);
-  const SchemaScope::Choice none = probe.choose({});
-  EXPECT_EQ(none.listed, 0u);
-  EXPECT_EQ(none.structure, "[]");
+  const Structure structure = chains();
+  EXPECT_EQ(SchemaScope(structure, 1).choose({}).listed, 0u);
 
   // Room for the catalog line and exactly three of the z tables, or fewer a tables.
   const std::size_t zLine = std::string("CREATE TABLE `z0` (`id` TEXT)\n").size();
@@ -106,17 +107,17 @@ TEST(SchemaScope, NamedTablesComeFirstThenTheirNeighboursThenTheRest) {
 
   // Case does not matter, whole identifiers only ("z77" and "xz1" name nothing), and a quoted
   // name counts. What is left goes to the rest in their order: a0 no longer fits, z0 does. The
-  // digest keeps the structure's order.
-  EXPECT_EQ(listedIn(scope.choose({"What is in Z7, z77, xz1 and \"z2\"?"}).structure),
+  // text keeps the structure's order.
+  EXPECT_EQ(listedIn(structure, scope.choose({"What is in Z7, z77, xz1 and \"z2\"?"})),
             (Names{"z0", "z2", "z7"}));
   // Neighbours in both directions, nearest first: a5 references a4 and is referenced by a6.
   const SchemaScope roomy(structure, catalogLine + 4 * std::size_t{60});
-  const Names around = listedIn(roomy.choose({"Tell me about a5"}).structure);
+  const Names around = listedIn(structure, roomy.choose({"Tell me about a5"}));
   ASSERT_GE(around.size(), 3u);
   EXPECT_EQ(Names(around.begin(), around.begin() + 3), (Names{"a4", "a5", "a6"}));
   // The question comes before the history; qualified names match the catalog or schema.
   const SchemaScope::Choice both = scope.choose({"main.z9 please", "earlier: z4, z5, z6"});
-  EXPECT_EQ(listedIn(both.structure), (Names{"z4", "z5", "z9"}));
+  EXPECT_EQ(listedIn(structure, both), (Names{"z4", "z5", "z9"}));
   EXPECT_EQ(both.listed, 3u);
   EXPECT_EQ(both.total, 20u);
 }

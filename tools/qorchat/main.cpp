@@ -2,14 +2,14 @@
 // services.
 #include <iostream>
 
+#include "app.h"
 #include "command_line.h"
-#include "session.h"
 #include "terminal.h"
 
 int main(int argc, char** argv) {
   qorchat::CommandLine commandLine = qorchat::parseCommandLine(argc, argv, std::cout, std::cerr);
   if (commandLine.exitStatus) return *commandLine.exitStatus;
   qorchat::installInterruptHandler();
-  qorchat::Session session(std::move(commandLine.options), std::cout, std::cerr);
-  return session.run();
+  qorchat::App app(std::move(commandLine.options), std::cout, std::cerr);
+  return app.run();
 }

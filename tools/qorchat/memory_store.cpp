@@ -2,10 +2,14 @@
 
 #include "memory_store.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <ctime>
-#include <stdexcept>
 #include <utility>
 
 namespace qorchat {
@@ -15,6 +19,9 @@ namespace {
 constexpr int kFormatVersion = 1;
 // How long a write waits for another process that is writing the same file.
 constexpr int kBusyTimeoutMs = 5000;
+// The conversations quote the user's questions and data: only their owner may read them.
+constexpr mode_t kPrivateMode = 0600;
+constexpr const char* kInMemory = ":memory:";
 
 constexpr const char* kCreateTables =
     "CREATE TABLE conversations ("
@@ -50,7 +57,7 @@ std::string columnText(sqlite3_stmt* statement, int column) {
   return std::string(data, static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
 }
 
-// A statement for the constructor's own reads; failures there are the constructor's to throw.
+// A statement for the reads made while opening; a failure there fails the opening.
 class Query {
  public:
   Query(sqlite3* db, const char* sql) {
@@ -67,6 +74,43 @@ class Query {
   sqlite3_stmt* statement_ = nullptr;
 };
 
+std::string systemError(const std::string& what, const std::string& path, int error) {
+  return what + " " + quoted(path) + ": " + std::strerror(error);
+}
+
+// Makes a missing store file private from its start. SQLite would create it with 0644 less the
+// umask; the -wal, -shm and -journal files it makes later take the mode of this one.
+Status createPrivately(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, kPrivateMode);
+  if (fd < 0) {
+    if (errno == EEXIST) return Status::ok();
+    return Status::ioError(systemError("cannot open the history file", path, errno));
+  }
+  // The umask may have taken the owner's write away too, which would leave SQLite a file it can
+  // only read. Closed before SQLite opens the file: closing any descriptor of a file drops the
+  // process's locks on it, SQLite's among them.
+  const bool narrowed = fchmod(fd, kPrivateMode) == 0;
+  const int error = errno;
+  close(fd);
+  if (!narrowed) return Status::ioError(systemError("cannot create the history file", path, error));
+  return Status::ok();
+}
+
+// Narrows a store already known to be ours, and SQLite's files beside it, to their owner: the
+// file may come from before qorchat kept it private, and the -wal and -shm files of a process
+// that ended without closing keep the mode they were made with.
+Status keepPrivate(const std::string& path) {
+  for (const std::string& file : {path, path + "-wal", path + "-shm", path + "-journal"}) {
+    struct stat info {};
+    if (stat(file.c_str(), &info) != 0 || (info.st_mode & 07777) == kPrivateMode) continue;
+    // One that was removed meanwhile needs nothing.
+    if (chmod(file.c_str(), kPrivateMode) != 0 && errno != ENOENT) {
+      return Status::ioError("cannot make " + quoted(file) + " private: " + std::strerror(errno));
+    }
+  }
+  return Status::ok();
+}
+
 }  // namespace
 
 struct MemoryStore::Statements {
@@ -81,34 +125,53 @@ struct MemoryStore::Statements {
   }
 };
 
-MemoryStore::MemoryStore(const std::string& path, std::string key)
-    : statements_(std::make_unique<Statements>()), key_(std::move(key)), path_(path) {
-  try {
-    open();
-  } catch (...) {
-    statements_.reset();
-    sqlite3_close_v2(db_);
-    db_ = nullptr;
-    throw;
-  }
-}
+MemoryStore::MemoryStore(std::string path, std::string key)
+    : statements_(std::make_unique<Statements>()), path_(std::move(path)), key_(std::move(key)) {}
 
 MemoryStore::~MemoryStore() {
   statements_.reset();
   sqlite3_close_v2(db_);
 }
 
-void MemoryStore::open() {
+Result<std::unique_ptr<MemoryStore>> MemoryStore::open(const std::string& path, std::string key) {
+  // Not make_unique: the constructor is private so that no store exists unopened.
+  std::unique_ptr<MemoryStore> store(new MemoryStore(path, std::move(key)));
+  if (Status status = store->load(); !status) return status;
+  return store;
+}
+
+Status MemoryStore::load() {
+  const bool inFile = path_ != kInMemory;
+  if (inFile) {
+    if (Status status = createPrivately(path_); !status) return status;
+  }
   if (sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr) !=
       SQLITE_OK) {
-    throwOpenFailure();
+    return openFailure();
   }
   // SQLite falls back to reading a file it may not write; a store that cannot keep anything is
   // better refused now than discovered after the first answer.
   if (sqlite3_db_readonly(db_, "main") == 1) {
-    throw std::runtime_error("cannot write the history file " + quoted(path_));
+    return Status::ioError("cannot write the history file " + quoted(path_));
   }
   sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+  // The layout is checked before anything is changed, so that a database that is not ours is
+  // left exactly as it was: neither its mode nor its journal is touched.
+  Status status = prepareLayout();
+  if (status && inFile) status = keepPrivate(path_);
+  if (status) status = useWriteAheadLog();
+  if (status) status = resumeLatest();
+  if (status) status = prepareStatements();
+  if (status && conversationId_ == 0) {
+    sqlite3_stmt* statement = bindConversation();
+    if (sqlite3_step(statement) != SQLITE_DONE) status = openFailure();
+    sqlite3_reset(statement);
+    conversationId_ = sqlite3_last_insert_rowid(db_);
+  }
+  return status;
+}
+
+Status MemoryStore::useWriteAheadLog() {
   // Write-ahead logging lets a second process read and append while this one writes, and a
   // commit reaches the file before the call returns; NORMAL syncing loses nothing to a killed
   // process, only possibly the last commits to a power cut. Switching a new file to it takes a
@@ -120,53 +183,55 @@ void MemoryStore::open() {
   }
   if (rc != SQLITE_OK ||
       sqlite3_exec(db_, "PRAGMA synchronous = NORMAL", nullptr, nullptr, nullptr) != SQLITE_OK) {
-    throwOpenFailure();
+    return openFailure();
   }
-  prepareLayout();
+  return Status::ok();
+}
 
+Status MemoryStore::resumeLatest() {
   Query latest(db_,
                "SELECT id, structure FROM conversations WHERE \"key\" = ?1 ORDER BY id DESC "
                "LIMIT 1");
   Query entries(db_, "SELECT role, text FROM entries WHERE conversation_id = ?1 ORDER BY id");
-  if (!latest.ok() || !entries.ok()) throwOpenFailure();
+  if (!latest.ok() || !entries.ok()) return openFailure();
   bindText(latest.get(), 1, key_);
-  rc = sqlite3_step(latest.get());
-  if (rc == SQLITE_ROW) {
-    conversationId_ = sqlite3_column_int64(latest.get(), 0);
-    structure_ = columnText(latest.get(), 1);
-    sqlite3_bind_int64(entries.get(), 1, conversationId_);
-    while ((rc = sqlite3_step(entries.get())) == SQLITE_ROW) {
-      entries_.push_back(
-          QORHistoryEntry{sqlite3_column_int(entries.get(), 0), columnText(entries.get(), 1)});
-    }
-    if (rc != SQLITE_DONE) throwOpenFailure();
-    resumedEntries_ = entries_.size();
-  } else if (rc != SQLITE_DONE) {
-    throwOpenFailure();
+  int rc = sqlite3_step(latest.get());
+  if (rc == SQLITE_DONE) return Status::ok();
+  if (rc != SQLITE_ROW) return openFailure();
+  conversationId_ = sqlite3_column_int64(latest.get(), 0);
+  structure_ = columnText(latest.get(), 1);
+  sqlite3_bind_int64(entries.get(), 1, conversationId_);
+  while ((rc = sqlite3_step(entries.get())) == SQLITE_ROW) {
+    entries_.push_back(
+        QORHistoryEntry{sqlite3_column_int(entries.get(), 0), columnText(entries.get(), 1)});
   }
-
-  const auto prepare = [this](const char* sql, sqlite3_stmt** statement) {
-    if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr) !=
-        SQLITE_OK) {
-      throwOpenFailure();
-    }
-  };
-  prepare("INSERT INTO entries (conversation_id, role, text, created_at) VALUES (?1, ?2, ?3, ?4)",
-          &statements_->addEntry);
-  prepare("UPDATE conversations SET structure = ?1 WHERE id = ?2", &statements_->setStructure);
-  prepare("INSERT INTO conversations (\"key\", started_at, structure) VALUES (?1, ?2, ?3)",
-          &statements_->addConversation);
-
-  if (conversationId_ == 0) {
-    sqlite3_stmt* statement = bindConversation();
-    if (sqlite3_step(statement) != SQLITE_DONE) throwOpenFailure();
-    sqlite3_reset(statement);
-    conversationId_ = sqlite3_last_insert_rowid(db_);
-  }
+  if (rc != SQLITE_DONE) return openFailure();
+  resumedEntries_ = entries_.size();
+  return Status::ok();
 }
 
-void MemoryStore::prepareLayout() {
-  const auto readState = [this](int& objects, int& version, bool& hasTables) {
+Status MemoryStore::prepareStatements() {
+  const std::pair<const char*, sqlite3_stmt**> statements[] = {
+      {"INSERT INTO entries (conversation_id, role, text, created_at) VALUES (?1, ?2, ?3, ?4)",
+       &statements_->addEntry},
+      {"UPDATE conversations SET structure = ?1 WHERE id = ?2", &statements_->setStructure},
+      {"INSERT INTO conversations (\"key\", started_at, structure) VALUES (?1, ?2, ?3)",
+       &statements_->addConversation},
+  };
+  for (const auto& [sql, statement] : statements) {
+    if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr) !=
+        SQLITE_OK) {
+      return openFailure();
+    }
+  }
+  return Status::ok();
+}
+
+Status MemoryStore::prepareLayout() {
+  int objects = 0;
+  int version = 0;
+  bool hasTables = false;
+  const auto readState = [&] {
     Query count(db_, "SELECT count(*) FROM sqlite_master");
     Query userVersion(db_, "PRAGMA user_version");
     Query ours(db_,
@@ -174,48 +239,48 @@ void MemoryStore::prepareLayout() {
                "('conversations', 'entries')");
     if (!count.ok() || !userVersion.ok() || !ours.ok() || sqlite3_step(count.get()) != SQLITE_ROW ||
         sqlite3_step(userVersion.get()) != SQLITE_ROW || sqlite3_step(ours.get()) != SQLITE_ROW) {
-      throwOpenFailure();
+      return false;
     }
     objects = sqlite3_column_int(count.get(), 0);
     version = sqlite3_column_int(userVersion.get(), 0);
     hasTables = sqlite3_column_int(ours.get(), 0) == 2;
+    return true;
   };
 
-  int objects = 0;
-  int version = 0;
-  bool hasTables = false;
-  readState(objects, version, hasTables);
+  if (!readState()) return openFailure();
   if (objects == 0) {
     // Another process may be creating the same new file: decide again under the write lock.
-    if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-      throwOpenFailure();
+    if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK ||
+        !readState()) {
+      return openFailure();
     }
-    readState(objects, version, hasTables);
     if (objects == 0 && sqlite3_exec(db_, kCreateTables, nullptr, nullptr, nullptr) != SQLITE_OK) {
       const std::string reason = sqlite3_errmsg(db_);
       sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-      throw std::runtime_error("cannot create the history file " + quoted(path_) + ": " + reason);
+      return Status::ioError("cannot create the history file " + quoted(path_) + ": " + reason);
     }
-    if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) throwOpenFailure();
-    readState(objects, version, hasTables);
+    if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK || !readState()) {
+      return openFailure();
+    }
   }
   if (version > kFormatVersion) {
-    throw std::runtime_error("the history file " + quoted(path_) +
-                             " was written by a newer qorchat (format " + std::to_string(version) +
-                             ")");
+    return Status::invalidInput("the history file " + quoted(path_) +
+                                " was written by a newer qorchat (format " +
+                                std::to_string(version) + ")");
   }
   // Anything else is somebody's database, handed over by mistake: it is not ours to add to.
   if (version != kFormatVersion || !hasTables) {
-    throw std::runtime_error(quoted(path_) + " is not a qorchat history file");
+    return Status::invalidInput(quoted(path_) + " is not a qorchat history file");
   }
+  return Status::ok();
 }
 
-void MemoryStore::throwOpenFailure() const {
+Status MemoryStore::openFailure() const {
   if (db_ != nullptr && (sqlite3_errcode(db_) & 0xff) == SQLITE_NOTADB) {
-    throw std::runtime_error(quoted(path_) + " is not an SQLite database");
+    return Status::invalidInput(quoted(path_) + " is not an SQLite database");
   }
   const std::string reason = db_ != nullptr ? sqlite3_errmsg(db_) : "out of memory";
-  throw std::runtime_error("cannot open the history file " + quoted(path_) + ": " + reason);
+  return Status::ioError("cannot open the history file " + quoted(path_) + ": " + reason);
 }
 
 bool MemoryStore::run(sqlite3_stmt* statement) {
@@ -241,7 +306,7 @@ void MemoryStore::recordFailure(std::string message) {
   // From now on the session lives in memory only: writing part of it after a gap would leave a
   // conversation in the file that never took place.
   writable_ = false;
-  if (writeFailure_.empty()) writeFailure_ = std::move(message) + "; going on without saving";
+  writeFailure_ = Status::ioError(std::move(message));
 }
 
 sqlite3_stmt* MemoryStore::bindConversation() {
@@ -259,8 +324,8 @@ void MemoryStore::startNewConversation() {
   if (run(bindConversation())) conversationId_ = sqlite3_last_insert_rowid(db_);
 }
 
-std::string MemoryStore::takeWriteFailure() {
-  return std::exchange(writeFailure_, {});
+Status MemoryStore::takeWriteFailure() {
+  return std::exchange(writeFailure_, Status::ok());
 }
 
 void MemoryStore::setDatabaseStructure(const std::string& structure) {

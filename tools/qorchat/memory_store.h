@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "qor.h"
+#include "status.h"
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -19,12 +20,16 @@ namespace qorchat {
 // an empty assistant turn, which would break every later question of the conversation.
 inline constexpr const char* kNoTextReply = "the model returned no text";
 
+// How many of the latest entries a question is sent with: the assistants ask for this many, so
+// anything qorchat derives from the history should look at the same ones.
+inline constexpr std::int32_t kHistoryEntries = 20;
+
 class MemoryStore final : public IQORAssistantMemory {
  public:
   // Opens (creating if needed) the store at path and takes up the latest conversation under key.
-  // The path ":memory:" keeps everything in this process only. Throws std::runtime_error with a
-  // one-line message that names the path when the file cannot be opened or written.
-  MemoryStore(const std::string& path, std::string key);
+  // The path ":memory:" keeps everything in this process only. The file and SQLite's files beside
+  // it are kept private to their owner (mode 0600). A failure names the path in one line.
+  static Result<std::unique_ptr<MemoryStore>> open(const std::string& path, std::string key);
   ~MemoryStore() override;
   MemoryStore(const MemoryStore&) = delete;
   MemoryStore& operator=(const MemoryStore&) = delete;
@@ -33,9 +38,11 @@ class MemoryStore final : public IQORAssistantMemory {
   std::size_t resumedEntryCount() const { return resumedEntries_; }
   // Starts a new, empty conversation under the same key; the old one stays in the file.
   void startNewConversation();
-  // The first write failure since the last call, as one line; empty when there was none. The
-  // store goes on in memory after a failure so that the session is not lost.
-  std::string takeWriteFailure();
+  // The first write failure since the last call; ok when there was none. The library records
+  // each turn through addHistoryEntry, which returns nothing, so a failure cannot travel back
+  // with the call that met it: it waits here to be asked for. The store goes on in memory after
+  // a failure so that the session is not lost.
+  Status takeWriteFailure();
 
   void setDatabaseStructure(const std::string& structure) override;
   std::string obtainDatabaseStructure() override;
@@ -46,9 +53,13 @@ class MemoryStore final : public IQORAssistantMemory {
 
  private:
   struct Statements;
-  void open();
-  void prepareLayout();
-  [[noreturn]] void throwOpenFailure() const;
+  MemoryStore(std::string path, std::string key);
+  Status load();
+  Status prepareLayout();
+  Status useWriteAheadLog();
+  Status resumeLatest();
+  Status prepareStatements();
+  Status openFailure() const;
   sqlite3_stmt* bindConversation();
   // Runs one write; on failure records it and stops writing. False when nothing was written.
   bool run(sqlite3_stmt* statement);
@@ -56,8 +67,8 @@ class MemoryStore final : public IQORAssistantMemory {
 
   sqlite3* db_ = nullptr;
   std::unique_ptr<Statements> statements_;
-  std::string key_;
   std::string path_;
+  std::string key_;
   std::int64_t conversationId_ = 0;
   std::size_t resumedEntries_ = 0;
   std::string structure_;
@@ -65,7 +76,7 @@ class MemoryStore final : public IQORAssistantMemory {
   // unchanged when the file stops accepting writes.
   std::vector<QORHistoryEntry> entries_;
   bool writable_ = true;
-  std::string writeFailure_;
+  Status writeFailure_;
 };
 
 }  // namespace qorchat

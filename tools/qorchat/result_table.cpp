@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "text.h"
+
 namespace qorchat {
 namespace {
 
@@ -11,43 +13,32 @@ constexpr std::string_view kReplacement = "\ufffd";  // �
 constexpr std::string_view kEllipsis = "\u2026";     // …
 constexpr std::string_view kNull = "NULL";
 
-bool isContinuation(unsigned char byte) {
-  return (byte & 0xC0) == 0x80;
+// One character of a cell as it is shown, and the columns it takes.
+struct Shown {
+  std::string_view text;
+  std::size_t columns;
+  std::size_t consumed;  // bytes of the value it stands for
+};
+
+bool isHidden(char32_t c) {
+  // C0 and C1 controls, DEL, bidirectional overrides and isolates.
+  return c < 0x20 || (c >= 0x7F && c <= 0x9F) || (c >= 0x202A && c <= 0x202E) ||
+         (c >= 0x2066 && c <= 0x2069);
 }
 
-// The length of the well-formed UTF-8 sequence at the start of text; 0 when it is not one.
-std::size_t sequenceLength(std::string_view text) {
-  const auto lead = static_cast<unsigned char>(text[0]);
-  std::size_t length = 0;
-  if (lead < 0x80) return 1;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-  } else {
-    return 0;
+// The character at the start of text, as a cell shows it: line breaks as "↵", a tab as a blank,
+// controls and bytes that start no well-formed sequence as "�".
+Shown shownAt(std::string_view text) {
+  const char c = text[0];
+  if (c == '\r' || c == '\n') {
+    return {kLineBreak, 1, (c == '\r' && text.size() > 1 && text[1] == '\n') ? 2u : 1u};
   }
-  if (text.size() < length) return 0;
-  for (std::size_t i = 1; i < length; ++i) {
-    if (!isContinuation(static_cast<unsigned char>(text[i]))) return 0;
-  }
-  const auto second = static_cast<unsigned char>(text[1]);
-  // Overlong forms, UTF-16 surrogates and code points past U+10FFFF.
-  if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second >= 0xA0) ||
-      (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second >= 0x90)) {
-    return 0;
-  }
-  return length;
-}
-
-// The length of the character at the start of text as a cell shows it; 0 for a control character
-// or a byte that starts no well-formed sequence, which both show as the replacement character.
-std::size_t printableLength(std::string_view text) {
-  const auto lead = static_cast<unsigned char>(text[0]);
-  if (lead < 0x20 || lead == 0x7F) return 0;
-  return sequenceLength(text);
+  if (c == '\t') return {" ", 1, 1};
+  const std::size_t length = text::utf8SequenceLength(text);
+  if (length == 0) return {kReplacement, 1, 1};
+  const char32_t codePoint = text::utf8CodePoint(text.substr(0, length));
+  if (isHidden(codePoint)) return {kReplacement, 1, length};
+  return {text.substr(0, length), text::columnsOf(codePoint), length};
 }
 
 std::string padded(const std::string& cell, std::size_t width) {
@@ -58,41 +49,28 @@ std::string padded(const std::string& cell, std::size_t width) {
 }  // namespace
 
 std::size_t ResultTable::widthOf(std::string_view text) {
-  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-    return !isContinuation(static_cast<unsigned char>(c));
-  }));
+  return text::displayWidth(text);
 }
 
 std::string ResultTable::fitted(std::string_view text, std::size_t width) {
   std::string out;
-  std::size_t characters = 0;
-  std::size_t beforeLast = 0;  // the length of out before its last character
+  std::size_t used = 0;
+  // Where out stood, and its width, while the ellipsis still fitted after it.
+  std::size_t cutAt = 0;
   std::size_t at = 0;
   while (at < text.size()) {
-    if (characters == width) {
-      // One more character follows: the last one shown gives way to the ellipsis.
+    const Shown shown = shownAt(text.substr(at));
+    if (used + shown.columns > width) {
+      // It does not fit: the cell ends in an ellipsis where one still fits.
       if (width == 0) return {};
-      out.resize(beforeLast);
+      out.resize(cutAt);
       out += kEllipsis;
       return out;
     }
-    const std::size_t start = out.size();
-    const char c = text[at];
-    if (c == '\r' || c == '\n') {
-      out += kLineBreak;
-      at += (c == '\r' && at + 1 < text.size() && text[at + 1] == '\n') ? 2 : 1;
-    } else if (c == '\t') {
-      out += ' ';
-      ++at;
-    } else if (const std::size_t length = printableLength(text.substr(at)); length == 0) {
-      out += kReplacement;
-      ++at;
-    } else {
-      out.append(text.substr(at, length));
-      at += length;
-    }
-    beforeLast = start;
-    ++characters;
+    out.append(shown.text);
+    used += shown.columns;
+    at += shown.consumed;
+    if (used + 1 <= width) cutAt = out.size();
   }
   return out;
 }

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "database.h"
+#include "db/database.h"
 
 namespace qorchat {
 
@@ -14,7 +14,7 @@ class ResultTable {
  public:
   // Rows shown at most; the rest are counted on a line of their own.
   static constexpr std::size_t kMaxRows = 100;
-  // The widest a cell is shown, in characters; longer values end in an ellipsis.
+  // The widest a cell is shown, in terminal columns; longer values end in an ellipsis.
   static constexpr std::size_t kMaxCellWidth = 40;
 
   explicit ResultTable(const StatementResult& result);
@@ -23,11 +23,11 @@ class ResultTable {
   // A statement without columns gives its closing line alone.
   std::string render() const;
 
-  // The text made safe for one table cell and cut to at most width characters (code points), the
-  // last one an ellipsis when it was cut. Line breaks become "↵", tabs blanks, other control
-  // characters and bytes that are not UTF-8 "�".
+  // The text made safe for one table cell and cut to at most width terminal columns (wide
+  // characters take two), ending in an ellipsis when it was cut. Line breaks become "↵", tabs
+  // blanks, other control characters, bidirectional controls and bytes that are not UTF-8 "�".
   static std::string fitted(std::string_view text, std::size_t width);
-  // The number of characters (code points) of valid UTF-8 text.
+  // The columns a fitted text takes on a terminal.
   static std::size_t widthOf(std::string_view text);
 
  private:

@@ -3,123 +3,46 @@
 
 #include <algorithm>
 #include <limits>
+#include <memory>
 #include <utility>
 
-#include "yl/yl_json.h"
+#include "qor.h"
+#include "text.h"
 
 namespace qorchat {
 namespace {
 
-constexpr std::size_t kInvalid = std::numeric_limits<std::size_t>::max();
-constexpr const char* kObjectKeys[3] = {"tables", "views", "mviews"};
-constexpr std::string_view kObjectKinds[3] = {"TABLE", "VIEW", "MATERIALIZED VIEW"};
+using text::equalsIgnoringCase;
+constexpr auto sameName = equalsIgnoringCase;
 
-// The library's digest, measured rather than written. Every rule here mirrors how it turns an
-// object into a line: a description it rejects leaves an empty line, a key it does not read
-// costs nothing.
-bool hasType(const YLJsonValue* value, YLJsonValueType type) {
-  return value != nullptr && value->obtainType() == type;
-}
+struct FreeObject {
+  void operator()(IQORObject* object) const { QORFreeObject(object); }
+};
 
-bool absentOr(const YLJsonValue* value, YLJsonValueType type) {
-  return value == nullptr || value->obtainType() == type;
-}
-
-std::size_t quotedBytes(const YLJsonValue* value) {
-  return value->obtainStringView().size() + 2;  // `name`
-}
-
-// "`a`, `b`"; kInvalid when an item is not a string.
-std::size_t columnListBytes(const YLJsonValue* columns) {
+// The bytes of a list of lines, each with the line break the text gives it.
+std::size_t linesBytes(const YLVariantList& lines) {
   std::size_t bytes = 0;
-  const std::size_t count = columns->obtainArraySize();
-  for (std::size_t i = 0; i < count; ++i) {
-    const YLJsonValue* column = columns->obtainArrayItem(i);
-    if (!hasType(column, YLJsonValueType::String)) return kInvalid;
-    bytes += (i > 0 ? 2 : 0) + quotedBytes(column);
-  }
+  for (const YLVariant& line : lines)
+    bytes += line.stringValue().size() + 1;
   return bytes;
 }
 
-// ", FOREIGN KEY(...) REFERENCES `s`.`t`(...)"; 0 for a key without columns.
-std::size_t foreignKeyBytes(const YLJsonValue* key) {
-  if (!hasType(key, YLJsonValueType::Object)) return kInvalid;
-  const YLJsonValue* fields = key->obtainKeyValue("fields");
-  const YLJsonValue* refSchema = key->obtainKeyValue("ref_schema");
-  const YLJsonValue* refTable = key->obtainKeyValue("ref_table");
-  const YLJsonValue* refFields = key->obtainKeyValue("ref_fields");
-  if (!hasType(fields, YLJsonValueType::Array) || !absentOr(refSchema, YLJsonValueType::String) ||
-      !hasType(refTable, YLJsonValueType::String) || !hasType(refFields, YLJsonValueType::Array)) {
-    return kInvalid;
-  }
-  if (fields->obtainArraySize() == 0 || refFields->obtainArraySize() == 0) return 0;
-  const std::size_t from = columnListBytes(fields);
-  if (from == kInvalid) return kInvalid;
-  const std::size_t to = columnListBytes(refFields);
-  if (to == kInvalid) return kInvalid;
-  return std::string_view(", FOREIGN KEY(").size() + from +
-         std::string_view(") REFERENCES ").size() + (refSchema ? quotedBytes(refSchema) + 1 : 0) +
-         quotedBytes(refTable) + 1 + to + 1;
+const YLVariantList* listAt(const YLVariantMap& map, const char* key) {
+  const auto found = map.find(key);
+  return found == map.end() ? nullptr : found->second.listPtr();
 }
 
-// "CREATE TABLE `schema`.`name` (`col` type, ..., PRIMARY KEY(...), FOREIGN KEY(...) ...)";
-// kInvalid for a description the library rejects.
-std::size_t statementBytes(std::string_view schemaName, std::string_view kind,
-                           const YLJsonValue* description) {
-  if (!hasType(description, YLJsonValueType::Object)) return kInvalid;
-  const YLJsonValue* name = description->obtainKeyValue("name");
-  const YLJsonValue* fields = description->obtainKeyValue("fields");
-  const YLJsonValue* primaryKeys = description->obtainKeyValue("pkeys");
-  const YLJsonValue* foreignKeys = description->obtainKeyValue("fkeys");
-  if (!hasType(name, YLJsonValueType::String) || !hasType(fields, YLJsonValueType::Array) ||
-      !absentOr(primaryKeys, YLJsonValueType::Array) ||
-      !absentOr(foreignKeys, YLJsonValueType::Array)) {
-    return kInvalid;
-  }
-  std::size_t bytes = std::string_view("CREATE ").size() + kind.size() + 1 +
-                      (schemaName.empty() ? 0 : schemaName.size() + 3) + quotedBytes(name) + 2;
-  const std::size_t fieldCount = fields->obtainArraySize();
-  if (fieldCount == 0) return bytes + 1;
-  for (std::size_t i = 0; i < fieldCount; ++i) {
-    const YLJsonValue* field = fields->obtainArrayItem(i);
-    if (!hasType(field, YLJsonValueType::Object)) return kInvalid;
-    const YLJsonValue* fieldName = field->obtainKeyValue("name");
-    const YLJsonValue* fieldType = field->obtainKeyValue("type");
-    if (!hasType(fieldName, YLJsonValueType::String) ||
-        !hasType(fieldType, YLJsonValueType::String)) {
-      return kInvalid;
-    }
-    bytes += (i > 0 ? 2 : 0) + quotedBytes(fieldName) + 1 + fieldType->obtainStringView().size();
-  }
-  if (primaryKeys != nullptr && primaryKeys->obtainArraySize() > 0) {
-    const std::size_t keys = columnListBytes(primaryKeys);
-    if (keys == kInvalid) return kInvalid;
-    bytes += std::string_view(", PRIMARY KEY(").size() + keys + 1;
-  }
-  if (foreignKeys != nullptr) {
-    const std::size_t count = foreignKeys->obtainArraySize();
-    for (std::size_t i = 0; i < count; ++i) {
-      const std::size_t key = foreignKeyBytes(foreignKeys->obtainArrayItem(i));
-      if (key == kInvalid) return kInvalid;
-      bytes += key;
-    }
-  }
-  return bytes + 1;
+std::string stringAt(const YLVariantMap& map, const char* key) {
+  const auto found = map.find(key);
+  return found == map.end() ? std::string() : found->second.stringValue();
 }
 
-std::string_view stringOf(const YLJsonValue* value) {
-  return value != nullptr ? value->obtainStringView() : std::string_view();
-}
-
-// Names match without regard to the case of ASCII letters, as SQL identifiers do.
-char lowerAscii(char c) {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + ('a' - 'A')) : c;
-}
-
-bool sameName(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return lowerAscii(x) == lowerAscii(y);
-         });
+// "c3" and "3.1", the ids structureJson gives catalogs and schemas, back to their places.
+std::size_t numberAfter(std::string_view text, std::size_t from) {
+  std::size_t number = 0;
+  for (std::size_t i = from; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i)
+    number = number * 10 + static_cast<std::size_t>(text[i] - '0');
+  return number;
 }
 
 // FNV-1a over the lower-case bytes.
@@ -131,7 +54,7 @@ class NameHash {
     return *this;
   }
   NameHash& add(char c) {
-    value_ ^= static_cast<unsigned char>(lowerAscii(c));
+    value_ ^= static_cast<unsigned char>(text::lowerAscii(c));
     value_ *= 1099511628211ULL;
     return *this;
   }
@@ -203,130 +126,107 @@ std::vector<Token> scan(std::string_view text) {
   return tokens;
 }
 
-std::string withSeparators(std::size_t number) {
-  std::string digits = std::to_string(number);
-  for (std::size_t at = digits.size(); at > 3; at -= 3)
-    digits.insert(at - 3, ",");
-  return digits;
+}  // namespace
+
+namespace {
+
+// The first relation of each schema, by catalog, in the order of relationPlaces; and the count.
+std::vector<std::vector<std::size_t>> firstRelations(const Structure& structure,
+                                                     std::size_t& count) {
+  std::vector<std::vector<std::size_t>> first(structure.catalogs.size());
+  count = 0;
+  for (std::size_t c = 0; c < structure.catalogs.size(); ++c) {
+    for (const Schema& schema : structure.catalogs[c].schemas) {
+      first[c].push_back(count);
+      for (const auto& kind : schema.relations)
+        count += kind.size();
+    }
+  }
+  return first;
 }
 
-// Copies a member as it was given: "key":value,
-void appendMember(std::string& out, const YLJsonValue* object, std::string_view key) {
-  const YLJsonValue* value = object->obtainKeyValue(key);
-  if (value == nullptr) return;
-  out += '"';
-  out += key;
-  out += "\":";
-  value->appendJsonString(out);
-  out += ',';
+// The tree of lines the library makes of the structure, from a scratch assistant with a memory of
+// its own: the user's conversation is not touched.
+YLVariant libraryTree(const Structure& structure) {
+  const std::unique_ptr<IQORAssistant, FreeObject> scratch(
+      QORCreateAssistant(QORAssistantType::OLLAMA, new YLHTTPPoolCenter, "", "", nullptr));
+  scratch->updateProperties([&](IQORProperties* properties) {
+    properties->setValue("db_structure", YLVariant(structureJson(structure)));
+  });
+  const std::unique_ptr<IQORProperties, FreeObject> properties(scratch->obtainProperties());
+  return properties->obtainValue("db_structure");
 }
 
 }  // namespace
 
-SchemaScope::SchemaScope(std::string structure, std::size_t budget)
-    : whole_(std::move(structure)), budget_(budget) {
-  if (budget_ > 0) index();
+DigestSizes measureDigest(const Structure& structure) {
+  DigestSizes sizes;
+  sizes.catalogLines.assign(structure.catalogs.size(), 0);
+  std::size_t relations = 0;
+  const std::vector<std::vector<std::size_t>> first = firstRelations(structure, relations);
+  sizes.relationLines.assign(relations, 0);
+
+  // One schema's lines: one per object, tables, views and materialized views, in the order of
+  // relationPlaces.
+  const auto measureSchema = [&](std::size_t c, const YLVariantMap& schema) {
+    const YLVariantList* lines = listAt(schema, "instructions");
+    const std::string id = stringAt(schema, "schema_id");
+    const std::size_t s = numberAfter(id, id.find('.') + 1);
+    if (lines == nullptr || s >= first[c].size()) return;
+    for (std::size_t k = 0; k < lines->size() && first[c][s] + k < relations; ++k) {
+      const std::size_t bytes = (*lines)[k].stringValue().size() + 1;
+      sizes.relationLines[first[c][s] + k] = bytes;
+      sizes.total += bytes;
+    }
+  };
+
+  const YLVariant tree = libraryTree(structure);
+  if (tree.listPtr() == nullptr) return sizes;
+  for (const YLVariant& item : *tree.listPtr()) {
+    const YLVariantMap* catalog = item.mapPtr();
+    if (catalog == nullptr) continue;
+    const std::size_t c = numberAfter(stringAt(*catalog, "catalog_id"), 1);
+    if (c >= structure.catalogs.size()) continue;
+    if (const YLVariantList* lines = listAt(*catalog, "instructions")) {
+      sizes.catalogLines[c] = linesBytes(*lines);
+      sizes.total += sizes.catalogLines[c];
+    }
+    if (const YLVariantList* schemas = listAt(*catalog, "schemas")) {
+      for (const YLVariant& schema : *schemas) {
+        if (const YLVariantMap* map = schema.mapPtr()) measureSchema(c, *map);
+      }
+    }
+  }
+  return sizes;
 }
 
-SchemaScope::~SchemaScope() = default;
-
-void SchemaScope::index() {
-  document_ = std::make_unique<YLJson>(std::string_view(whole_));
-  if (!document_->getIsValidJson() || document_->obtainType() != YLJsonValueType::Array) {
-    document_.reset();
-    return;
-  }
-
-  // The walk of the library's digest: catalogs and schemas it passes over cost nothing, objects
-  // it rejects an empty line.
-  std::size_t total = 0;
-  const std::size_t catalogCount = document_->obtainArraySize();
-  for (std::size_t c = 0; c < catalogCount; ++c)
-    total += indexCatalog(document_->obtainArrayItem(c));
-  wholeDigestBytes_ = total;
-  fitsWhole_ = total <= budget_;
-  if (fitsWhole_) {
-    catalogs_.clear();
-    schemas_.clear();
-    objects_.clear();
-    document_.reset();
-    return;
-  }
-  // The document holds its own copy; the text is not needed again.
-  std::string().swap(whole_);
+SchemaScope::SchemaScope(const Structure& structure, std::size_t budget)
+    : structure_(structure), budget_(budget), places_(relationPlaces(structure)) {
+  if (budget_ == 0) return;
+  sizes_ = measureDigest(structure_);
+  fitsWhole_ = sizes_.total <= budget_;
+  if (fitsWhole_) return;
   indexNames();
   linkForeignKeys();
 }
 
-std::size_t SchemaScope::indexCatalog(const YLJsonValue* catalog) {
-  if (!hasType(catalog, YLJsonValueType::Object)) return 0;
-  const YLJsonValue* catalogName = catalog->obtainKeyValue("catalog_name");
-  const YLJsonValue* schemas = catalog->obtainKeyValue("schemas");
-  if (!absentOr(catalog->obtainKeyValue("catalog_id"), YLJsonValueType::String) ||
-      !absentOr(catalogName, YLJsonValueType::String) ||
-      !hasType(schemas, YLJsonValueType::Array)) {
-    return 0;
-  }
-  const auto catalogIndex = static_cast<std::uint32_t>(catalogs_.size());
-  const std::size_t lineBytes =
-      catalogName != nullptr
-          ? std::string_view("USE CATALOG ``\n").size() + stringOf(catalogName).size()
-          : 0;
-  catalogs_.push_back(Catalog{catalog, stringOf(catalogName), lineBytes});
-  std::size_t total = lineBytes;
-  const std::size_t schemaCount = schemas->obtainArraySize();
-  for (std::size_t s = 0; s < schemaCount; ++s)
-    total += indexSchema(schemas->obtainArrayItem(s), catalogIndex);
-  return total;
-}
-
-std::size_t SchemaScope::indexSchema(const YLJsonValue* schema, std::uint32_t catalogIndex) {
-  if (!hasType(schema, YLJsonValueType::Object)) return 0;
-  const YLJsonValue* schemaName = schema->obtainKeyValue("schema_name");
-  bool valid = absentOr(schema->obtainKeyValue("schema_id"), YLJsonValueType::String) &&
-               absentOr(schemaName, YLJsonValueType::String);
-  const YLJsonValue* lists[3];
-  for (int kind = 0; kind < 3; ++kind) {
-    lists[kind] = schema->obtainKeyValue(kObjectKeys[kind]);
-    valid = valid && absentOr(lists[kind], YLJsonValueType::Array);
-  }
-  if (!valid) return 0;
-  const auto schemaIndex = static_cast<std::uint32_t>(schemas_.size());
-  schemas_.push_back(Schema{catalogIndex, schema, stringOf(schemaName)});
-
-  std::size_t total = 0;
-  for (std::uint32_t kind = 0; kind < 3; ++kind) {
-    if (lists[kind] == nullptr) continue;
-    const std::size_t count = lists[kind]->obtainArraySize();
-    for (std::size_t o = 0; o < count; ++o) {
-      const YLJsonValue* object = lists[kind]->obtainArrayItem(o);
-      const std::size_t bytes = statementBytes(schemas_.back().name, kObjectKinds[kind], object);
-      // A rejected description leaves its empty line, and nothing that could be listed.
-      if (bytes == kInvalid) {
-        total += 1;
-        continue;
-      }
-      objects_.push_back(
-          Object{schemaIndex, kind, object, stringOf(object->obtainKeyValue("name")), bytes + 1});
-      total += bytes + 1;
-    }
-  }
-  return total;
+const Schema& SchemaScope::schemaOf(std::uint32_t id) const {
+  return structure_.catalogs[places_[id].catalog].schemas[places_[id].schema];
 }
 
 void SchemaScope::indexNames() {
-  smallestLine_ = kInvalid;
-  byName_.reserve(objects_.size());
-  byQualifiedName_.reserve(2 * objects_.size());
-  for (std::uint32_t id = 0; id < objects_.size(); ++id) {
-    const Object& object = objects_[id];
-    smallestLine_ = std::min(smallestLine_, object.lineBytes);
-    byName_.push_back(NameKey{NameHash().add(object.name).value(), id});
-    const Schema& schema = schemas_[object.schema];
-    for (const std::string_view qualifier : {schema.name, catalogs_[schema.catalog].name}) {
+  smallestLine_ = std::numeric_limits<std::size_t>::max();
+  byName_.reserve(places_.size());
+  byQualifiedName_.reserve(2 * places_.size());
+  for (std::uint32_t id = 0; id < places_.size(); ++id) {
+    smallestLine_ = std::min(smallestLine_, sizes_.relationLines[id]);
+    const std::string& name = relation(id).name;
+    byName_.push_back(NameKey{NameHash().add(name).value(), id});
+    for (const std::string_view qualifier :
+         {std::string_view(schemaOf(id).name),
+          std::string_view(structure_.catalogs[places_[id].catalog].name)}) {
       if (qualifier.empty()) continue;
-      byQualifiedName_.push_back(
-          NameKey{NameHash().add(qualifier).add('.').add(object.name).value(), id});
+      byQualifiedName_.push_back(NameKey{NameHash().add(qualifier).add('.').add(name).value(), id});
     }
   }
   std::sort(byName_.begin(), byName_.end());
@@ -334,8 +234,8 @@ void SchemaScope::indexNames() {
 }
 
 void SchemaScope::linkForeignKeys() {
-  // Objects by catalog, schema and name, without case: SQLite matches a reference that way.
-  const auto placeHash = [](std::uint32_t catalog, std::string_view schema, std::string_view name) {
+  // Relations by catalog, schema and name, without case: SQLite matches a reference that way.
+  const auto placeHash = [](std::size_t catalog, std::string_view schema, std::string_view name) {
     return NameHash()
         .add(std::to_string(catalog))
         .add('\x1f')
@@ -345,41 +245,32 @@ void SchemaScope::linkForeignKeys() {
         .value();
   };
   std::vector<NameKey> byPlace;
-  byPlace.reserve(objects_.size());
-  for (std::uint32_t id = 0; id < objects_.size(); ++id) {
-    const Schema& schema = schemas_[objects_[id].schema];
-    byPlace.push_back(NameKey{placeHash(schema.catalog, schema.name, objects_[id].name), id});
-  }
+  byPlace.reserve(places_.size());
+  for (std::uint32_t id = 0; id < places_.size(); ++id)
+    byPlace.push_back(
+        NameKey{placeHash(places_[id].catalog, schemaOf(id).name, relation(id).name), id});
   std::sort(byPlace.begin(), byPlace.end());
 
   std::vector<std::pair<std::uint32_t, std::uint32_t>> links;
-  for (std::uint32_t id = 0; id < objects_.size(); ++id) {
-    const YLJsonValue* keys = objects_[id].json->obtainKeyValue("fkeys");
-    if (keys == nullptr) continue;
-    const Schema& schema = schemas_[objects_[id].schema];
-    const std::size_t count = keys->obtainArraySize();
-    for (std::size_t k = 0; k < count; ++k) {
-      const YLJsonValue* key = keys->obtainArrayItem(k);
-      const YLJsonValue* refSchemaValue = key->obtainKeyValue("ref_schema");
-      const std::string_view refSchema =
-          refSchemaValue != nullptr ? stringOf(refSchemaValue) : schema.name;
-      const std::string_view refTable = stringOf(key->obtainKeyValue("ref_table"));
-      const std::uint64_t hash = placeHash(schema.catalog, refSchema, refTable);
+  for (std::uint32_t id = 0; id < places_.size(); ++id) {
+    const std::size_t catalog = places_[id].catalog;
+    for (const ForeignKey& key : relation(id).foreignKeys) {
+      const std::string_view refSchema = key.refSchema ? *key.refSchema : schemaOf(id).name;
+      const std::uint64_t hash = placeHash(catalog, refSchema, key.refTable);
       for (auto at = std::lower_bound(byPlace.begin(), byPlace.end(), NameKey{hash, 0});
            at != byPlace.end() && at->hash == hash; ++at) {
-        const Object& target = objects_[at->object];
-        if (schemas_[target.schema].catalog != schema.catalog ||
-            !sameName(schemas_[target.schema].name, refSchema) ||
-            !sameName(target.name, refTable)) {
+        if (places_[at->relation].catalog != catalog ||
+            !sameName(schemaOf(at->relation).name, refSchema) ||
+            !sameName(relation(at->relation).name, key.refTable)) {
           continue;
         }
-        if (at->object != id) links.emplace_back(id, at->object);
+        if (at->relation != id) links.emplace_back(id, at->relation);
         break;
       }
     }
   }
 
-  neighbourStart_.assign(objects_.size() + 1, 0);
+  neighbourStart_.assign(places_.size() + 1, 0);
   for (const auto& [from, to] : links) {
     ++neighbourStart_[from + 1];
     ++neighbourStart_[to + 1];
@@ -403,8 +294,8 @@ void SchemaScope::findNames(std::string_view text, Found&& found) const {
     bool any = false;
     for (auto at = std::lower_bound(keys.begin(), keys.end(), NameKey{hash, 0});
          at != keys.end() && at->hash == hash; ++at) {
-      if (!check(objects_[at->object])) continue;
-      found(at->object);
+      if (!check(at->relation)) continue;
+      found(at->relation);
       any = true;
     }
     return any;
@@ -418,10 +309,10 @@ void SchemaScope::findNames(std::string_view text, Found&& found) const {
         if (tokens[next].start != token.end + 1) continue;
         const std::string_view name = tokens[next].text;
         const std::uint64_t hash = NameHash().add(token.text).add('.').add(name).value();
-        const bool matched = report(byQualifiedName_, hash, [&](const Object& object) {
-          const Schema& schema = schemas_[object.schema];
-          const std::string_view catalog = catalogs_[schema.catalog].name;
-          return sameName(object.name, name) &&
+        const bool matched = report(byQualifiedName_, hash, [&](std::uint32_t id) {
+          const Schema& schema = schemaOf(id);
+          const std::string& catalog = structure_.catalogs[places_[id].catalog].name;
+          return sameName(relation(id).name, name) &&
                  ((!schema.name.empty() && sameName(schema.name, token.text)) ||
                   (!catalog.empty() && sameName(catalog, token.text)));
         });
@@ -431,22 +322,22 @@ void SchemaScope::findNames(std::string_view text, Found&& found) const {
     }
     if (qualified[t]) continue;
     report(byName_, NameHash().add(token.text).value(),
-           [&](const Object& object) { return sameName(object.name, token.text); });
+           [&](std::uint32_t id) { return sameName(relation(id).name, token.text); });
   }
 }
 
 SchemaScope::Choice SchemaScope::choose(const std::vector<std::string_view>& texts) const {
   Choice choice;
-  choice.total = objects_.size();
+  choice.total = places_.size();
   if (fitsWhole_) {
-    choice.structure = whole_;
-    choice.listed = objects_.size();
-    choice.digestBytes = wholeDigestBytes_;
+    choice.chosen.assign(places_.size(), true);
+    choice.listed = places_.size();
+    choice.digestBytes = sizes_.total;
     return choice;
   }
 
-  // The named objects in the order they were named, then their neighbours, breadth first.
-  std::vector<char> queued(objects_.size(), 0);
+  // The named relations in the order they were named, then their neighbours, breadth first.
+  std::vector<char> queued(places_.size(), 0);
   std::vector<std::uint32_t> order;
   for (const std::string_view text : texts) {
     findNames(text, [&](std::uint32_t id) {
@@ -465,18 +356,17 @@ SchemaScope::Choice SchemaScope::choose(const std::vector<std::string_view>& tex
     }
   }
 
-  // What fits, in that order, then the rest in theirs. An object too large for what is left
+  // What fits, in that order, then the rest in theirs. A relation too large for what is left
   // makes way for smaller ones after it.
-  std::vector<char> chosen(objects_.size(), 0);
-  std::vector<char> catalogListed(catalogs_.size(), 0);
+  choice.chosen.assign(places_.size(), false);
+  std::vector<char> catalogListed(structure_.catalogs.size(), 0);
   std::size_t used = 0;
   const auto offer = [&](std::uint32_t id) {
-    const Object& object = objects_[id];
-    const std::uint32_t catalog = schemas_[object.schema].catalog;
+    const std::size_t catalog = places_[id].catalog;
     const std::size_t cost =
-        object.lineBytes + (catalogListed[catalog] != 0 ? 0 : catalogs_[catalog].lineBytes);
+        sizes_.relationLines[id] + (catalogListed[catalog] != 0 ? 0 : sizes_.catalogLines[catalog]);
     if (cost > budget_ - used) return;
-    chosen[id] = 1;
+    choice.chosen[id] = true;
     catalogListed[catalog] = 1;
     used += cost;
     ++choice.listed;
@@ -485,64 +375,18 @@ SchemaScope::Choice SchemaScope::choose(const std::vector<std::string_view>& tex
     if (budget_ - used < smallestLine_) break;
     offer(id);
   }
-  for (std::uint32_t id = 0; id < objects_.size(); ++id) {
+  for (std::uint32_t id = 0; id < places_.size(); ++id) {
     if (budget_ - used < smallestLine_) break;
     if (queued[id] == 0) offer(id);
   }
   choice.digestBytes = used;
-  choice.structure = reducedStructure(chosen);
   return choice;
 }
 
-std::string SchemaScope::reducedStructure(const std::vector<char>& chosen) const {
-  // The chosen objects in their catalogs and schemas, each copied as it was given; catalogs and
-  // schemas left without objects are left out.
-  constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
-  std::string out = "[";
-  std::uint32_t catalog = kNone;
-  std::uint32_t schema = kNone;
-  std::uint32_t kind = kNone;
-  for (std::uint32_t id = 0; id < objects_.size(); ++id) {
-    if (chosen[id] == 0) continue;
-    const Object& object = objects_[id];
-    if (object.schema != schema) {
-      if (schema != kNone) out += "]}";
-      const Schema& next = schemas_[object.schema];
-      if (next.catalog != catalog) {
-        if (catalog != kNone) out += "]},";
-        catalog = next.catalog;
-        out += '{';
-        appendMember(out, catalogs_[catalog].json, "catalog_id");
-        appendMember(out, catalogs_[catalog].json, "catalog_name");
-        out += "\"schemas\":[";
-      } else {
-        out += ',';
-      }
-      schema = object.schema;
-      kind = kNone;
-      out += '{';
-      appendMember(out, next.json, "schema_id");
-      appendMember(out, next.json, "schema_name");
-    }
-    if (object.kind != kind) {
-      if (kind != kNone) out += "],";
-      kind = object.kind;
-      out += '"';
-      out += kObjectKeys[kind];
-      out += "\":[";
-    } else {
-      out += ',';
-    }
-    object.json->appendJsonString(out);
-  }
-  if (schema != kNone) out += "]}]}";
-  out += ']';
-  return out;
-}
-
 std::string SchemaScope::instruction(std::size_t listed, std::size_t total) {
-  return "The database has " + withSeparators(total) + " tables and views; the structure lists " +
-         withSeparators(listed) + " of them. Ask for others by name.";
+  return "The database has " + text::withSeparators(total) +
+         " tables and views; the structure lists " + text::withSeparators(listed) +
+         " of them. Ask for others by name.";
 }
 
 }  // namespace qorchat

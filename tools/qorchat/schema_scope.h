@@ -1,54 +1,52 @@
 #pragma once
-// Keeps the structure the model sees within a budget of digest bytes. While the whole structure
-// fits, it goes untouched. Past the budget, each question gets a choice: the tables and views it
-// and the recent history name, then their foreign-key neighbours (both directions, breadth first),
-// then the rest in their order, as long as they fit.
+// Keeps the structure the model sees within a budget of structure-text bytes. While the whole
+// structure fits, it goes untouched. Past the budget, each question gets a choice: the tables and
+// views it and the recent history name, then their foreign-key neighbours (both directions,
+// breadth first), then the rest in their order, as long as they fit.
 //
-// The digest is the text the library makes of the structure: a "USE CATALOG `x`" line for each
-// catalog and a "CREATE TABLE `schema`.`name` (...)" line for each object. Its size is computed
-// exactly from each object's JSON, so the chosen structure never yields more than the budget.
-// The structure is parsed and indexed once; a choice only walks the index.
+// The sizes are the library's own: the structure is handed once to a scratch assistant, and the
+// line of each catalog and object is read back from the tree of lines it makes. Nothing here
+// knows how the library writes a line, so a chosen structure never yields more than the budget.
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
-class YLJson;
-class YLJsonValue;
+#include "db/structure.h"
 
 namespace qorchat {
 
+// What the library's structure text costs, line by line, each with its line break.
+struct DigestSizes {
+  std::vector<std::size_t> catalogLines;   // by catalog; 0 for one that gives no line
+  std::vector<std::size_t> relationLines;  // by relation, in the order of relationPlaces
+  std::size_t total = 0;                   // the whole text
+};
+
+// Measures the structure as the library writes it.
+DigestSizes measureDigest(const Structure& structure);
+
 class SchemaScope {
  public:
-  // What one question gets.
   struct Choice {
-    std::string structure;        // db_structure JSON with the chosen objects, in their order
-    std::size_t listed = 0;       // tables and views it lists
+    std::vector<bool> chosen;     // by relation, in the order of relationPlaces
+    std::size_t listed = 0;       // tables and views chosen
     std::size_t total = 0;        // tables and views the database has
-    std::size_t digestBytes = 0;  // the size of the digest the library makes of it
+    std::size_t digestBytes = 0;  // the size of the text the library makes of the choice
   };
 
-  // A budget of 0 means no limit. A text that is not a JSON array is passed on untouched.
-  SchemaScope(std::string structure, std::size_t budget);
-  ~SchemaScope();
-  SchemaScope(const SchemaScope&) = delete;
-  SchemaScope& operator=(const SchemaScope&) = delete;
+  // The structure must outlive the scope. A budget of 0 means no limit.
+  SchemaScope(const Structure& structure, std::size_t budget);
 
-  // True when the whole structure fits the budget: it goes as given and nothing is chosen.
+  // True when the whole structure fits the budget: it goes whole and nothing is chosen.
   bool fitsWhole() const { return fitsWhole_; }
-  // The structure as given; empty unless it fits whole.
-  const std::string& wholeStructure() const { return whole_; }
-  // The size of the whole structure's digest (0 when it fits and was not measured: no budget).
-  std::size_t wholeDigestBytes() const { return wholeDigestBytes_; }
-  // Tables, views and materialized views that can be listed; 0 when the whole structure fits,
-  // since nothing is indexed then.
-  std::size_t objectCount() const { return objects_.size(); }
+  std::size_t wholeDigestBytes() const { return sizes_.total; }
+  std::size_t relationCount() const { return places_.size(); }
 
   // The choice for a question. texts name what is wanted, most wanted first: the question, then
-  // the history, newest first. Only for a structure that does not fit whole.
+  // the history, newest first.
   Choice choose(const std::vector<std::string_view>& texts) const;
 
   // What the model is told when the structure was reduced: "The database has 2,315 tables and
@@ -56,59 +54,34 @@ class SchemaScope {
   static std::string instruction(std::size_t listed, std::size_t total);
 
  private:
-  // Names are views into the document.
-  struct Catalog {
-    const YLJsonValue* json;
-    std::string_view name;
-    std::size_t lineBytes;  // its USE CATALOG line; 0 when it has no name
-  };
-  struct Schema {
-    std::uint32_t catalog;
-    const YLJsonValue* json;
-    std::string_view name;
-  };
-  struct Object {
-    std::uint32_t schema;
-    std::uint32_t kind;  // 0 tables, 1 views, 2 mviews
-    const YLJsonValue* json;
-    std::string_view name;
-    std::size_t lineBytes;  // its CREATE line with the line break
-  };
-  // A hash of a name without case, and the object so named. Kept sorted, so that a lookup is a
-  // binary search and the index costs no allocation per name; a match is confirmed on the names.
+  // A hash of a name without case, and the relation so named. Kept sorted, so that a lookup is a
+  // binary search; a match is confirmed on the names.
   struct NameKey {
     std::uint64_t hash;
-    std::uint32_t object;
+    std::uint32_t relation;
     bool operator<(const NameKey& other) const {
-      return hash != other.hash ? hash < other.hash : object < other.object;
+      return hash != other.hash ? hash < other.hash : relation < other.relation;
     }
   };
 
-  void index();
-  // Lists the catalog's schemas and objects; its digest's bytes, 0 for one the digest passes over.
-  std::size_t indexCatalog(const YLJsonValue* catalog);
-  std::size_t indexSchema(const YLJsonValue* schema, std::uint32_t catalogIndex);
-  // The name keys of the objects listed, sorted.
   void indexNames();
   void linkForeignKeys();
-  // Calls found(object) for every object the text names, in the order of the text.
+  const Relation& relation(std::uint32_t id) const { return relationAt(structure_, places_[id]); }
+  const Schema& schemaOf(std::uint32_t id) const;
+  // Calls found(relation) for every relation the text names, in the order of the text.
   template <typename Found>
   void findNames(std::string_view text, Found&& found) const;
-  std::string reducedStructure(const std::vector<char>& chosen) const;
 
-  std::string whole_;
-  std::unique_ptr<YLJson> document_;
+  const Structure& structure_;
   std::size_t budget_;
+  std::vector<RelationPlace> places_;
+  DigestSizes sizes_;
   bool fitsWhole_ = true;
-  std::size_t wholeDigestBytes_ = 0;
-  std::vector<Catalog> catalogs_;
-  std::vector<Schema> schemas_;
-  std::vector<Object> objects_;
   std::size_t smallestLine_ = 0;
-  // "name", and "schema.name" or "catalog.name", to the objects so named.
+  // "name", and "schema.name" or "catalog.name", to the relations so named.
   std::vector<NameKey> byName_;
   std::vector<NameKey> byQualifiedName_;
-  // Foreign-key neighbours of object i, both directions: neighbours_[neighbourStart_[i] ...
+  // Foreign-key neighbours of relation i, both directions: neighbours_[neighbourStart_[i] ...
   // neighbourStart_[i + 1]).
   std::vector<std::uint32_t> neighbourStart_;
   std::vector<std::uint32_t> neighbours_;

@@ -5,23 +5,13 @@
 #include <array>
 #include <optional>
 
+#include "text.h"
+
 namespace qorchat {
 namespace {
 
 constexpr std::array<std::string_view, 6> kSqlLanguages = {"sql",      "sqlite",     "sqlite3",
                                                            "postgres", "postgresql", "pgsql"};
-
-bool isBlank(char c) {
-  return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f' || c == '\v';
-}
-
-std::string_view trimmed(std::string_view text) {
-  while (!text.empty() && isBlank(text.front()))
-    text.remove_prefix(1);
-  while (!text.empty() && isBlank(text.back()))
-    text.remove_suffix(1);
-  return text;
-}
 
 std::size_t indentation(std::string_view line) {
   std::size_t count = 0;
@@ -45,7 +35,7 @@ std::optional<Fence> fenceOf(std::string_view line) {
   const char mark = line.front();
   const std::size_t length = std::min(line.find_first_not_of(mark), line.size());
   if (length < 3) return std::nullopt;
-  const std::string_view info = trimmed(line.substr(length));
+  const std::string_view info = text::trimmed(line.substr(length));
   // A backtick in the rest makes the line inline code, such as ```SELECT 1```.
   if (mark == '`' && info.find('`') != std::string_view::npos) return std::nullopt;
   return Fence{mark, length, indent, info};
@@ -75,7 +65,7 @@ SqlBlocks::SqlBlocks(std::string_view reply) {
   const auto finish = [&] {
     while (!block.empty() && (block.back() == '\n' || block.back() == '\r'))
       block.pop_back();
-    if (wanted && !trimmed(block).empty()) blocks_.push_back(std::move(block));
+    if (wanted && !text::trimmed(block).empty()) blocks_.push_back(std::move(block));
     block.clear();
     open.reset();
   };
@@ -104,21 +94,6 @@ SqlBlocks::SqlBlocks(std::string_view reply) {
     block += '\n';
   }
   if (open) finish();
-}
-
-std::string SqlBlocks::oneLine(std::string_view text) {
-  std::string line;
-  bool gap = false;
-  for (const char c : trimmed(text)) {
-    if (isBlank(c)) {
-      gap = true;
-      continue;
-    }
-    if (gap) line += ' ';
-    gap = false;
-    line += c;
-  }
-  return line;
 }
 
 }  // namespace qorchat

@@ -25,9 +25,6 @@ class SqlBlocks {
   // The block's text without its fences, its last line break removed. index < size().
   const std::string& operator[](std::size_t index) const { return blocks_[index]; }
 
-  // The text on one line: every run of white space made one blank, none at either end.
-  static std::string oneLine(std::string_view text);
-
  private:
   std::vector<std::string> blocks_;
 };

@@ -27,12 +27,16 @@ class [[nodiscard]] Status {
 
   Status() = default;
   static Status ok() { return {}; }
-  static Status invalidInput(std::string message) { return {Kind::kInvalidInput, std::move(message)}; }
+  static Status invalidInput(std::string message) {
+    return {Kind::kInvalidInput, std::move(message)};
+  }
   static Status ioError(std::string message) { return {Kind::kIoError, std::move(message)}; }
   static Status database(std::string message) { return {Kind::kDatabase, std::move(message)}; }
   static Status refused(std::string message) { return {Kind::kRefused, std::move(message)}; }
   static Status service(std::string message) { return {Kind::kService, std::move(message)}; }
-  static Status unreachable(std::string message) { return {Kind::kUnreachable, std::move(message)}; }
+  static Status unreachable(std::string message) {
+    return {Kind::kUnreachable, std::move(message)};
+  }
   static Status timedOut(std::string message) { return {Kind::kTimedOut, std::move(message)}; }
   static Status cancelled(std::string message) { return {Kind::kCancelled, std::move(message)}; }
 
@@ -52,7 +56,7 @@ class [[nodiscard]] Status {
 template <typename T>
 class [[nodiscard]] Result {
  public:
-  Result(T value) : state_(std::move(value)) {}  // NOLINT(google-explicit-constructor)
+  Result(T value) : state_(std::move(value)) {}           // NOLINT(google-explicit-constructor)
   Result(Status failure) : state_(std::move(failure)) {}  // NOLINT(google-explicit-constructor)
 
   bool isOk() const { return std::holds_alternative<T>(state_); }

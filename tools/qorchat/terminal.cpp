@@ -2,7 +2,9 @@
 #include "terminal.h"
 
 #include <editline/readline.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -47,7 +49,14 @@ LineReader::LineReader(bool editing, std::string historyFile)
   rl_readline_name = "qorchat";
   using_history();
   stifle_history(1000);
-  if (!historyFile_.empty()) read_history(historyFile_.c_str());
+  if (historyFile_.empty()) return;
+  // What was typed is the user's alone, whatever the umask: made private before libedit writes it.
+  const int fd = ::open(historyFile_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+  if (fd >= 0) {
+    ::fchmod(fd, S_IRUSR | S_IWUSR);
+    ::close(fd);
+  }
+  read_history(historyFile_.c_str());
 }
 
 LineReader::~LineReader() {

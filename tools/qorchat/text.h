@@ -28,4 +28,19 @@ char lowerAscii(char c);
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
 bool startsWith(std::string_view text, std::string_view prefix);
 
+// The length of the well-formed UTF-8 sequence at the start of text (1 to 4); 0 when it starts
+// with no such sequence (a stray byte, an overlong form, a surrogate, past U+10FFFF) or is empty.
+std::size_t utf8SequenceLength(std::string_view text);
+// The text with every byte that starts no well-formed sequence replaced by U+FFFD.
+std::string validUtf8(std::string_view text);
+// The code point of a well-formed sequence of that length.
+char32_t utf8CodePoint(std::string_view sequence);
+// The columns a terminal gives a printable character: 2 for wide ones (CJK, most emoji), 0 for
+// combining marks, else 1. The same whatever the user's locale.
+std::size_t columnsOf(char32_t codePoint);
+// The columns of a text of printable characters (one made safe for the terminal).
+std::size_t displayWidth(std::string_view text);
+// Appends the UTF-8 form of a code point.
+void appendUtf8(std::string& out, char32_t codePoint);
+
 }  // namespace qorchat::text

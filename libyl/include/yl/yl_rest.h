@@ -141,6 +141,14 @@ class YL_EXPORT YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
   // session without a YLHTTPPoolCenter cannot be cancelled.
   void cancel() noexcept;
 
+  // The result code of the latest exchange that ended on this pool (YLErrorCode: kSuccess, an
+  // HTTP status, kCurlCodeBase plus a CURLcode, kCancelled...); kSuccess before the first. A host
+  // that holds only a failure text tells a transport failure from a service's answer by it, and
+  // by the count of exchanges ended whether a call sent anything at all. Read them on the
+  // pool's own thread, between exchanges.
+  std::int32_t lastExchangeCode() const noexcept { return lastExchangeCode_.load(); }
+  std::uint64_t exchangesEnded() const noexcept { return exchangesEnded_.load(); }
+
  private:
   friend class YLPoolExchange;  // the client's side of cancel()
 
@@ -151,6 +159,8 @@ class YL_EXPORT YLHTTPPoolCenter final : public IYLHTTPPoolCenter {
   void* multi_ = nullptr;
   // Idle, running an exchange, or running one that is to be cancelled.
   std::atomic<int> exchangeState_{0};
+  std::atomic<std::int32_t> lastExchangeCode_{0};
+  std::atomic<std::uint64_t> exchangesEnded_{0};
   // A non-blocking pipe: cancel() writes a byte to wake the exchange's wait at once.
   int wakeRead_ = -1;
   int wakeWrite_ = -1;

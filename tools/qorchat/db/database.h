@@ -19,8 +19,18 @@ struct StatementResult {
   std::string statement;  // the statement's text as run
   std::vector<std::string> columns;
   std::vector<std::vector<std::optional<std::string>>> rows;  // at most the rows asked for
-  std::size_t rowCount = 0;  // every row the statement returned, shown or not
-  Status status;             // the database's own text when the statement failed
+  std::size_t rowCount = 0;  // the rows the statement returned, kept or not
+  // False when the count stopped early (the time limit or Ctrl-C came after rows had arrived):
+  // the rows kept stand, and rowCount is only a lower bound.
+  bool allCounted = true;
+  Status status;  // the database's own text when the statement failed
+};
+
+// How much of a result is kept. Values are cut as they are read, at a character boundary, so that
+// a row of huge values costs no more than the rows shown need.
+struct RunLimits {
+  std::size_t maxRows = 100;
+  std::size_t maxValueBytes = 4096;
 };
 
 // How statements of runReadOnly are bounded.
@@ -38,10 +48,10 @@ class Database {
   // A short name for people, such as the file name.
   virtual std::string displayName() const = 0;
   // Runs the statements of sql in order, read-only by the database's own means, until one fails;
-  // keeps at most maxRows rows of each. The last result carries the failure, if any. A failure of
-  // the connection itself (nothing to fix in the statement) is the Status.
+  // keeps what the limits allow of each. The last result carries the failure, if any. A failure
+  // of the connection itself, or a run refused whole, is the Status.
   virtual Result<std::vector<StatementResult>> runReadOnly(const std::string& sql,
-                                                           std::size_t maxRows) = 0;
+                                                           const RunLimits& limits) = 0;
   // Stops the statement runReadOnly is running, called from another thread (Ctrl-C); the
   // statement then fails with the database's own text. Does nothing while none runs.
   virtual void interrupt() = 0;

@@ -33,7 +33,8 @@ void addRelation(YLJsonValue* objects, const Relation& relation) {
   for (const ForeignKey& foreignKey : relation.foreignKeys) {
     YLJsonValue* entry = keys->addArrayItem();
     addStrings(entry->addKeyValue("fields"), foreignKey.fields);
-    if (foreignKey.refSchema) entry->addKeyValue("ref_schema")->setStringValue(*foreignKey.refSchema);
+    if (foreignKey.refSchema)
+      entry->addKeyValue("ref_schema")->setStringValue(*foreignKey.refSchema);
     entry->addKeyValue("ref_table")->setStringValue(foreignKey.refTable);
     addStrings(entry->addKeyValue("ref_fields"), foreignKey.refFields);
   }
@@ -62,52 +63,74 @@ const Relation& relationAt(const Structure& structure, const RelationPlace& plac
       .relations[static_cast<std::size_t>(place.kind)][place.index];
 }
 
-std::string structureJson(const Structure& structure, const std::vector<bool>* chosen) {
-  // The whole structure keeps its empty catalogs and schemas, as the database has them (an empty
-  // catalog still gives its USE CATALOG line); a choice keeps only what holds a chosen relation.
-  const bool whole = chosen == nullptr;
-  YLJson root;
-  root.setArrayType();
-  std::size_t id = 0;  // the relation's place in the order of relationPlaces
-  for (std::size_t c = 0; c < structure.catalogs.size(); ++c) {
-    const Catalog& catalog = structure.catalogs[c];
-    YLJsonValue* schemaList = nullptr;
-    const auto openCatalog = [&] {
-      if (schemaList != nullptr) return;
-      YLJsonValue* json = root.addArrayItem();
-      json->addKeyValue("catalog_id")->setStringValue("c" + std::to_string(c));
-      json->addKeyValue("catalog_name")->setStringValue(catalog.name);
-      schemaList = json->addKeyValue("schemas");
-      schemaList->setArrayType();
-    };
-    if (whole) openCatalog();
-    for (std::size_t s = 0; s < catalog.schemas.size(); ++s) {
-      const Schema& schema = catalog.schemas[s];
-      YLJsonValue* schemaJson = nullptr;
-      const auto openSchema = [&] {
-        if (schemaJson != nullptr) return;
-        openCatalog();
-        schemaJson = schemaList->addArrayItem();
-        schemaJson->addKeyValue("schema_id")->setStringValue(std::to_string(c) + "." +
-                                                             std::to_string(s));
-        if (!schema.name.empty()) schemaJson->addKeyValue("schema_name")->setStringValue(schema.name);
-      };
-      if (whole) openSchema();
-      for (std::size_t kind = 0; kind < kRelationKinds; ++kind) {
-        YLJsonValue* objects = nullptr;
-        for (const Relation& relation : schema.relations[kind]) {
-          if (!whole && !(*chosen)[id++]) continue;
-          if (objects == nullptr) {
-            openSchema();
-            objects = schemaJson->addKeyValue(kKindKeys[kind]);
-            objects->setArrayType();
-          }
-          addRelation(objects, relation);
+namespace {
+
+// Writes catalogs and schemas as they are first needed: the whole structure keeps its empty ones,
+// as the database has them (an empty catalog still gives its USE CATALOG line); a choice keeps
+// only those that hold a chosen relation.
+class StructureWriter {
+ public:
+  explicit StructureWriter(const std::vector<bool>* chosen) : chosen_(chosen) {
+    root_.setArrayType();
+  }
+
+  void writeCatalog(const Catalog& catalog, std::size_t c) {
+    schemaList_ = nullptr;
+    if (chosen_ == nullptr) openCatalog(catalog, c);
+    for (std::size_t s = 0; s < catalog.schemas.size(); ++s)
+      writeSchema(catalog, c, s);
+  }
+
+  std::string text() const { return root_.obtainJsonString(); }
+
+ private:
+  void openCatalog(const Catalog& catalog, std::size_t c) {
+    if (schemaList_ != nullptr) return;
+    YLJsonValue* json = root_.addArrayItem();
+    json->addKeyValue("catalog_id")->setStringValue("c" + std::to_string(c));
+    json->addKeyValue("catalog_name")->setStringValue(catalog.name);
+    schemaList_ = json->addKeyValue("schemas");
+    schemaList_->setArrayType();
+  }
+
+  YLJsonValue* openSchema(const Catalog& catalog, std::size_t c, std::size_t s) {
+    openCatalog(catalog, c);
+    YLJsonValue* json = schemaList_->addArrayItem();
+    json->addKeyValue("schema_id")->setStringValue(std::to_string(c) + "." + std::to_string(s));
+    const std::string& name = catalog.schemas[s].name;
+    if (!name.empty()) json->addKeyValue("schema_name")->setStringValue(name);
+    return json;
+  }
+
+  void writeSchema(const Catalog& catalog, std::size_t c, std::size_t s) {
+    YLJsonValue* schemaJson = chosen_ == nullptr ? openSchema(catalog, c, s) : nullptr;
+    for (std::size_t kind = 0; kind < kRelationKinds; ++kind) {
+      YLJsonValue* objects = nullptr;
+      for (const Relation& relation : catalog.schemas[s].relations[kind]) {
+        if (chosen_ != nullptr && !(*chosen_)[next_++]) continue;
+        if (schemaJson == nullptr) schemaJson = openSchema(catalog, c, s);
+        if (objects == nullptr) {
+          objects = schemaJson->addKeyValue(kKindKeys[kind]);
+          objects->setArrayType();
         }
+        addRelation(objects, relation);
       }
     }
   }
-  return root.obtainJsonString();
+
+  const std::vector<bool>* chosen_;
+  YLJson root_;
+  YLJsonValue* schemaList_ = nullptr;
+  std::size_t next_ = 0;  // the next relation's place in the order of relationPlaces
+};
+
+}  // namespace
+
+std::string structureJson(const Structure& structure, const std::vector<bool>* chosen) {
+  StructureWriter writer(chosen);
+  for (std::size_t c = 0; c < structure.catalogs.size(); ++c)
+    writer.writeCatalog(structure.catalogs[c], c);
+  return writer.text();
 }
 
 }  // namespace qorchat

@@ -65,7 +65,6 @@ const Relation& relationAt(const Structure& structure, const RelationPlace& plac
 // relationPlaces), only the chosen relations, and the catalogs and schemas that hold them. Each
 // catalog and schema carries an id ("c0", "s0.1") that the library copies into the tree it hands
 // back and never into the text: the tree's lines can be traced back to the relations.
-std::string structureJson(const Structure& structure,
-                          const std::vector<bool>* chosen = nullptr);
+std::string structureJson(const Structure& structure, const std::vector<bool>* chosen = nullptr);
 
 }  // namespace qorchat

@@ -1,0 +1,181 @@
+// Tests what every engine promises through the Database interface, opened as qorchat opens it:
+// the structure the model is told, statements run in order until one fails, no write getting
+// through, and a statement stopped by its time limit or by Ctrl-C without harm to the next.
+#include <chrono>
+#include <thread>
+
+#include "db/postgres.h"
+#include "db/sqlite.h"
+#include "helpers.h"
+#include "postgres_cluster.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using qorchat::Status;
+using qortest::ran;
+using qortest::Rows;
+using Lines = std::vector<std::string>;
+
+// Where the engines' words differ.
+struct Words {
+  const char* prefix;  // before a relation's name in the structure text
+  const char* unknownColumn;
+  const char* insertRefused;
+  const char* timedOut;  // at a limit of 300 ms
+  const char* interrupted;
+  const char* endless;   // a statement that runs until it is stopped
+  bool failedTakesRest;  // a statement that does not compile has no known end
+};
+
+struct SqliteEngine {
+  using Class = qorchat::SqliteDatabase;
+  static constexpr Words kWords{
+      "",
+      "no such column: nosuch",
+      "attempt to write a readonly database",
+      "statement timeout: stopped after 300 ms (--statement-timeout SECONDS changes the limit)",
+      "interrupted",
+      "WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) SELECT count(*) FROM c",
+      true};
+  SqliteEngine() { qortest::sqlite(path, ""); }
+  std::string catalog() const { return "main"; }
+  std::string target() const { return path.string(); }
+  std::string scalar(const std::string& sql) const { return qortest::sqlite(path, sql); }
+
+  qortest::TempDir dir;
+  std::filesystem::path path = dir.path / "test.db";
+};
+
+struct PostgresEngine {
+  using Class = qorchat::PostgresDatabase;
+  static constexpr Words kWords{"`public`.",
+                                R"(column "nosuch" does not exist)",
+                                "cannot execute INSERT in a read-only transaction",
+                                "canceling statement due to statement timeout",
+                                "canceling statement due to user request",
+                                "SELECT pg_sleep(10)",
+                                false};
+  std::string catalog() const { return database; }
+  std::string target() const { return cluster.conninfo(database); }
+  std::string scalar(const std::string& sql) const {
+    const auto rows = cluster.query(sql, database);
+    return rows.empty() ? "" : rows[0].at(0);
+  }
+
+  qortest::PostgresCluster& cluster = qortest::PostgresCluster::shared();
+  std::string database = cluster.createDatabase();
+};
+
+template <typename Engine>
+class DatabaseContract : public ::testing::Test {
+ protected:
+  static constexpr const Words& kWords = Engine::kWords;
+
+  // Made by the engine's own means, then opened as qorchat opens --db.
+  std::unique_ptr<qorchat::Database> open(const std::string& sql,
+                                          qorchat::DatabaseSettings settings = {}) {
+    if (!sql.empty()) engine_.scalar(sql);
+    auto database = qortest::opened(qorchat::openDatabase(engine_.target(), settings));
+    EXPECT_NE(dynamic_cast<typename Engine::Class*>(database.get()), nullptr);
+    return database;
+  }
+
+  Engine engine_;
+};
+
+using Engines = ::testing::Types<SqliteEngine, PostgresEngine>;
+TYPED_TEST_SUITE(DatabaseContract, Engines);
+
+TYPED_TEST(DatabaseContract, DescribesTablesViewsAndKeysInOrder) {
+  // Types that both engines write as declared.
+  const auto database = this->open(R"(
+    CREATE TABLE owners (a bigint, b date, PRIMARY KEY (b, a));
+    CREATE TABLE pets (id bigint PRIMARY KEY, oa bigint, ob date,
+                       FOREIGN KEY (ob, oa) REFERENCES owners (b, a));
+    CREATE VIEW tags AS SELECT b, id FROM pets JOIN owners ON oa = a;)");
+  const std::string prefix = this->kWords.prefix;
+  EXPECT_EQ(
+      qortest::describedLines(*database),
+      (Lines{"USE CATALOG `" + this->engine_.catalog() + "`",
+             "CREATE TABLE " + prefix + "`owners` (`a` bigint, `b` date, PRIMARY KEY(`b`, `a`))",
+             "CREATE TABLE " + prefix +
+                 "`pets` (`id` bigint, `oa` bigint, `ob` date, PRIMARY KEY(`id`), "
+                 "FOREIGN KEY(`ob`, `oa`) REFERENCES " +
+                 prefix + "`owners`(`b`, `a`))",
+             "CREATE VIEW " + prefix + "`tags` (`b` date, `id` bigint)"}));
+}
+
+TYPED_TEST(DatabaseContract, RunsStatementsInOrderUntilOneFails) {
+  const auto database = this->open(
+      "CREATE TABLE notes (id integer, body text); INSERT INTO notes VALUES (1, NULL), (2, 'two'), "
+      "(3, 'three');");
+  const auto results = ran(*database,
+                           "  SELECT id, body FROM notes ORDER BY id; -- first\n"
+                           "SELECT count(*) AS n FROM notes WHERE body IS NULL;\n"
+                           "SELECT nosuch FROM notes;\nSELECT 'never run';",
+                           2);
+  ASSERT_EQ(results.size(), 3u);
+  EXPECT_EQ(results[0].statement, "SELECT id, body FROM notes ORDER BY id;");
+  EXPECT_EQ(results[0].columns, (Lines{"id", "body"}));
+  // Every row is counted; only the first are kept.
+  EXPECT_EQ(results[0].rows, (Rows{{"1", std::nullopt}, {"2", "two"}}));
+  EXPECT_EQ(results[0].rowCount, 3u);
+  EXPECT_EQ(results[1].columns, Lines{"n"});
+  EXPECT_EQ(results[1].rows, Rows{{"1"}});
+  EXPECT_TRUE(results[0].status.isOk() && results[1].status.isOk());
+  EXPECT_EQ(results[2].statement, this->kWords.failedTakesRest
+                                      ? "SELECT nosuch FROM notes;\nSELECT 'never run';"
+                                      : "SELECT nosuch FROM notes;");
+  EXPECT_EQ(results[2].status.kind(), Status::Kind::kDatabase);
+  EXPECT_EQ(results[2].status.message(), this->kWords.unknownColumn);
+  // Only white space, comments and semicolons: nothing to run.
+  EXPECT_TRUE(ran(*database, "  -- nothing here ;\n ; /* ; */ ").empty());
+}
+
+TYPED_TEST(DatabaseContract, NoWriteGetsThroughAndNoSnapshotOutlivesTheRun) {
+  const auto database =
+      this->open("CREATE TABLE kept (id integer); INSERT INTO kept VALUES (1), (2);");
+  for (const char* write :
+       {"INSERT INTO kept VALUES (3)", "UPDATE kept SET id = id + 10", "DELETE FROM kept",
+        "DROP TABLE kept", "CREATE TABLE other (x integer)",
+        "CREATE TEMP TABLE scratch (x integer)", "CREATE INDEX kept_id ON kept (id)"}) {
+    const auto results = ran(*database, write);
+    EXPECT_TRUE(results.size() == 1 && results[0].status.kind() == Status::Kind::kDatabase)
+        << write;
+  }
+  EXPECT_EQ(ran(*database, "INSERT INTO kept VALUES (3)").at(0).status.message(),
+            this->kWords.insertRefused);
+  EXPECT_EQ(this->engine_.scalar("SELECT count(*) || ':' || sum(id) FROM kept"), "2:3");
+
+  // A transaction that a block begins and leaves open is closed: later runs see new data.
+  ASSERT_TRUE(ran(*database, "BEGIN; SELECT count(*) FROM kept;").back().status.isOk());
+  this->engine_.scalar("INSERT INTO kept VALUES (3)");
+  EXPECT_EQ(ran(*database, "SELECT count(*) FROM kept").at(0).rows, Rows{{"3"}});
+}
+
+TYPED_TEST(DatabaseContract, ATimeLimitOrAnInterruptStopsOnlyThatStatement) {
+  const std::string endless = this->kWords.endless;
+  const auto hurried = this->open("", {300ms});
+  const auto stopped = ran(*hurried, "SELECT 1; " + endless + "; SELECT 3");
+  ASSERT_EQ(stopped.size(), 2u);
+  EXPECT_EQ(stopped[1].status.kind(), Status::Kind::kTimedOut);
+  EXPECT_EQ(stopped[1].status.message(), this->kWords.timedOut);
+  EXPECT_EQ(ran(*hurried, "SELECT 1").at(0).rows, Rows{{"1"}});
+
+  // Ctrl-C comes from another thread; while no statement runs it does nothing.
+  const auto database = this->open("");
+  database->interrupt();
+  std::thread interrupter([&database] {
+    std::this_thread::sleep_for(300ms);
+    database->interrupt();
+  });
+  const auto interrupted = ran(*database, endless);
+  interrupter.join();
+  ASSERT_EQ(interrupted.size(), 1u);
+  EXPECT_EQ(interrupted[0].status.kind(), Status::Kind::kCancelled);
+  EXPECT_EQ(interrupted[0].status.message(), this->kWords.interrupted);
+  EXPECT_EQ(ran(*database, "SELECT 7").at(0).rows, Rows{{"7"}});
+}
+
+}  // namespace

@@ -1,0 +1,66 @@
+// Tests, without a server, what qorchat reads in a PostgreSQL connection text: which --db names a
+// server, and that no password of it shows in a name or in libpq's messages.
+#include "db/postgres_connection.h"
+
+#include "db/postgres.h"
+#include "helpers.h"
+
+namespace {
+
+using qortest::has;
+
+TEST(PostgresConnection, TellsAServerFromAFile) {
+  const qortest::TempDir dir;
+  // An SQLite file whose name holds an = is still the file.
+  const std::string file = (dir.path / "a=b.db").string();
+  std::ofstream(file).close();
+  const std::pair<std::string, bool> targets[] = {
+      {"postgresql://user@db.example:5432/shop", true}, {"postgres://db.example/shop", true},
+      {"host=/run/postgresql dbname=shop", true},       {"shop.db", false},
+      {"file:shop.db?mode=ro&cache=shared", false},     {file, false},
+  };
+  for (const auto& [target, server] : targets)
+    EXPECT_EQ(qorchat::postgres::accepts(target), server) << target;
+}
+
+TEST(PostgresConnection, MasksEveryPassword) {
+  const std::pair<const char*, const char*> targets[] = {
+      {R"(host=h password = 'it\'s q x' user=u)", "host=h password = **** user=u"},
+      {"junk host=h password=a\\ b sslpassword=k", "junk host=h password=**** sslpassword=****"},
+      {"postgresql://u:p%40ss@h:5/db?pass%77ord=x&sslmode=require",
+       "postgresql://u:****@h:5/db?pass%77ord=****&sslmode=require"},
+      // The user part ends at the first @ before any /.
+      {"postgresql://h/db?password=a@b", "postgresql://h/db?password=****"},
+      {"postgres://u@h/db", "postgres://u@h/db"},
+  };
+  for (const auto& [target, masked] : targets)
+    EXPECT_EQ(qorchat::postgres::masked(target), masked);
+}
+
+TEST(PostgresConnection, MessagesLoseThePasswordsRawOrDecodedOnOneLine) {
+  const std::tuple<const char*, const char*, const char*> messages[] = {
+      {"postgresql://u:hunter%32@h/db",
+       "invalid URI \"postgresql://u:hunter%32@h/db\"\n  hunter2\n",
+       "invalid URI \"postgresql://u:****@h/db\"; ****"},
+      // The longer password first: the shorter inside it leaves none of it behind.
+      {"password=ab sslpassword=xaby", "xaby ab", "**** ****"},
+  };
+  for (const auto& [target, message, cleaned] : messages)
+    EXPECT_EQ(qorchat::postgres::MessageCleaner(target).clean(message), cleaned);
+
+  // libpq repeats a URI it cannot read, or the part it stumbled on; none of these reaches a server.
+  for (const char* target :
+       {"postgresql://u:hunter2@[::1/db", "postgresql://u:hunter%32@[::1",
+        "postgresql://u:hunter%zz@h/db", "host=/nowhere password=hunter2 port=x",
+        "host=/nowhere password=hunter2"}) {
+    const std::string message = qorchat::PostgresDatabase::connect(target).status().message();
+    EXPECT_EQ(message.rfind("cannot connect to PostgreSQL database '" +
+                                qorchat::postgres::masked(target) + "': ",
+                            0),
+              0u)
+        << message;
+    EXPECT_FALSE(has(message, "hunter") || has(message, "\n")) << message;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,134 @@
+// A qorchat run: set-up in order, then the mode the options ask for.
+#include "app.h"
+
+#include <unistd.h>
+
+#include <optional>
+#include <ostream>
+
+#include "commands.h"
+#include "setup.h"
+#include "terminal.h"
+#include "text.h"
+
+namespace qorchat {
+
+App::App(Options options, std::ostream& out, std::ostream& err)
+    : options_(std::move(options)), display_(out, err), service_(findService(options_.service)) {}
+
+int App::run() {
+  if (const Status status = setUp(); !status) {
+    display_.note(status.message());
+    return kConfigurationError;
+  }
+  switch (options_.mode) {
+    case Mode::Ask:
+      return ask();
+    case Mode::PrintRequest:
+      return printRequest();
+    case Mode::ListModels:
+      return listModels();
+    case Mode::Converse:
+      break;
+  }
+  return converse();
+}
+
+Status App::setUp() {
+  if (service_ == nullptr)
+    return Status::invalidInput("unknown service '" + options_.service + "'");
+  Result<std::string> key = readKey(options_, *service_);
+  if (!key) return key.status();
+  display_.addSecret(*key);
+
+  std::string target = options_.database;
+  if (target.empty()) {
+    target = samplePath();
+    if (target.empty()) {
+      return Status::invalidInput(
+          "the sample database is not installed beside qorchat; pass --db FILE");
+    }
+  }
+  DatabaseSettings settings;
+  settings.statementTimeout = std::chrono::seconds(options_.statementTimeoutSeconds);
+  Result<std::unique_ptr<Database>> database = openDatabase(target, settings);
+  if (!database) return database.status();
+
+  std::unique_ptr<MemoryStore> memory = openMemory((*database)->identity());
+  QORSetHTTPSettings(httpSettings(options_));
+  conversation_ = std::make_unique<Conversation>(options_, *service_, display_);
+  return conversation_->start(
+      Conversation::Parts{std::move(*database), std::move(memory), std::move(*key)});
+}
+
+std::unique_ptr<MemoryStore> App::openMemory(const std::string& identity) {
+  const std::string key = std::string(service_->name) + "\n" + identity;
+  // One question, a dry run or a listing stands alone: none of them reads or grows the
+  // conversation of the interactive runs.
+  if (options_.mode == Mode::Converse && !options_.noHistory) {
+    const Result<std::string> folder = stateFolder();
+    Result<std::unique_ptr<MemoryStore>> stored =
+        folder ? MemoryStore::open(*folder + "/conversations.sqlite3", key) : folder.status();
+    if (stored) {
+      inputHistoryFile_ = *folder + "/input_history";
+      return std::move(*stored);
+    }
+    display_.warn(stored.status().message() + "; the conversation is kept in memory only");
+  }
+  Result<std::unique_ptr<MemoryStore>> inMemory = MemoryStore::open(":memory:", key);
+  return inMemory ? std::move(*inMemory) : nullptr;
+}
+
+int App::ask() {
+  if (!conversation_->chooseModel()) return kExchangeFailed;
+  if (!conversation_->ask(options_.question, false)) return kExchangeFailed;
+  if (!options_.runFirstBlock) return 0;
+  if (conversation_->blocks().empty()) {
+    display_.note("the reply holds no SQL block to run");
+    return kExchangeFailed;
+  }
+  return conversation_->runBlock(0) ? 0 : kExchangeFailed;
+}
+
+int App::printRequest() {
+  return conversation_->printRequest(options_.question) ? 0 : kExchangeFailed;
+}
+
+int App::listModels() {
+  const Result<std::vector<std::string>> models = conversation_->models();
+  if (!models) return kExchangeFailed;
+  for (const std::string& name : *models)
+    display_.out() << terminalSafe(name) << "\n";
+  return 0;
+}
+
+int App::converse() {
+  if (!conversation_->chooseModel()) return kExchangeFailed;
+  const bool interactive = isatty(STDIN_FILENO) != 0;
+  if (interactive) {
+    display_.out() << "qorchat " << QORCHAT_VERSION << ": " << conversation_->databaseName()
+                   << " with " << service_->name << " (" << terminalSafe(conversation_->model())
+                   << "). Ask a question; /help for commands, Ctrl-D to leave.\n";
+  }
+  if (const std::size_t resumed = conversation_->resumedEntryCount(); resumed > 0) {
+    display_.note("resuming the conversation about " + conversation_->databaseName() + " (" +
+                  std::to_string(resumed) + " earlier entries); /reset starts a new one");
+  }
+  LineReader reader(interactive, inputHistoryFile_);
+  while (true) {
+    display_.out().flush();
+    const std::optional<std::string> line = reader.readLine(interactive ? "qorchat> " : "");
+    if (!line) break;
+    const std::string question(text::trimmed(*line));
+    if (question.empty()) continue;
+    if (question.front() == '/') {
+      if (!runCommand(*conversation_, display_, question)) break;
+      continue;
+    }
+    (void)conversation_->ask(question, true);
+  }
+  if (interactive) display_.out() << "\n";
+  return 0;
+}
+
+}  // namespace qorchat

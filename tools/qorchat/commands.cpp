@@ -1,0 +1,159 @@
+// The table of conversation commands and what each does.
+#include "commands.h"
+
+#include <array>
+#include <charconv>
+#include <ostream>
+#include <system_error>
+
+#include "conversation.h"
+#include "display.h"
+#include "text.h"
+
+namespace qorchat {
+namespace {
+
+bool showHelp(Conversation&, Display& display, std::string_view) {
+  display.out() << commandHelp();
+  return true;
+}
+
+bool showModels(Conversation& conversation, Display& display, std::string_view) {
+  const Result<std::vector<std::string>> models = conversation.models();
+  if (!models) return true;
+  for (const std::string& name : *models)
+    display.out() << (name == conversation.model() ? "* " : "  ") << terminalSafe(name) << "\n";
+  return true;
+}
+
+bool model(Conversation& conversation, Display& display, std::string_view name) {
+  if (!name.empty()) conversation.setModel(std::string(name));
+  display.out() << "model: " << terminalSafe(conversation.model()) << "\n";
+  return true;
+}
+
+bool temperature(Conversation& conversation, Display& display, std::string_view value) {
+  if (!value.empty()) {
+    double wanted = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), wanted);
+    if (error != std::errc() || end != value.data() + value.size()) {
+      display.note("temperature '" + terminalSafe(value) +
+                   "' is not a number: write e.g. /temperature 0.2");
+      return true;
+    }
+    (void)conversation.setTemperature(wanted);
+  }
+  const std::optional<double> now = conversation.temperature();
+  display.out() << "temperature: ";
+  if (now) {
+    display.out() << *now << "\n";
+  } else {
+    display.out() << "the service's default\n";
+  }
+  return true;
+}
+
+bool schema(Conversation& conversation, Display& display, std::string_view) {
+  const std::string text = conversation.schemaText();
+  display.showOutside(text);
+  // About four bytes a token for this kind of text; a model's own tokenizer decides.
+  display.out() << "-- " << text.size() << " bytes, about " << (text.size() + 3) / 4 << " tokens\n";
+  if (!conversation.scopeInstruction().empty()) {
+    display.out() << "-- " << conversation.scopeInstruction() << " (--schema-budget "
+                  << conversation.options().schemaBudget
+                  << " bytes; a question that names a table brings it in)\n";
+  }
+  return true;
+}
+
+bool run(Conversation& conversation, Display& display, std::string_view argument) {
+  std::size_t number = 1;
+  if (!argument.empty()) {
+    const auto [end, error] =
+        std::from_chars(argument.data(), argument.data() + argument.size(), number);
+    if (error != std::errc() || end != argument.data() + argument.size() || number == 0) {
+      display.note("'" + terminalSafe(argument) + "' is not a block number: write e.g. /run 2");
+      return true;
+    }
+  }
+  const std::size_t count = conversation.blocks().size();
+  if (count == 0) {
+    display.note("the last reply holds no SQL block to run");
+  } else if (number > count) {
+    display.note("there is no block " + std::to_string(number) + ": the last reply has " +
+                 (count == 1
+                      ? std::string("one (/run 1)")
+                      : std::to_string(count) + " (/run 1 to /run " + std::to_string(count) + ")"));
+  } else {
+    (void)conversation.runBlock(number - 1);
+  }
+  return true;
+}
+
+bool explainError(Conversation& conversation, Display& display, std::string_view) {
+  const Status status = conversation.explainError();
+  if (status.kind() == Status::Kind::kInvalidInput) display.note(status.message());
+  return true;
+}
+
+bool reset(Conversation& conversation, Display& display, std::string_view) {
+  conversation.reset();
+  display.out() << "A new conversation begins.\n";
+  return true;
+}
+
+bool quit(Conversation&, Display&, std::string_view) {
+  return false;
+}
+
+constexpr std::array kCommands{
+    Command{"/help", "", "", "this list", &showHelp},
+    Command{"/models", "", "", "the service's models", &showModels},
+    Command{"/model", "", "NAME", "use another model (/model alone shows the current one)", &model},
+    Command{"/temperature", "", "X", "set the temperature (/temperature alone shows it)",
+            &temperature},
+    Command{"/run", "", "[N]",
+            "run SQL block N of the last reply (the first by default), read-only", &run},
+    Command{"/explain-error", "", "", "ask the model to fix the statement that just failed",
+            &explainError},
+    Command{"/schema", "", "", "the database text the model sees, with its size", &schema},
+    Command{"/reset", "", "", "start a new conversation", &reset},
+    Command{"/quit", "/exit", "", "leave (Ctrl-D too)", &quit},
+};
+
+}  // namespace
+
+std::span<const Command> allCommands() {
+  return kCommands;
+}
+
+std::string commandHelp() {
+  constexpr std::size_t kColumn = 20;
+  std::string text = "Commands:\n";
+  for (const Command& command : kCommands) {
+    std::string usage(command.name);
+    if (!command.argument.empty()) usage += " " + std::string(command.argument);
+    text += "  " + usage + std::string(usage.size() < kColumn ? kColumn - usage.size() : 1, ' ') +
+            std::string(command.help) + "\n";
+  }
+  text += "Anything else is a question for the model. Ctrl-C cancels a question in flight.\n";
+  return text;
+}
+
+bool runCommand(Conversation& conversation, Display& display, std::string_view line) {
+  const std::size_t blank = line.find_first_of(" \t");
+  const std::string_view name = line.substr(0, blank);
+  const std::string_view argument =
+      blank == std::string_view::npos ? std::string_view() : text::trimmed(line.substr(blank));
+  for (const Command& command : kCommands) {
+    if (name == command.name || (!command.alias.empty() && name == command.alias)) {
+      const bool goOn = command.run(conversation, display, argument);
+      display.out().flush();
+      return goOn;
+    }
+  }
+  display.note("unknown command " + terminalSafe(name) + ": type /help for the list");
+  return true;
+}
+
+}  // namespace qorchat
