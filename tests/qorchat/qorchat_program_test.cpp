@@ -370,6 +370,56 @@ TEST_F(QorchatRun, ATimeoutOrCtrlCStopsTheStatementAndTheSessionGoesOn) {
   EXPECT_EQ(program.finish(), 0);
 }
 
+// Text from outside reaches the terminal made safe on every path: the reply, a service's error,
+// the database's error, names in /schema, a result cell, the file name, model names. No escape
+// or C1 control passes, and the user sees that something was there.
+TEST_F(QorchatRun, NothingHostileReachesTheTerminal) {
+  const std::string esc =
+      "\x1b]52;c;aGk=\x07\x1b[2J\xc2\x9b"
+      "31m\xe2\x80\xae";
+  sqlite(database_, "CREATE TABLE \"t" + esc + "\" (\"c" + esc +
+                        "\" TEXT);"
+                        "INSERT INTO \"t" +
+                        esc + "\" VALUES ('v" + esc + "');");
+  const struct {
+    std::string name;
+    std::function<void()> serve;
+    Args args;
+    std::string input;
+  } paths[] = {
+      {"reply", [&] { reply("Here" + esc); }, args({"--ask", "Hi"}), ""},
+      {"service error",
+       [&] {
+         server_.answer("POST", "/api/chat", {404, "{\"error\": \"no" + esc + "\"}"});
+       },
+       args({"--ask", "Hi"}), ""},
+      {"database error and cell",
+       [&] { reply("```sql\nSELECT * FROM \"t" + esc + "\";\nSELECT \"x" + esc + "\";\n```"); },
+       args(), "Go\n/run\n"},
+      {"names in /schema", [] {}, args(), "/schema\n"},
+      {"file name", [] {}, ollama({"--db", (state_.path / ("x" + esc)).string(), "--ask", "Hi"}),
+       ""},
+      {"model names",
+       [&] {
+         // In JSON, as a service would send it: escaped.
+         std::string listing = readWireFile("ollama/models.json");
+         const std::size_t name = listing.find("\"name\": \"") + 9;
+         listing.insert(name, "\\u001b]0;x\\u0007\\u009b31m\\u202e");
+         server_.answer("GET", "/api/tags", {200, listing});
+       },
+       ollama({"--list-models"}), ""},
+  };
+  for (const auto& path : paths) {
+    SCOPED_TRACE(path.name);
+    path.serve();
+    const Outcome run = runQorchat(path.args, env(), path.input);
+    const std::string shown = run.out + run.err;
+    EXPECT_TRUE(has(shown, "␛")) << shown;
+    for (const char* hostile : {"\x1b", "\xc2\x9b", "\xe2\x80\xae", "\x07"})
+      EXPECT_FALSE(has(shown, hostile)) << shown;
+  }
+}
+
 // A database of 2,000 tables in chains of ten, each table referencing the one before it: t0000 <-
 // t0001 <- ... <- t0009, t0010 <- ... About 330 kB of digest. What the model gets of it (the
 // request printed, or /schema computed from the assistant's properties) is the question's tables

@@ -7,6 +7,7 @@
 #include <ostream>
 
 #include "commands.h"
+#include "db/postgres_connection.h"
 #include "setup.h"
 #include "terminal.h"
 #include "text.h"
@@ -48,6 +49,12 @@ Status App::setUp() {
       return Status::invalidInput(
           "the sample database is not installed beside qorchat; pass --db FILE");
     }
+  }
+  // Anyone on the machine can read a process's arguments.
+  if (postgres::accepts(target) && postgres::masked(target) != target) {
+    display_.warn(
+        "the password in --db is visible to other users of this machine; PGPASSWORD, ~/.pgpass "
+        "or a service file keeps it out of sight");
   }
   DatabaseSettings settings;
   settings.statementTimeout = std::chrono::seconds(options_.statementTimeoutSeconds);

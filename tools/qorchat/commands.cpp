@@ -37,7 +37,7 @@ bool temperature(Conversation& conversation, Display& display, std::string_view 
     double wanted = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), wanted);
     if (error != std::errc() || end != value.data() + value.size()) {
-      display.note("temperature '" + terminalSafe(value) +
+      display.note("temperature '" + std::string(value) +
                    "' is not a number: write e.g. /temperature 0.2");
       return true;
     }
@@ -72,7 +72,7 @@ bool run(Conversation& conversation, Display& display, std::string_view argument
     const auto [end, error] =
         std::from_chars(argument.data(), argument.data() + argument.size(), number);
     if (error != std::errc() || end != argument.data() + argument.size() || number == 0) {
-      display.note("'" + terminalSafe(argument) + "' is not a block number: write e.g. /run 2");
+      display.note("'" + std::string(argument) + "' is not a block number: write e.g. /run 2");
       return true;
     }
   }
@@ -152,7 +152,7 @@ bool runCommand(Conversation& conversation, Display& display, std::string_view l
       return goOn;
     }
   }
-  display.note("unknown command " + terminalSafe(name) + ": type /help for the list");
+  display.note("unknown command " + std::string(name) + ": type /help for the list");
   return true;
 }
 

@@ -276,8 +276,8 @@ Status Conversation::chooseModel() {
     return none;
   }
   setModel(listed->front());
-  display_.note("using model " + terminalSafe(model_) + " (the first " +
-                std::string(service_.name) + " lists; choose another with --model)");
+  display_.note("using model " + model_ + " (the first " + std::string(service_.name) +
+                " lists; choose another with --model)");
   return Status::ok();
 }
 

@@ -76,12 +76,14 @@ void Display::showOutside(std::string_view text) {
   out_ << terminalSafe(masked(std::string(text)));
 }
 
+// qorchat's own sentences often quote what came from outside (a path, a database's reason): the
+// whole line is masked and made safe.
 void Display::note(std::string_view message) {
-  err_ << "qorchat: " << message << "\n";
+  err_ << "qorchat: " << terminalSafe(masked(std::string(message))) << "\n";
 }
 
 void Display::warn(std::string_view message) {
-  err_ << "qorchat: warning: " << message << "\n";
+  err_ << "qorchat: warning: " << terminalSafe(masked(std::string(message))) << "\n";
 }
 
 void Display::fail(std::string_view what, std::string_view detail) {

@@ -34,7 +34,8 @@ class Display {
   std::ostream& err() { return err_; }
   // A text from outside on standard output: masked and made safe.
   void showOutside(std::string_view text);
-  // "qorchat: MESSAGE" on standard error; message is qorchat's own.
+  // "qorchat: MESSAGE" on standard error, masked and made safe: the message may quote outside
+  // text.
   void note(std::string_view message);
   void warn(std::string_view message);
   // "qorchat: WHAT: DETAIL", the detail from outside: masked, its first line cut to a length a

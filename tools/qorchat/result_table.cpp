@@ -75,7 +75,8 @@ std::string ResultTable::fitted(std::string_view text, std::size_t width) {
   return out;
 }
 
-ResultTable::ResultTable(const StatementResult& result) : rowCount_(result.rowCount) {
+ResultTable::ResultTable(const StatementResult& result)
+    : rowCount_(result.rowCount), allCounted_(result.allCounted) {
   for (const std::string& column : result.columns)
     header_.push_back(fitted(column, kMaxCellWidth));
   widths_.resize(header_.size());
@@ -116,6 +117,9 @@ std::string ResultTable::render() const {
 
   if (header_.empty()) {
     text += "(done)\n";
+  } else if (!allCounted_) {
+    text += "(" + std::to_string(cells_.size()) + (cells_.size() == 1 ? " row" : " rows") +
+            " shown; more were coming when the run was stopped, and the rest was not counted)\n";
   } else if (rowCount_ > cells_.size()) {
     const std::size_t more = rowCount_ - cells_.size();
     text += "(" + std::to_string(more) + (more == 1 ? " more row" : " more rows") + " not shown; " +

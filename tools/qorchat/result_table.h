@@ -35,6 +35,7 @@ class ResultTable {
   std::vector<std::vector<std::string>> cells_;
   std::vector<std::size_t> widths_;
   std::size_t rowCount_;
+  bool allCounted_;
 };
 
 }  // namespace qorchat
