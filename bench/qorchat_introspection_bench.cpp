@@ -1,10 +1,13 @@
 // How long qorchat takes to describe a PostgreSQL database of 2,000 tables, against describing
-// the same tables in SQLite, both measured in the same run. Run the release build:
+// the same tables in SQLite; and what a run of SELECT 1 costs in the session qorchat opens for each
+// run, against the same statement in a read-only transaction on a connection kept open. Each pair
+// is measured in the same run. Run the release build:
 //   build/release/bench/qorchat_introspection_bench
 // It starts a throwaway cluster as the tests do (as root, its programs run as postgres) and ends
-// with the ratio of the two times.
+// with the ratios of the times.
 
 #include <benchmark/benchmark.h>
+#include <libpq-fe.h>
 #include <sqlite3.h>
 
 #include <cstdio>
@@ -49,6 +52,7 @@ struct Databases {
     for (int from = 0; from < kTables; from += 200)
       cluster.execute(schemaSql(from, from + 200), database);
     conninfo = cluster.conninfo(database);
+    readerConninfo = cluster.readerConninfo(database);
 
     sqlitePath = cluster.socketDir() + "/tables.db";
     sqlite3* db = nullptr;
@@ -64,6 +68,7 @@ struct Databases {
 
   qortest::PostgresCluster& cluster;
   std::string conninfo;
+  std::string readerConninfo;  // a role fit to run statements, with its password
   std::string sqlitePath;
 };
 
@@ -109,6 +114,54 @@ void BM_DescribeSqlite(benchmark::State& state) {
 BENCHMARK(BM_DescribePostgres)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DescribeSqlite)->Unit(benchmark::kMillisecond);
 
+// runReadOnly as qorchat calls it: the block parsed and judged, a session opened, its role
+// checked, the statement read, the session closed.
+void BM_RunFreshSession(benchmark::State& state) {
+  auto opened = qorchat::PostgresDatabase::connect(databases().readerConninfo);
+  if (!opened) {
+    state.SkipWithError(opened.status().message().c_str());
+    return;
+  }
+  for (auto _ : state) {
+    auto results = opened.value()->runReadOnly("SELECT 1", {});
+    if (!results || results->size() != 1 || results->at(0).rows.size() != 1) {
+      state.SkipWithError(results ? "SELECT 1 gave no row" : results.status().message().c_str());
+      return;
+    }
+    benchmark::DoNotOptimize(results);
+  }
+}
+
+// The baseline: the same statement on one connection kept open, as a run used to go there: a
+// read-only transaction begun, the statement read row by row, the transaction rolled back.
+void BM_RunReusedConnection(benchmark::State& state) {
+  const std::unique_ptr<PGconn, decltype(&PQfinish)> connection(
+      PQconnectdb(databases().readerConninfo.c_str()), &PQfinish);
+  if (PQstatus(connection.get()) != CONNECTION_OK) {
+    state.SkipWithError(PQerrorMessage(connection.get()));
+    return;
+  }
+  PGconn* c = connection.get();
+  for (auto _ : state) {
+    PQclear(PQexec(c, "BEGIN READ ONLY; SET LOCAL statement_timeout = 31000"));
+    PQsendQueryParams(c, "SELECT 1", 0, nullptr, nullptr, nullptr, nullptr, 0);
+    PQsetSingleRowMode(c);
+    int rows = 0;
+    while (PGresult* part = PQgetResult(c)) {
+      rows += PQntuples(part);
+      PQclear(part);
+    }
+    PQclear(PQexec(c, "ROLLBACK"));
+    if (rows != 1) {
+      state.SkipWithError("SELECT 1 gave no row");
+      return;
+    }
+  }
+}
+
+BENCHMARK(BM_RunFreshSession)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_RunReusedConnection)->Unit(benchmark::kMicrosecond);
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -121,5 +174,7 @@ int main(int argc, char** argv) {
   return qorbench::runWithRatios(
       argc, argv,
       {{"PostgreSQL / SQLite, " + std::to_string(kTables) + " tables", "BM_DescribePostgres",
-        "BM_DescribeSqlite", qorbench::Clock::Real}});
+        "BM_DescribeSqlite", qorbench::Clock::Real},
+       {"SELECT 1: fresh session / reused connection", "BM_RunFreshSession",
+        "BM_RunReusedConnection", qorbench::Clock::Real}});
 }

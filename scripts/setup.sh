@@ -9,7 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libcpp-httplib-dev libbenchmark-dev
   openssl ca-certificates locales
   libcli11-dev libedit-dev libsqlite3-dev sqlite3 tmux
-  libpq-dev postgresql-15
+  libpq-dev postgresql-15 libpg-query-dev
   clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14
   libsimdjson-dev
 )

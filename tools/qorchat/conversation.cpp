@@ -202,8 +202,13 @@ Status Conversation::runBlock(std::size_t index) {
     results = database_->runReadOnly(blocks_[index], RunLimits{ResultTable::kMaxRows});
   }
   if (!results) {
-    // The connection itself failed, not a statement: there is nothing for the model to fix.
-    display_.fail("the database failed", results.status().message());
+    // A run refused whole (the role may not run it) or a connection that failed: nothing in the
+    // statement for the model to fix.
+    if (results.status().kind() == Status::Kind::kRefused) {
+      display_.note(results.status().message());
+    } else {
+      display_.fail("the database failed", results.status().message());
+    }
     return results.status();
   }
   if (results->empty()) {
@@ -212,11 +217,7 @@ Status Conversation::runBlock(std::size_t index) {
   }
   for (const StatementResult& result : *results) {
     if (!result.status) {
-      display_.fail("the statement failed", result.status.message());
-      display_.err() << "  in: " << summary(result.statement) << "\n";
-      if (options_.mode == Mode::Converse)
-        display_.err() << "  /explain-error asks the model to fix it\n";
-      failure_ = FailedStatement{result.statement, result.status.message()};
+      reportStatementFailure(result);
       return result.status;
     }
     // Several statements: each result says which statement it belongs to.
@@ -225,6 +226,23 @@ Status Conversation::runBlock(std::size_t index) {
   }
   display_.out().flush();
   return Status::ok();
+}
+
+void Conversation::reportStatementFailure(const StatementResult& result) {
+  const Status& status = result.status;
+  if (status.kind() == Status::Kind::kCancelled) {
+    display_.note("the statement was stopped (Ctrl-C)");
+    return;
+  }
+  if (status.kind() == Status::Kind::kRefused) {
+    display_.note(status.message());
+  } else {
+    display_.fail("the statement failed", status.message());
+  }
+  display_.err() << "  in: " << summary(result.statement) << "\n";
+  if (options_.mode == Mode::Converse)
+    display_.err() << "  /explain-error asks the model to fix it\n";
+  failure_ = FailedStatement{result.statement, status.message()};
 }
 
 Status Conversation::explainError() {

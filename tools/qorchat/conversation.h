@@ -86,6 +86,8 @@ class Conversation {
   Status failureOf(const std::string& failure, std::uint64_t exchangesBefore,
                    bool interrupted) const;
   void reportWriteFailure();
+  // A statement that failed, was refused or stopped; kept for /explain-error unless stopped.
+  void reportStatementFailure(const StatementResult& result);
   bool spinnerWanted() const;
   std::string effectiveHost() const;
 

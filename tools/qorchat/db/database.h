@@ -52,8 +52,8 @@ class Database {
   // of the connection itself, or a run refused whole, is the Status.
   virtual Result<std::vector<StatementResult>> runReadOnly(const std::string& sql,
                                                            const RunLimits& limits) = 0;
-  // Stops the statement runReadOnly is running, called from another thread (Ctrl-C); the
-  // statement then fails with the database's own text. Does nothing while none runs.
+  // Stops the statement runReadOnly is running, called from another thread (Ctrl-C): it fails as
+  // cancelled, or, when rows had arrived, keeps them uncounted. Does nothing while none runs.
   virtual void interrupt() = 0;
 };
 

@@ -1,5 +1,5 @@
 // Connects to PostgreSQL through libpq, reads its structure in one read-only snapshot, and runs
-// statements in a read-only transaction that is rolled back.
+// the statements the parser lets through in a read-only session of their own.
 #include "db/postgres.h"
 
 #include <libpq-fe.h>
@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <climits>
 #include <cstdlib>
-#include <optional>
 #include <utility>
 
 #include "db/postgres_catalog.h"
@@ -20,18 +19,11 @@ namespace {
 
 using postgres::PgResult;
 
-// The SQLSTATE of a statement the server stopped on request: a cancel or the statement timeout.
-constexpr std::string_view kQueryCanceled = "57014";
-
-struct FreeDeleter {
-  void operator()(char* block) const { PQfreemem(block); }
-};
-
 const char* orEmpty(const char* text) {
   return text != nullptr ? text : "";
 }
 
-// Rolls back whatever a transaction left open, however the run or the read ends.
+// Rolls back the structure's snapshot, however the read ends.
 class RollbackGuard {
  public:
   explicit RollbackGuard(PGconn* connection) : connection_(connection) {}
@@ -62,74 +54,7 @@ std::string timeoutMs(const DatabaseSettings& settings) {
   return std::to_string(std::clamp<decltype(ms)>(ms, 0, INT_MAX));
 }
 
-// The rows of a result, or of one row of it in single-row mode, counted and at most maxRows kept.
-void takeRows(const PGresult* part, StatementResult& result, std::size_t maxRows) {
-  if (result.columns.empty()) {
-    for (int column = 0; column < PQnfields(part); ++column)
-      result.columns.emplace_back(PQfname(part, column));
-  }
-  for (int row = 0; row < PQntuples(part); ++row) {
-    if (result.rowCount++ >= maxRows) continue;
-    auto& values = result.rows.emplace_back();
-    for (int column = 0; column < PQnfields(part); ++column) {
-      if (PQgetisnull(part, row, column) != 0) {
-        values.emplace_back(std::nullopt);
-      } else {
-        values.emplace_back(postgres::textAt(part, row, column));
-      }
-    }
-  }
-}
-
-// COPY ... TO STDOUT: each line of its text is a row.
-void takeCopyRows(PGconn* connection, StatementResult& result, std::size_t maxRows) {
-  result.columns = {"COPY"};
-  char* raw = nullptr;
-  int size = 0;
-  while ((size = PQgetCopyData(connection, &raw, 0)) > 0) {
-    const std::unique_ptr<char, FreeDeleter> line(raw);
-    std::string_view text(line.get(), static_cast<std::size_t>(size));
-    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-    if (result.rowCount++ < maxRows) result.rows.push_back({std::string(text)});
-  }
-}
-
-std::string parameterOf(PGconn* connection, const char* name) {
-  return std::string(orEmpty(PQparameterStatus(connection, name)));
-}
-
-// Why the statements after one that just ran are not run, or empty when they may be.
-std::string_view reasonToStop(PGconn* connection, bool superuserAtStart) {
-  if (PQtransactionStatus(connection) != PQTRANS_INTRANS) {
-    return "not run: the statement before ended the read-only transaction";
-  }
-  if (!superuserAtStart && parameterOf(connection, "is_superuser") == "on") {
-    return "not run: the statement before took back a superuser's rights";
-  }
-  return {};
-}
-
 }  // namespace
-
-// From its opening until the run ends, interrupt() reaches the server with a cancel request.
-class PostgresDatabase::CancelWindow {
- public:
-  CancelWindow(PostgresDatabase& database, PGconn* connection) : database_(database) {
-    const std::lock_guard lock(database_.cancelMutex_);
-    database_.runningCancel_ = PQgetCancel(connection);
-    database_.cancelled_ = false;
-  }
-  ~CancelWindow() {
-    const std::lock_guard lock(database_.cancelMutex_);
-    PQfreeCancel(database_.runningCancel_);
-    database_.runningCancel_ = nullptr;
-  }
-  CancelWindow(const CancelWindow&) = delete;
-  CancelWindow& operator=(const CancelWindow&) = delete;
-
- private:
-  PostgresDatabase& database_;
-};
 
 void PostgresDatabase::Closer::operator()(pg_conn* connection) const {
   PQfinish(connection);
@@ -145,17 +70,13 @@ Result<std::unique_ptr<PostgresDatabase>> PostgresDatabase::connect(
   std::unique_ptr<PostgresDatabase> database(new PostgresDatabase(target, settings));
   // Parameters before dbname are defaults that the target's own override. Without a limit of its
   // own, libpq waits for a host that does not answer as long as the system lets it.
-  std::vector<const char*> keywords{"fallback_application_name"};
-  std::vector<const char*> values{"qorchat"};
-  if (std::getenv("PGCONNECT_TIMEOUT") == nullptr) {
-    keywords.push_back("connect_timeout");
-    values.push_back("10");
-  }
-  keywords.push_back("dbname");
-  values.push_back(target.c_str());
-  keywords.push_back(nullptr);
-  values.push_back(nullptr);
-  database->connection_.reset(PQconnectdbParams(keywords.data(), values.data(), 1));
+  postgres::ConnectParams params;
+  params.add("fallback_application_name", "qorchat");
+  if (std::getenv("PGCONNECT_TIMEOUT") == nullptr) params.add("connect_timeout", "10");
+  params.add("dbname", target);
+  // After the target, so that they hold whatever it says: qorchat reads and writes UTF-8.
+  params.add("client_encoding", "UTF8");
+  database->connection_.reset(params.connect());
   PGconn* connection = database->connection_.get();
 
   const std::string named = "PostgreSQL database '" + postgres::masked(target) + "'";
@@ -173,6 +94,20 @@ Result<std::unique_ptr<PostgresDatabase>> PostgresDatabase::connect(
   if (host.find(':') != std::string::npos && !text::startsWith(host, "/")) host = "[" + host + "]";
   database->identity_ = std::string(orEmpty(PQuser(connection))) + "@" + host + ":" +
                         orEmpty(PQport(connection)) + "/" + orEmpty(PQdb(connection));
+
+  // Each run's session reaches the server, database and role this connection reached, with the
+  // password it used, wherever libpq found that (a list of hosts, a password file read again
+  // later could lead elsewhere).
+  const auto pin = [&](const char* keyword, const char* value) {
+    if (value != nullptr && *value != '\0') params.add(keyword, value);
+  };
+  pin("host", PQhost(connection));
+  pin("hostaddr", PQhostaddr(connection));
+  pin("port", PQport(connection));
+  pin("user", PQuser(connection));
+  pin("dbname", PQdb(connection));
+  pin("password", PQpass(connection));
+  database->runParams_ = std::move(params);
   return database;
 }
 
@@ -193,13 +128,6 @@ std::string PostgresDatabase::failureText(const pg_result* result) const {
   if (const char* primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY)) return primary;
   const std::string message = cleaner_.clean(PQresultErrorMessage(result));
   return message.empty() ? cleaner_.clean(PQerrorMessage(connection)) : message;
-}
-
-Status PostgresDatabase::statementFailure(const pg_result* result) const {
-  std::string message = failureText(result);
-  if (orEmpty(PQresultErrorField(result, PG_DIAG_SQLSTATE)) != kQueryCanceled)
-    return Status::database(std::move(message));
-  return cancelled_ ? Status::cancelled(std::move(message)) : Status::timedOut(std::move(message));
 }
 
 Result<Structure> PostgresDatabase::describe() {
@@ -225,103 +153,50 @@ Result<Structure> PostgresDatabase::describe() {
   });
 }
 
-bool PostgresDatabase::runStatement(StatementResult& result, std::size_t maxRows) {
-  PGconn* connection = connection_.get();
-  if (PQsendQueryParams(connection, result.statement.c_str(), 0, nullptr, nullptr, nullptr, nullptr,
-                        0) == 0) {
-    result.status = Status::database(cleaner_.clean(PQerrorMessage(connection)));
-    return false;
-  }
-  // Row by row, so that a large result is counted without being held.
-  PQsetSingleRowMode(connection);
-  while (PGresult* raw = PQgetResult(connection)) {
-    const PgResult part(raw);
-    switch (PQresultStatus(part.get())) {
-      case PGRES_SINGLE_TUPLE:
-      case PGRES_TUPLES_OK:
-        takeRows(part.get(), result, maxRows);
-        break;
-      case PGRES_COPY_OUT:
-        takeCopyRows(connection, result, maxRows);
-        break;
-      case PGRES_COPY_IN:
-        PQputCopyEnd(connection, "qorchat sends no data to COPY FROM STDIN");
-        break;
-      case PGRES_COMMAND_OK:
-      case PGRES_EMPTY_QUERY:
-        break;
-      default:
-        if (result.status.isOk()) result.status = statementFailure(part.get());
-        break;
-    }
-  }
-  return true;
-}
-
-void PostgresDatabase::runStatements(const std::vector<std::string_view>& statements,
-                                     std::size_t maxRows, std::vector<StatementResult>& results) {
-  PGconn* connection = connection_.get();
-  const bool superuserAtStart = parameterOf(connection, "is_superuser") == "on";
-  for (std::size_t i = 0; i < statements.size(); ++i) {
-    StatementResult& result = results.emplace_back();
-    result.statement = std::string(statements[i]);
-    if (!runStatement(result, maxRows) || !result.status.isOk()) return;
-    if (i + 1 == statements.size()) return;
-    const std::string_view stop = reasonToStop(connection, superuserAtStart);
-    if (!stop.empty()) {
-      StatementResult& skipped = results.emplace_back();
-      skipped.statement = std::string(statements[i + 1]);
-      skipped.status = Status::refused(std::string(stop));
-      return;
-    }
-  }
-}
-
 Result<std::vector<StatementResult>> PostgresDatabase::runReadOnly(const std::string& sql,
                                                                    const RunLimits& limits) {
-  const std::size_t maxRows = limits.maxRows;
+  using Verdict = postgres::Statement::Verdict;
   std::vector<StatementResult> results;
-  PGconn* connection = connection_.get();
-  const std::vector<std::string_view> statements = postgres::splitStatements(
-      sql, parameterOf(connection, "standard_conforming_strings") == "off");
+  const std::vector<postgres::Statement> statements = postgres::classifyStatements(sql);
+  // Nothing of a block reaches the server unless every statement of it only reads.
+  for (const postgres::Statement& statement : statements) {
+    if (statement.verdict == Verdict::kReads) continue;
+    StatementResult& refused = results.emplace_back();
+    refused.statement = std::string(statement.text);
+    refused.status = statement.verdict == Verdict::kRefused ? Status::refused(statement.reason)
+                                                            : Status::database(statement.reason);
+    return results;
+  }
   if (statements.empty()) return results;
 
-  // Each statement is sent on its own with the extended protocol, which refuses two statements in
-  // one: none can run after a COMMIT of its block, outside the read-only transaction. The SELECT
-  // takes the snapshot, after which SET TRANSACTION READ WRITE is refused. A superuser may run
-  // programs and write files of the server's machine even in a read-only transaction: as
-  // pg_read_all_data, the server refuses those too.
-  bool ended = false;
-  {
-    const RollbackGuard guard(connection);
-    const PgResult begun =
-        begin(connection,
-              "BEGIN READ ONLY; SELECT pg_catalog.set_config('statement_timeout', '" +
-                  timeoutMs(settings_) +
-                  "', true), CASE WHEN pg_catalog.current_setting('is_superuser') = 'on' AND "
-                  "pg_catalog.to_regrole('pg_read_all_data') IS NOT NULL THEN "
-                  "pg_catalog.set_config('role', 'pg_read_all_data', true) END",
-              PGRES_TUPLES_OK);
-    // Nothing ran: the connection, not a statement, failed.
-    if (PQresultStatus(begun.get()) != PGRES_TUPLES_OK)
-      return Status::database(failureText(begun.get()));
-    const CancelWindow window(*this, connection);
-    runStatements(statements, maxRows, results);
-    ended = PQtransactionStatus(connection) == PQTRANS_IDLE;
+  struct RunWindow {
+    explicit RunWindow(postgres::CancelSlot& slot) : slot(slot) { slot.beginRun(); }
+    ~RunWindow() { slot.endRun(); }
+    RunWindow(const RunWindow&) = delete;
+    RunWindow& operator=(const RunWindow&) = delete;
+    postgres::CancelSlot& slot;
+  } const window(cancelSlot_);
+  std::unique_ptr<postgres::RunSession> session;
+  for (const postgres::Statement& statement : statements) {
+    if (cancelSlot_.interrupted()) break;
+    if (session == nullptr) {
+      auto opened = postgres::RunSession::open(runParams_, settings_.statementTimeout, cancelSlot_,
+                                               cleaner_, identity_);
+      if (!opened) return opened.status();
+      session = std::move(opened.value());
+    }
+    StatementResult& result = results.emplace_back();
+    result.statement = std::string(statement.text);
+    // A session that sent a cancel is closed: a late cancel must not reach the next statement.
+    if (!session->run(result, limits)) session.reset();
+    if (!result.status.isOk()) break;
   }
-  // A statement that ended the transaction may have made settings of its block last: the session
-  // goes back to how it began.
-  if (ended) PgResult(PQexec(connection, "DISCARD ALL"));
+  if (results.empty()) return Status::cancelled("interrupted");
   return results;
 }
 
 void PostgresDatabase::interrupt() {
-  const std::lock_guard lock(cancelMutex_);
-  if (runningCancel_ == nullptr) return;
-  cancelled_ = true;
-  // The server ends the statement with "canceling statement due to user request".
-  char reason[256];
-  PQcancel(runningCancel_, reason, sizeof reason);
+  cancelSlot_.interrupt();
 }
 
 }  // namespace qorchat

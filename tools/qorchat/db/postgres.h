@@ -1,22 +1,18 @@
 #pragma once
 // A PostgreSQL database reached through libpq: one catalog named after the database, one schema
 // for each the user may use, its tables, views and materialized views, their columns and keys;
-// statements run so that the server itself refuses every write.
+// the model's statements judged by PostgreSQL's own grammar, then run in a session of their own
+// by a role that can only read.
 
-#include <atomic>
-#include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <string_view>
-#include <vector>
 
 #include "db/database.h"
 #include "db/postgres_connection.h"
+#include "db/postgres_run.h"
 
 struct pg_conn;
 struct pg_result;
-struct pg_cancel;
 
 namespace qorchat {
 
@@ -35,9 +31,11 @@ class PostgresDatabase final : public Database {
   // user@host:port/dbname of the live connection.
   std::string identity() const override;
   std::string displayName() const override;
-  // Runs each statement on its own inside one READ ONLY transaction that is always rolled back.
-  // A superuser's statements run as pg_read_all_data, so that the server also refuses programs
-  // and files of its own machine, which a read-only transaction allows a superuser.
+  // Nothing reaches the server unless every statement of the block only reads, as the parser
+  // judges it (postgres_statements.h). The statements then run in a session opened for the run
+  // and closed after it (postgres_run.h), inside a READ ONLY transaction, each stopped by
+  // qorchat itself at the statement timeout. A login role that may do more than read (a
+  // superuser, say) runs nothing: the run is refused whole, saying why.
   Result<std::vector<StatementResult>> runReadOnly(const std::string& sql,
                                                    const RunLimits& limits) override;
   void interrupt() override;
@@ -46,27 +44,18 @@ class PostgresDatabase final : public Database {
   struct Closer {
     void operator()(pg_conn* connection) const;
   };
-  class CancelWindow;
 
   PostgresDatabase(const std::string& target, const DatabaseSettings& settings);
 
   // The server's own text for a failed result, or libpq's when the connection is lost.
   std::string failureText(const pg_result* result) const;
-  // A failed statement's Status: a cancel is told from the statement timeout.
-  Status statementFailure(const pg_result* result) const;
-  // Runs the statements in the open transaction until one fails or must not run.
-  void runStatements(const std::vector<std::string_view>& statements, std::size_t maxRows,
-                     std::vector<StatementResult>& results);
-  // Sends the statement of the result on its own and collects its rows, at most maxRows of them
-  // kept, or its failure. False when it could not even be sent.
-  bool runStatement(StatementResult& result, std::size_t maxRows);
 
+  // The long-lived connection, for the structure and the identity.
   std::unique_ptr<pg_conn, Closer> connection_;
-  // The cancel request of the statements running now, null between runs; the mutex guards it
-  // against interrupt() from another thread.
-  std::mutex cancelMutex_;
-  pg_cancel* runningCancel_ = nullptr;
-  std::atomic<bool> cancelled_{false};  // interrupt() sent a cancel during this run
+  // How each run's session connects: as the long-lived connection did, to the same server as the
+  // same role with the same password.
+  postgres::ConnectParams runParams_;
+  postgres::CancelSlot cancelSlot_;
   postgres::MessageCleaner cleaner_;
   std::string identity_;
   DatabaseSettings settings_;

@@ -30,22 +30,28 @@ struct Secret {
   std::string value;
 };
 
-// scheme://[user[:password]@]hosts[/dbname][?key=value&...], read as libpq reads it: the user
-// part ends at the first @ before any /.
+// scheme://[user[:password]@]hosts[/dbname][?key=value&...]. libpq ends the user part at the
+// first @ before any /, so it reads a password holding an unencoded @ or / otherwise; to be masked
+// whatever it holds, the password here runs from the user's colon to the last @ of the text
+// (a query value with an @ is then masked with it, which shows less, never more).
 std::vector<Secret> uriSecrets(std::string_view uri) {
   std::vector<Secret> secrets;
   const std::size_t start = uri.find("://") + 3;
-  std::size_t at = start;
-  while (at < uri.size() && uri[at] != '@' && uri[at] != '/')
-    ++at;
+  const std::size_t colon = uri.find(':', start);
+  const std::size_t firstAt = uri.find('@', start);
+  const std::size_t firstSlash = uri.find('/', start);
+  const std::size_t firstQuery = uri.find('?', start);
   std::size_t hosts = start;
-  if (at < uri.size() && uri[at] == '@') {
-    const std::size_t colon = uri.find(':', start);
-    if (colon < at) {
-      secrets.push_back(
-          {colon + 1, at, text::percentDecoded(uri.substr(colon + 1, at - colon - 1))});
-    }
-    hosts = at + 1;
+  const bool userHasPassword = colon < firstAt && colon < firstSlash && colon < firstQuery &&
+                               firstAt != npos &&
+                               uri.substr(colon, firstAt - colon).find('?') == npos;
+  if (userHasPassword) {
+    const std::size_t lastAt = uri.rfind('@');
+    secrets.push_back(
+        {colon + 1, lastAt, text::percentDecoded(uri.substr(colon + 1, lastAt - colon - 1))});
+    hosts = lastAt + 1;
+  } else if (firstAt != npos && firstAt < firstSlash) {
+    hosts = firstAt + 1;
   }
   const std::size_t query = uri.find('?', hosts);
   if (query == npos) return secrets;

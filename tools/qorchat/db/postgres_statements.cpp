@@ -1,136 +1,196 @@
-// Splits SQL into statements at the semicolons that PostgreSQL's lexer would end them at.
+// Parses a block with libpg_query, PostgreSQL's own parser, cuts it where the grammar ends each
+// statement and walks each parse tree for what must not run. The tree, not the text, decides:
+// comments, quotes and dollar quotes hide nothing from it.
 #include "db/postgres_statements.h"
 
-#include <cstddef>
+#include <pg_query.h>
 
+#include <utility>
+
+#include "db/postgres_refusals.h"
 #include "text.h"
+#include "yl/yl_json.h"
 
 namespace qorchat::postgres {
 namespace {
 
-constexpr std::size_t npos = std::string_view::npos;
+using Verdict = Statement::Verdict;
 
-bool isDigit(char c) {
-  return c >= '0' && c <= '9';
-}
+class ParseResult {
+ public:
+  explicit ParseResult(const std::string& sql) : result_(pg_query_parse(sql.c_str())) {}
+  ~ParseResult() { pg_query_free_parse_result(result_); }
+  ParseResult(const ParseResult&) = delete;
+  ParseResult& operator=(const ParseResult&) = delete;
+  const PgQueryParseResult* operator->() const { return &result_; }
 
-bool isWordStart(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ||
-         static_cast<unsigned char>(c) >= 0x80;
-}
+ private:
+  PgQueryParseResult result_;
+};
 
-bool isWordChar(char c) {
-  return isWordStart(c) || isDigit(c) || c == '$';
-}
+class SplitResult {
+ public:
+  explicit SplitResult(const std::string& sql)
+      : result_(pg_query_split_with_scanner(sql.c_str())) {}
+  ~SplitResult() { pg_query_free_split_result(result_); }
+  SplitResult(const SplitResult&) = delete;
+  SplitResult& operator=(const SplitResult&) = delete;
+  const PgQuerySplitResult* operator->() const { return &result_; }
 
-// Just past the closing quote of the literal or identifier that opens at i; the end of the text
-// when it is never closed, so the server reports it.
-std::size_t pastQuoted(std::string_view sql, std::size_t i, char quote, bool backslashEscapes) {
-  std::size_t j = i + 1;
-  while (j < sql.size()) {
-    if (backslashEscapes && sql[j] == '\\') {
-      j += 2;
-    } else if (sql[j] == quote) {
-      if (j + 1 < sql.size() && sql[j + 1] == quote) {
-        j += 2;
-      } else {
-        return j + 1;
-      }
+ private:
+  PgQuerySplitResult result_;
+};
+
+// Where the white space and comments (nested ones too) before a statement end.
+std::size_t skipSpaceAndComments(std::string_view sql, std::size_t at) {
+  while (at < sql.size()) {
+    if (text::isSpace(sql[at])) {
+      ++at;
+    } else if (sql.substr(at, 2) == "--") {
+      at = sql.find('\n', at);
+      if (at == std::string_view::npos) return sql.size();
+    } else if (sql.substr(at, 2) == "/*") {
+      int depth = 0;
+      do {
+        if (sql.substr(at, 2) == "/*") {
+          ++depth;
+          at += 2;
+        } else if (sql.substr(at, 2) == "*/") {
+          --depth;
+          at += 2;
+        } else {
+          ++at;
+        }
+      } while (depth > 0 && at < sql.size());
     } else {
-      ++j;
+      break;
     }
   }
-  return sql.size();
+  return std::min(at, sql.size());
 }
 
-// The tag of a dollar quote ($$ or $name$) that opens at i, or nothing: $1 is a parameter.
-std::string_view dollarTag(std::string_view sql, std::size_t i) {
-  std::size_t j = i + 1;
-  if (j < sql.size() && isDigit(sql[j])) return {};
-  while (j < sql.size() && sql[j] != '$') {
-    if (!isWordStart(sql[j]) && !isDigit(sql[j])) return {};
-    ++j;
+// The statement the parser placed at location with length (0: to the end of the block), without
+// what comes before its first word, with its semicolon.
+std::string_view statementText(std::string_view sql, std::size_t location, std::size_t length) {
+  location = std::min(location, sql.size());
+  std::size_t end = length > 0 ? std::min(location + length, sql.size()) : sql.size();
+  const std::size_t begin = std::min(skipSpaceAndComments(sql, location), end);
+  if (end < sql.size() && sql[end] == ';') return sql.substr(begin, end + 1 - begin);
+  while (end > begin && text::isSpace(sql[end - 1]))
+    --end;
+  return sql.substr(begin, end - begin);
+}
+
+// The byte offset of a 1-based character position, as PostgreSQL reports where an error is.
+std::size_t byteOffset(std::string_view sql, int position) {
+  std::size_t at = 0;
+  for (int characters = 1; characters < position && at < sql.size(); ++characters) {
+    ++at;
+    while (at < sql.size() && (static_cast<unsigned char>(sql[at]) & 0xC0) == 0x80)
+      ++at;
   }
-  if (j >= sql.size()) return {};
-  return sql.substr(i, j - i + 1);
+  return at;
 }
 
-// Just past the block comment that opens at i, nested ones included; the end of the text if it
-// never closes.
-std::size_t pastBlockComment(std::string_view sql, std::size_t i) {
-  int depth = 1;
-  i += 2;
-  while (i < sql.size() && depth > 0) {
-    if (sql.compare(i, 2, "/*") == 0) {
-      ++depth;
-      i += 2;
-    } else if (sql.compare(i, 2, "*/") == 0) {
-      --depth;
-      i += 2;
-    } else {
-      ++i;
+// The statement that holds a syntax error: the scanner cuts a block the grammar cannot. The whole
+// block when the error has no place or the scanner fails too.
+std::string_view failingPart(std::string_view sql, const std::string& copy, int position) {
+  if (position <= 0) return text::trimmed(sql);
+  const std::size_t at = byteOffset(sql, position);
+  const SplitResult split(copy);
+  if (split->error != nullptr) return text::trimmed(sql);
+  for (int i = 0; i < split->n_stmts; ++i) {
+    const auto location = static_cast<std::size_t>(split->stmts[i]->stmt_location);
+    const auto length = static_cast<std::size_t>(split->stmts[i]->stmt_len);
+    const bool last = i + 1 == split->n_stmts;
+    if (at >= location && (last || length == 0 || at <= location + length))
+      return statementText(sql, location, length);
+  }
+  return text::trimmed(sql);
+}
+
+std::size_t numberField(const YLJsonValue& node, std::string_view key) {
+  const YLJsonValue* field = node.obtainKeyValue(key);
+  return field != nullptr ? static_cast<std::size_t>(std::max(field->obtainIntValue(), 0)) : 0;
+}
+
+// The refusal of one node, met as the member key of an object: a statement or a function call.
+// under is the key the object itself was met under.
+std::string nodeRefusal(std::string_view key, const YLJsonValue& node, std::string_view under) {
+  if (key == "FuncCall") {
+    const YLJsonValue* names = node.obtainKeyValue("funcname");
+    const std::size_t parts = names != nullptr ? names->obtainArraySize() : 0;
+    const YLJsonValue* last = parts > 0 ? names->obtainArrayItem(parts - 1) : nullptr;
+    const YLJsonValue* string = last != nullptr ? last->obtainKeyValue("String") : nullptr;
+    const YLJsonValue* name = string != nullptr ? string->obtainKeyValue("sval") : nullptr;
+    if (name == nullptr) return "refused: a function call qorchat cannot name";
+    return functionRefusal(name->obtainStringView());
+  }
+  const bool statement = !key.empty() && key.front() >= 'A' && key.front() <= 'Z' &&
+                         key.size() > 4 && key.substr(key.size() - 4) == "Stmt";
+  return statement ? statementRefusal(key, node, under == "ctequery") : std::string();
+}
+
+// The first refusal anywhere in a statement's tree, parents before their children; empty when
+// every node of it reads.
+std::string treeRefusal(const YLJsonValue& root) {
+  struct Pending {
+    const YLJsonValue* value;
+    std::string_view under;
+  };
+  std::vector<Pending> pending{{&root, {}}};
+  while (!pending.empty()) {
+    const Pending next = pending.back();
+    pending.pop_back();
+    const YLJsonValue& value = *next.value;
+    if (value.obtainType() == YLJsonValueType::Array) {
+      for (std::size_t i = value.obtainArraySize(); i-- > 0;)
+        pending.push_back({value.obtainArrayItem(i), next.under});
+      continue;
+    }
+    for (std::size_t i = value.obtainMemberCount(); i-- > 0;) {
+      const std::string_view key = value.obtainMemberKey(i);
+      const YLJsonValue* member = value.obtainMemberValue(i);
+      std::string refused = nodeRefusal(key, *member, next.under);
+      if (!refused.empty()) return refused;
+      pending.push_back({member, key});
     }
   }
-  return i;
-}
-
-// Just past the piece of a statement that starts at i: a literal, a quoted name, a dollar-quoted
-// string, a whole word, or else the one character.
-std::size_t pastToken(std::string_view sql, std::size_t i, bool backslashEscapes) {
-  const char c = sql[i];
-  if (c == '\'') return pastQuoted(sql, i, '\'', backslashEscapes);
-  if (c == '"') return pastQuoted(sql, i, '"', false);
-  if (c == '$') {
-    const std::string_view tag = dollarTag(sql, i);
-    if (tag.empty()) return i + 1;
-    const std::size_t close = sql.find(tag, i + tag.size());
-    return close == npos ? sql.size() : close + tag.size();
-  }
-  if (!isWordStart(c)) return i + 1;
-  // A whole word at once, so that a $ inside it opens no quote. E'...' escapes backslashes.
-  const std::size_t word = i;
-  while (i < sql.size() && isWordChar(sql[i]))
-    ++i;
-  if (i - word == 1 && (c == 'E' || c == 'e') && i < sql.size() && sql[i] == '\'') {
-    i = pastQuoted(sql, i, '\'', true);
-  }
-  return i;
+  return {};
 }
 
 }  // namespace
 
-// A body of BEGIN ATOMIC is cut at its semicolons; the server then rejects the pieces, which a
-// read-only run would refuse anyway.
-std::vector<std::string_view> splitStatements(std::string_view sql, bool backslashEscapes) {
-  std::vector<std::string_view> statements;
-  std::size_t start = 0;
-  bool content = false;
-  const auto finish = [&](std::size_t end) {
-    if (content) statements.push_back(text::trimmed(sql.substr(start, end - start)));
-    start = end;
-    content = false;
+std::vector<Statement> classifyStatements(std::string_view sql) {
+  const auto invalid = [](std::string_view part, std::string reason) {
+    return std::vector<Statement>{{part, Verdict::kInvalid, std::move(reason)}};
   };
-  std::size_t i = 0;
-  while (i < sql.size()) {
-    const char c = sql[i];
-    const char next = i + 1 < sql.size() ? sql[i + 1] : '\0';
-    if (c == ';') {
-      ++i;
-      finish(i);
-    } else if (text::isSpace(c)) {
-      ++i;
-    } else if (c == '-' && next == '-') {
-      i = sql.find('\n', i);
-      if (i == npos) i = sql.size();
-    } else if (c == '/' && next == '*') {
-      i = pastBlockComment(sql, i);
-    } else {
-      content = true;
-      i = pastToken(sql, i, backslashEscapes);
-    }
+  // The parser reads a C string: what follows a zero byte would never be judged.
+  if (sql.find('\0') != std::string_view::npos)
+    return invalid(text::trimmed(sql), "the SQL holds a zero byte");
+  const std::string copy(sql);
+  const ParseResult parsed(copy);
+  if (parsed->error != nullptr) {
+    const PgQueryError& error = *parsed->error;
+    return invalid(failingPart(sql, copy, error.cursorpos),
+                   error.message != nullptr ? error.message : "syntax error");
   }
-  finish(sql.size());
-  return statements;
+  const YLJson tree(std::string_view(parsed->parse_tree != nullptr ? parsed->parse_tree : ""));
+  const YLJsonValue* statements = tree.obtainKeyValue("stmts");
+  if (!tree.getIsValidJson())
+    return invalid(text::trimmed(sql), "the statement is nested too deeply to check");
+
+  std::vector<Statement> out;
+  for (std::size_t i = 0; statements != nullptr && i < statements->obtainArraySize(); ++i) {
+    const YLJsonValue& raw = *statements->obtainArrayItem(i);
+    Statement& statement = out.emplace_back();
+    statement.text =
+        statementText(sql, numberField(raw, "stmt_location"), numberField(raw, "stmt_len"));
+    const YLJsonValue* node = raw.obtainKeyValue("stmt");
+    statement.reason = node != nullptr ? treeRefusal(*node) : "refused: an empty statement";
+    if (!statement.reason.empty()) statement.verdict = Verdict::kRefused;
+  }
+  return out;
 }
 
 }  // namespace qorchat::postgres

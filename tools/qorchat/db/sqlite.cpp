@@ -1,22 +1,21 @@
-// Opens an SQLite database read-only, describes it, and runs statements on it that cannot write,
-// each within the statement timeout.
+// Opens an SQLite database read-only, describes it, and runs statements on it that can only read,
+// each within the statement timeout, keeping what the run's limits allow of their rows.
 #include "db/sqlite.h"
 
 #include <sqlite3.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <climits>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string_view>
 #include <utility>
 
 #include "db/sqlite_catalog.h"
+#include "db/sqlite_functions.h"
+#include "db/sqlite_guard.h"
+#include "db/sqlite_target.h"
 #include "text.h"
 
 namespace qorchat {
@@ -24,9 +23,6 @@ namespace {
 
 // How long a read waits for another process that holds a lock, as the sqlite3 shell would.
 constexpr int kBusyTimeoutMs = 5000;
-// How many virtual machine steps pass between two looks at the clock: often enough to stop within
-// milliseconds, rarely enough to cost nothing measurable.
-constexpr int kProgressSteps = 1000;
 // The bytes of a BLOB shown in its hexadecimal form; a table cell shows fewer anyway.
 constexpr std::size_t kShownBlobBytes = 256;
 
@@ -38,112 +34,56 @@ std::string inQuotes(const std::string& target) {
   return "'" + target + "'";
 }
 
-std::string durationText(std::chrono::milliseconds duration) {
-  if (duration.count() % 1000 == 0) return std::to_string(duration.count() / 1000) + " s";
-  return std::to_string(duration.count()) + " ms";
-}
-
-// A BLOB as an SQL literal, X'0A1B...', its end cut with an ellipsis when it is long.
-std::string blobText(const void* data, int size) {
+// A BLOB as an SQL literal, X'0A1B...', of at most its first bytes that fit in maxBytes, its end
+// cut with an ellipsis when it is longer.
+std::string blobText(const void* data, int size, std::size_t maxBytes) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
   const auto* bytes = static_cast<const unsigned char*>(data);
-  const std::size_t count = static_cast<std::size_t>(size);
-  std::string shown = "X'";
-  for (std::size_t i = 0; i < std::min(count, kShownBlobBytes); ++i) {
-    shown += kDigits[bytes[i] >> 4];
-    shown += kDigits[bytes[i] & 0x0F];
+  const auto count = static_cast<std::size_t>(size);
+  const std::size_t shown = std::min({count, kShownBlobBytes, maxBytes / 2});
+  std::string literal = "X'";
+  for (std::size_t i = 0; i < shown; ++i) {
+    literal += kDigits[bytes[i] >> 4];
+    literal += kDigits[bytes[i] & 0x0F];
   }
-  shown += count > kShownBlobBytes ? "\u2026'" : "'";
-  return shown;
+  literal += count > shown ? "\u2026'" : "'";
+  return literal;
+}
+
+// At most maxBytes of a text, ending before a character rather than inside one: only this much of
+// a huge value is ever copied.
+std::string textPrefix(const char* data, std::size_t length, std::size_t maxBytes) {
+  std::size_t cut = std::min(length, maxBytes);
+  // A character is at most four bytes: more continuation bytes than that are not UTF-8 anyway.
+  for (int back = 0; cut < length && cut > 0 && back < 3 &&
+                     (static_cast<unsigned char>(data[cut]) & 0xC0) == 0x80;
+       ++back) {
+    --cut;
+  }
+  return {data, cut};
 }
 
 // A value of the current row as a cell shows it: NULL as nothing, a BLOB as its literal, anything
-// else as SQLite's text of it.
-std::optional<std::string> cellText(sqlite3_stmt* statement, int column) {
+// else as SQLite's text of it; cut to maxBytes.
+std::optional<std::string> cellText(sqlite3_stmt* statement, int column, std::size_t maxBytes) {
   switch (sqlite3_column_type(statement, column)) {
     case SQLITE_NULL:
       return std::nullopt;
     case SQLITE_BLOB:
       return blobText(sqlite3_column_blob(statement, column),
-                      sqlite3_column_bytes(statement, column));
+                      sqlite3_column_bytes(statement, column), maxBytes);
     default: {
       const auto* data = reinterpret_cast<const char*>(sqlite3_column_text(statement, column));
-      return std::string(data != nullptr ? data : "",
-                         static_cast<std::size_t>(sqlite3_column_bytes(statement, column)));
+      return textPrefix(data != nullptr ? data : "",
+                        static_cast<std::size_t>(sqlite3_column_bytes(statement, column)),
+                        maxBytes);
     }
   }
 }
 
-// What runReadOnly puts around the statements it runs, undone when it ends.
-//
-// The connection is read-only from its opening, and query_only also refuses writes to the
-// temporary and in-memory databases. The authorizer keeps statements from lifting query_only and
-// from attaching files: ATTACH would reach databases the user never chose, and VACUUM INTO, which
-// a read-only connection still runs, attaches the file it writes. A progress handler stops a
-// statement past its time limit. A transaction a statement began is rolled back, so that no
-// snapshot outlives the run.
-class RunGuard {
- public:
-  RunGuard(sqlite3* db, std::chrono::milliseconds limit)
-      : db_(db), limit_(limit), ownsTransaction_(sqlite3_get_autocommit(db) != 0) {
-    sqlite3_exec(db_, "PRAGMA query_only = ON", nullptr, nullptr, nullptr);
-    sqlite3_set_authorizer(db_, &authorize, nullptr);
-    if (limit_.count() > 0) sqlite3_progress_handler(db_, kProgressSteps, &checkClock, this);
-  }
-  ~RunGuard() {
-    sqlite3_progress_handler(db_, 0, nullptr, nullptr);
-    sqlite3_set_authorizer(db_, nullptr, nullptr);
-    if (ownsTransaction_ && sqlite3_get_autocommit(db_) == 0)
-      sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-  }
-  RunGuard(const RunGuard&) = delete;
-  RunGuard& operator=(const RunGuard&) = delete;
-
-  // Each statement has the whole limit to itself.
-  void startStatement() {
-    deadline_ = std::chrono::steady_clock::now() + limit_;
-    expired_ = false;
-  }
-  // Why a statement failed: SQLite's own text, or what the limit did.
-  Status failure() const {
-    if (expired_) {
-      return Status::timedOut("statement timeout: stopped after " + durationText(limit_) +
-                              " (--statement-timeout SECONDS changes the limit)");
-    }
-    std::string message = sqlite3_errmsg(db_);
-    if ((sqlite3_extended_errcode(db_) & 0xff) == SQLITE_INTERRUPT)
-      return Status::cancelled(std::move(message));
-    return Status::database(std::move(message));
-  }
-
- private:
-  static int authorize(void*, int action, const char* first, const char* second, const char*,
-                       const char*) {
-    if (action == SQLITE_ATTACH || action == SQLITE_DETACH) return SQLITE_DENY;
-    // Reading the pragma is harmless; giving it a value is not.
-    if (action == SQLITE_PRAGMA && first != nullptr && second != nullptr &&
-        sqlite3_stricmp(first, "query_only") == 0) {
-      return SQLITE_DENY;
-    }
-    return SQLITE_OK;
-  }
-  static int checkClock(void* context) {
-    auto* guard = static_cast<RunGuard*>(context);
-    if (std::chrono::steady_clock::now() < guard->deadline_) return 0;
-    guard->expired_ = true;
-    return 1;
-  }
-
-  sqlite3* db_;
-  std::chrono::milliseconds limit_;
-  bool ownsTransaction_;
-  std::chrono::steady_clock::time_point deadline_{};
-  bool expired_ = false;
-};
-
-// Runs one prepared statement to its end, its rows counted and at most maxRows kept. False when
-// it failed.
-bool collectRows(sqlite3_stmt* statement, std::size_t maxRows, StatementResult& result) {
+// Runs one prepared statement to its end, its rows counted and what the limits allow of the first
+// kept. False when it failed or was stopped.
+bool collectRows(sqlite3_stmt* statement, const RunLimits& limits, StatementResult& result) {
   const int columns = sqlite3_column_count(statement);
   for (int i = 0; i < columns; ++i) {
     const char* name = sqlite3_column_name(statement, i);
@@ -151,10 +91,10 @@ bool collectRows(sqlite3_stmt* statement, std::size_t maxRows, StatementResult& 
   }
   int stepped = SQLITE_ROW;
   while ((stepped = sqlite3_step(statement)) == SQLITE_ROW) {
-    if (result.rowCount++ >= maxRows) continue;
+    if (result.rowCount++ >= limits.maxRows) continue;
     auto& row = result.rows.emplace_back();
     for (int i = 0; i < columns; ++i)
-      row.emplace_back(cellText(statement, i));
+      row.emplace_back(cellText(statement, i, limits.maxValueBytes));
   }
   return stepped == SQLITE_DONE;
 }
@@ -176,27 +116,35 @@ Result<std::unique_ptr<SqliteDatabase>> SqliteDatabase::open(const std::string& 
 }
 
 Status SqliteDatabase::connect() {
-  const bool uri = isUri(target_);
-  if (!uri) {
-    // SQLite's own message for a missing file says nothing of the cause; look first.
-    struct stat info {};
-    if (stat(target_.c_str(), &info) != 0) {
-      const int error = errno;
-      return Status::ioError("cannot open database " + inQuotes(target_) + ": " +
-                             (error == ENOENT ? "no such file" : std::strerror(error)));
-    }
-    if (S_ISDIR(info.st_mode))
-      return Status::ioError("cannot open database " + inQuotes(target_) + ": it is a folder");
+  std::string name = target_;
+  if (!isUri(target_)) {
+    Result<sqlite::OpenChoice> chosen = sqlite::chooseOpen(target_);
+    if (!chosen) return chosen.status();
+    name = std::move(chosen->name);
+    immutableMark_ = chosen->marked;
+    realPath_ = std::move(chosen->realPath);
   }
 
   // Read-only on every path: a mistyped name must never leave a new empty database behind.
+  sqlite3* opened = nullptr;
   const int rc =
-      sqlite3_open_v2(target_.c_str(), &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+      sqlite3_open_v2(name.c_str(), &opened, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr);
+  {
+    const std::lock_guard<std::mutex> lock(handleMutex_);
+    db_ = opened;
+  }
   if (rc != SQLITE_OK) {
     return Status::database("cannot open database " + inQuotes(target_) + ": " +
                             (db_ != nullptr ? sqlite3_errmsg(db_) : sqlite3_errstr(rc)));
   }
   sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+  // No extension is ever loaded, and no statement may make the schema writable.
+  sqlite3_enable_load_extension(db_, 0);
+  sqlite3_db_config(db_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+  if (!sqlite::replaceSlowFunctions(db_, stop_)) {
+    return Status::database("cannot open database " + inQuotes(target_) + ": " +
+                            sqlite3_errmsg(db_));
+  }
 
   // SQLite reads nothing until the first statement: read the schema now, so that a file that is
   // not a database fails here rather than in the middle of a session.
@@ -208,7 +156,7 @@ Status SqliteDatabase::connect() {
                             sqlite3_errmsg(db_));
   }
 
-  if (uri) {
+  if (isUri(target_)) {
     identity_ = target_;
   } else {
     char resolved[PATH_MAX];
@@ -217,7 +165,18 @@ Status SqliteDatabase::connect() {
   return Status::ok();
 }
 
+Status SqliteDatabase::reconnectIfChanged() {
+  if (!immutableMark_ || sqlite::stillAsMarked(realPath_, *immutableMark_)) return Status::ok();
+  {
+    const std::lock_guard<std::mutex> lock(handleMutex_);
+    sqlite3_close_v2(db_);
+    db_ = nullptr;
+  }
+  return connect();
+}
+
 Result<Structure> SqliteDatabase::describe() {
+  if (Status fresh = reconnectIfChanged(); !fresh) return fresh;
   Result<Structure> structure = sqlite::readStructure(db_);
   if (!structure) {
     return Status::database("cannot read database " + inQuotes(target_) + ": " +
@@ -238,13 +197,13 @@ std::string SqliteDatabase::displayName() const {
 
 Result<std::vector<StatementResult>> SqliteDatabase::runReadOnly(const std::string& sql,
                                                                  const RunLimits& limits) {
-  const std::size_t maxRows = limits.maxRows;
-  RunGuard guard(db_, settings_.statementTimeout);
+  if (Status fresh = reconnectIfChanged(); !fresh) return fresh;
+  sqlite::RunGuard guard(db_, stop_, settings_.statementTimeout, sqlite::storedValueBound(db_));
   std::vector<StatementResult> results;
   const char* next = sql.c_str();
   const char* const end = next + sql.size();
   while (next < end) {
-    guard.startStatement();
+    guard.startStatement(std::string_view(next, static_cast<std::size_t>(end - next)));
     sqlite3_stmt* raw = nullptr;
     const char* tail = nullptr;
     const int prepared = sqlite3_prepare_v2(db_, next, static_cast<int>(end - next), &raw, &tail);
@@ -259,17 +218,25 @@ Result<std::vector<StatementResult>> SqliteDatabase::runReadOnly(const std::stri
     if (prepared == SQLITE_OK && statement == nullptr) continue;  // white space or a comment
     StatementResult& result = results.emplace_back();
     result.statement = std::string(statementText);
-    if (prepared != SQLITE_OK || !collectRows(statement.get(), maxRows, result)) {
+    if (prepared == SQLITE_OK && collectRows(statement.get(), limits, result)) continue;
+    if (prepared == SQLITE_OK && guard.stopped() && result.rowCount > 0) {
+      // The rows that came before the stop stand; only their count is unfinished. The rest of the
+      // block is not run: the user or the limit asked for an end.
+      result.allCounted = false;
+    } else {
       result.status = guard.failure();
-      break;
     }
+    break;
   }
   return results;
 }
 
-// SQLite allows this from another thread; a statement it stops fails with "interrupted".
+// SQLite allows this from another thread; a statement it stops fails with "interrupted". The
+// functions qorchat gives SQLite look at the signal, SQLite's machine at its own flag.
 void SqliteDatabase::interrupt() {
-  sqlite3_interrupt(db_);
+  stop_.interrupt();
+  const std::lock_guard<std::mutex> lock(handleMutex_);
+  if (db_ != nullptr) sqlite3_interrupt(db_);
 }
 
 }  // namespace qorchat

@@ -4,10 +4,14 @@
 
 #include <cstddef>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "db/database.h"
+#include "db/sqlite_stop.h"
+#include "db/sqlite_target.h"
 
 struct sqlite3;
 
@@ -15,8 +19,9 @@ namespace qorchat {
 
 class SqliteDatabase final : public Database {
  public:
-  // Opens a path or a "file:" URI, always read-only: nothing is ever created or written. The
-  // failure names the target: missing, a folder, or not an SQLite database.
+  // Opens a path or a "file:" URI, always read-only: nothing is ever created or written, not even
+  // beside the file. The failure names the target: missing, a folder or another kind of file that
+  // is not a regular one, or not an SQLite database.
   static Result<std::unique_ptr<SqliteDatabase>> open(const std::string& target,
                                                       const DatabaseSettings& settings = {});
   ~SqliteDatabase() override;
@@ -38,9 +43,15 @@ class SqliteDatabase final : public Database {
   SqliteDatabase(const std::string& target, const DatabaseSettings& settings);
   // Opens the connection and reads the file's header; the failure names the target.
   Status connect();
+  // Opens the file again if it was opened immutable and has changed since: a writer has come.
+  Status reconnectIfChanged();
 
   sqlite3* db_ = nullptr;
+  std::mutex handleMutex_;   // interrupt() may come while the file is opened again
+  sqlite::StopSignal stop_;  // the running statement's time limit and Ctrl-C
   std::string target_;
+  std::optional<sqlite::FileMark> immutableMark_;  // when opened immutable, the file as it was
+  std::string realPath_;
   std::string identity_;
   DatabaseSettings settings_;
 };
