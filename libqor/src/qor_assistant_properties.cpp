@@ -210,24 +210,3 @@ std::string QORAssistantProperties::obtainCombinedInstructions() const {
   text += '\n';
   return text;
 }
-
-std::string QORAssistantProperties::composeCreateStatement(std::string_view schemaName,
-                                                           std::string_view kind,
-                                                           const YLJsonValue* description) {
-  std::string statement;
-  QORDatabaseDigest::appendCreateStatement(statement, schemaName, kind, description);
-  return statement;
-}
-
-void QORAssistantProperties::appendInstructionLines(std::string& stream, const YLVariant& lines) {
-  const YLVariantList* list = lines.listPtr();
-  if (list == nullptr) return;
-  for (const YLVariant& line : *list) {
-    if (const std::string* text = line.stringPtr()) stream += *text;
-    stream += '\n';
-  }
-}
-
-bool QORAssistantProperties::lacksCatalogName(const YLVariant& catalog) {
-  return QORDatabaseDigest::lacksCatalogName(catalog);
-}

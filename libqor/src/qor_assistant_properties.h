@@ -36,15 +36,6 @@ class QORAssistantProperties : public IQORProperties {
   // The standing instructions of a request: user instructions, system instructions, digest.
   std::string obtainCombinedInstructions() const;
 
-  // One CREATE statement for a table, view or materialized view description; empty when the
-  // description is rejected.
-  static std::string composeCreateStatement(std::string_view schemaName, std::string_view kind,
-                                            const YLJsonValue* description);
-  // Appends each string of a list, each followed by a line feed.
-  static void appendInstructionLines(std::string& stream, const YLVariant& lines);
-  // True for a catalog map without a catalog_name or with an empty one.
-  static bool lacksCatalogName(const YLVariant& catalog);
-
   bool hasChanged(std::string_view key) const { return changedKeys.find(key) != changedKeys.end(); }
 
   std::set<std::string, std::less<>> changedKeys;

@@ -405,11 +405,6 @@ bool lacksCatalogName(const YLVariant& catalog) {
   return text == nullptr || text->empty();
 }
 
-bool appendCreateStatement(std::string& out, std::string_view schemaName, std::string_view kind,
-                           const YLJsonValue* description) {
-  return appendCheckedStatement(out, statementStartOf(schemaName, kind), description);
-}
-
 YLVariantList buildTree(std::string structure) {
   // One map per catalog, its statements grouped by schema.
   struct TreeBuilder {

@@ -28,8 +28,5 @@ YLVariantList buildTree(std::string structure);
 std::string buildText(std::string structure);
 // True for a catalog map of the tree without a catalog_name or with an empty one.
 bool lacksCatalogName(const YLVariant& catalog);
-// Appends one statement to out; on rejection restores out, raises the assertion, returns false.
-bool appendCreateStatement(std::string& out, std::string_view schemaName, std::string_view kind,
-                           const YLJsonValue* description);
 
 }  // namespace QORDatabaseDigest

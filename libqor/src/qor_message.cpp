@@ -1,6 +1,6 @@
 #include "qor_message.h"
 
-#include <chrono>
+#include <ctime>
 #include <memory>
 
 #include "qor_message_text_section.h"
@@ -12,9 +12,10 @@ QORMessage::~QORMessage() {
 
 QORMessage* QORMessage::makeTextReply(std::string text) {
   auto message = std::make_unique<QORMessage>();
-  message->creationTime = std::chrono::duration_cast<std::chrono::seconds>(
-                              std::chrono::system_clock::now().time_since_epoch())
-                              .count();
+  // The C runtime's clock, which hosts compare the stamp with: glibc's time() reads a coarse clock
+  // that lags the precise one by up to a tick, so a stamp from the precise clock could lie a second
+  // ahead of a time() read after it.
+  message->creationTime = std::time(nullptr);
   auto section = std::make_unique<QORMessageTextSection>();
   section->text = std::move(text);
   message->sections.reserve(1);

@@ -18,7 +18,7 @@ class QORMessage final : public IQORMessage {
   ChatRole obtainRole() const override { return role; }
   const std::vector<IQORMessageSection*>& obtainSections() const override { return sections; }
 
-  // A message with one text section holding the text, stamped with the current time.
+  // A message with one text section holding the text, stamped with time(nullptr).
   static QORMessage* makeTextReply(std::string text);
 
   std::int64_t creationTime = 0;

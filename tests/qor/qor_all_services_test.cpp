@@ -1,10 +1,33 @@
 // Every service kind through the exported functions: create, list the models, chat, take the
 // memory over, and free it all with QORFreeObject (the sanitizer build reports anything left
-// behind); and the exact bodies each service's chat requests carry.
+// behind); the exact bodies each service's chat requests carry; the object protocol of qor.h and
+// the translation of the library's sentences.
 
 #include <strings.h>
 
+#include <atomic>
+#include <cstring>
+#include <ctime>
+
+#include "qor_library.h"
+#include "qor_message.h"
+#include "qor_message_text_section.h"
 #include "qor_test_util.h"
+
+namespace {
+std::atomic<std::time_t> fixedTime{0};
+}  // namespace
+
+// The C library's time(), but for the second that fixedTime holds while it is not 0. Defined
+// here, it is the one every call in this binary reaches, the library's included.
+extern "C" std::time_t time(std::time_t* out) noexcept {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  const std::time_t fixed = fixedTime.load();
+  const std::time_t result = fixed != 0 ? fixed : now.tv_sec;
+  if (out != nullptr) *out = result;
+  return result;
+}
 
 namespace {
 
@@ -12,12 +35,14 @@ using namespace qortest;
 
 class AllServices : public ::testing::TestWithParam<WireService> {};
 
-// Where a request carries the key: the headers that hold it or are meant for a key, and the query.
+// Where a request carries the key: the headers that hold it or are meant for a key or its
+// interface's version, and the query.
 std::string credentialsIn(const RecordedRequest& request, const std::string& key) {
   std::string found;
   for (const auto& [name, value] : request.headers) {
     if (value.find(key) != std::string::npos || strcasecmp(name.c_str(), "Authorization") == 0 ||
-        strcasecmp(name.c_str(), "x-api-key") == 0)
+        strcasecmp(name.c_str(), "x-api-key") == 0 ||
+        strcasecmp(name.c_str(), "anthropic-version") == 0)
       found.append(name).append(": ").append(value);
   }
   return request.query.empty() ? found : found + "?" + request.query;
@@ -26,11 +51,15 @@ std::string credentialsIn(const RecordedRequest& request, const std::string& key
 TEST_P(AllServices, ListChatAndFreeThroughTheExports) {
   const WireService& service = GetParam();
   LoopbackServer server;
-  server.answer("GET", service.modelsPath, {.body = readWireFile(service.modelsFile)});
-  server.answer("POST", service.chatPath, {.body = readWireFile(service.chatFile)});
+  // A host with a path of its own, which is kept.
+  const std::string host = server.baseUrl() + "/proxy/";
+  server.answer("GET", std::string("/proxy") + service.modelsPath,
+                {.body = readWireFile(service.modelsFile)});
+  server.answer("POST", std::string("/proxy") + service.chatPath,
+                {.body = readWireFile(service.chatFile)});
   // Characters that a query must encode.
   const std::string key = "AIza k&y=/+%";
-  AssistantPtr assistant = create(service.type, server.baseUrl(), nullptr, key);
+  AssistantPtr assistant = create(service.type, host, nullptr, key);
   ASSERT_NE(assistant, nullptr);
 
   const auto [models, failure] = assistant->obtainAvailableModels();
@@ -44,26 +73,35 @@ TEST_P(AllServices, ListChatAndFreeThroughTheExports) {
   expectChat(*assistant, replied(service.reply));
   EXPECT_EQ(server.lastRequest().body, service.plain);
 
-  // Everything set; a turn of the host's with a role of its own is the user's.
+  // Everything set, and a host's memory that gives more than the 20 turns asked for: all go out,
+  // a turn with a role of the host's own as the user's. The instructions read the structure before
+  // the history is asked for; the turns are stored after the reply.
+  const bool parts = service.type == QORAssistantType::GOOGLE;
+  const auto turn = [parts](bool fromAssistant, const std::string& text) {
+    const std::string role = fromAssistant ? (parts ? "model" : "assistant") : "user";
+    return R"~({"role":")~" + role +
+           (parts ? R"~(","parts":[{"text":")~" + text + R"~("}]})~"
+                  : R"~(","content":")~" + text + R"~("})~");
+  };
   HostMemory memory;
-  memory.history = {{7, "hi"}, {kChatRoleAssistant, "R1"}};
-  AssistantPtr full = create(service.type, server.baseUrl(), &memory, key);
+  std::string turns;
+  for (int i = 0; i < 23; ++i) {
+    memory.history.push_back(
+        {i % 2 == 1 ? kChatRoleAssistant : i % 4 * 3, "t" + std::to_string(i)});
+    turns += turn(i % 2 == 1, "t" + std::to_string(i)) + ",";
+  }
+  AssistantPtr full = create(service.type, host, &memory, key);
   full->updateProperties([](IQORProperties* p) {
     p->setValue("model", YLVariant("m"));
-    p->setValue("temperature", YLVariant(0.5));
+    p->setValue("temperature", YLVariant(1.0));  // the default, still sent once set
     p->setValue("user_instructions", YLVariant("Be brief."));
   });
   ASSERT_EQ(chat(*full, "q").second, "");
-  const bool parts = service.type == QORAssistantType::GOOGLE;
-  const std::string turns =
-      parts
-          ? R"~({"role":"user","parts":[{"text":"hi"}]},{"role":"model","parts":[{"text":"R1"}]},)~"
-            R"~({"role":"user","parts":[{"text":"q"}]})~"
-          : R"~({"role":"user","content":"hi"},{"role":"assistant","content":"R1"},)~"
-            R"~({"role":"user","content":"q"})~";
   std::string expected = service.full;
-  expected.replace(expected.find("<turns>"), 7, turns);
+  expected.replace(expected.find("<turns>"), 7, turns + turn(false, "q"));
   EXPECT_EQ(server.lastRequest().body, expected);
+  EXPECT_EQ(memory.calls, (std::vector<std::string>{"structure", "history 20", "add", "add"}));
+  EXPECT_EQ(memory.history.back().text, service.reply);
 
   // All on one kept-alive connection per assistant, each with the key where the service wants it.
   ASSERT_EQ(server.requestCount(), 3u);
@@ -73,6 +111,9 @@ TEST_P(AllServices, ListChatAndFreeThroughTheExports) {
     credential.replace(at, 1, key);
   for (const RecordedRequest& request : server.requests())
     EXPECT_EQ(credentialsIn(request, key), credential) << request.method;
+  // An empty key is not refused: the service answers for it.
+  EXPECT_EQ(create(service.type, host, nullptr, "")->obtainAvailableModels().second, "");
+  EXPECT_EQ(credentialsIn(server.lastRequest(), "\n"), service.emptyKey);
 
   std::unique_ptr<IQORAssistantMemory, Free> taken(assistant->detachMemory());
   assistant.reset();  // the memory taken over outlives the assistant
@@ -90,6 +131,65 @@ TEST(AllServices, CreateAnswersTheSevenTypesAndNothingElse) {
     EXPECT_EQ(QORCreateAssistant(static_cast<QORAssistantType>(type), &pool, "k", "", nullptr),
               nullptr);
   QORFreeObject(nullptr);
+}
+
+// What the host's callback saw and what it answers.
+std::vector<std::string> seen;
+std::string answer;
+void translate(const char* key, void* record) {
+  ASSERT_STREQ(key, "QORLocalizeString");
+  auto* info = static_cast<QORCallbackLocalizationInfo*>(record);
+  for (char c : info->translation)
+    ASSERT_EQ(c, 0) << "the record arrives zeroed";
+  seen.emplace_back(info->source);
+  std::memcpy(info->translation, answer.data(), answer.size());
+}
+
+TEST(Localization, OnlyTheLibrarysSentencesGoThroughTheHostsCallback) {
+  LoopbackServer server;
+  AssistantPtr assistant = create(QORAssistantType::OPENAI_v1, server.baseUrl());
+  const std::string tail = ": p/v1/chat/completions";
+  seen.clear();
+  answer.clear();
+  EXPECT_EQ(chat(*assistant, "q").second, "Model is empty" + tail);  // no callback
+  QORRegisterCallback(&translate);
+  EXPECT_EQ(chat(*assistant, "q").second, "Model is empty" + tail);  // it writes nothing
+  answer = "Modell fehlt";
+  EXPECT_EQ(chat(*assistant, "q").second, "Modell fehlt" + tail) << "never the tail";
+
+  // A service's text is its own, even when it reads like one of the library's sentences.
+  setModel(*assistant);
+  answer = "Réponse invalide";
+  server.answer("POST", "/v1/chat/completions", {.body = "<html>"});
+  EXPECT_EQ(chat(*assistant, "q").second, "Réponse invalide" + tail);
+  server.answer("POST", "/v1/chat/completions", {.status = 400, .body = "Invalid response"});
+  EXPECT_EQ(chat(*assistant, "q").second, "Invalid response");
+  // Asked anew every time: nothing is cached.
+  EXPECT_EQ(seen,
+            (std::vector<std::string>{"Model is empty", "Model is empty", "Invalid response"}));
+
+  // A translation may fill the record but its last byte; the empty text is never asked for.
+  answer = std::string(1023, 'x');
+  EXPECT_EQ(obtainLocalizedText("Invalid response"), answer);
+  EXPECT_EQ(obtainLocalizedText(""), "");
+  QORRegisterCallback(nullptr);
+  EXPECT_EQ(obtainLocalizedText("Unsupported data format"), "Unsupported data format");
+  EXPECT_EQ(seen.size(), 4u);
+}
+
+TEST(Boundary, MessagesAreStampedByTimeAndOwnTheirSections) {
+  // The stamp must come from time(), which hosts compare it with: other clocks run ahead of it
+  // by up to a tick. This binary's time() answers a second of the test's while one is set.
+  fixedTime = 1234567890;
+  QORMessage* message = QORMessage::makeTextReply(std::string("a\0b", 3));
+  fixedTime = 0;
+  EXPECT_EQ(message->obtainCreationTime(), 1234567890);
+
+  ASSERT_EQ(message->obtainSections().size(), 1u);
+  EXPECT_EQ(message->obtainSections()[0]->obtainText().size(), 3u);
+  message->sections.push_back(nullptr);  // skipped by the destructor
+  message->sections.push_back(new QORMessageTextSection);
+  QORFreeObject(message);  // the leak checker of the sanitizer run holds the rest
 }
 
 }  // namespace

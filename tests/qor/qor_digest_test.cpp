@@ -1,7 +1,7 @@
-// The database digest and the combined instructions, byte for byte, and the one verdict a
-// structure text gets wherever it is parsed.
+// The database digest and the combined instructions, byte for byte: statements, the order of
+// catalogs, rejections and duplicate keys.
 
-#include <gtest/gtest.h>
+#include <sstream>
 
 #include "qor_assistant_properties.h"
 #include "qor_database_digest.h"
@@ -44,20 +44,18 @@ class Digest : public ::testing::Test {
     memory.setDatabaseStructure(structure);
     return record.obtainDatabaseInstructions();
   }
-  // The statement of one object description in schema "s".
-  std::string statementOf(const std::string& description, const char* kind = "TABLE") {
-    const YLJson json(description);
-    return QORAssistantProperties::composeCreateStatement("s", kind, &json);
-  }
   // What the text must be by its definition: the tree's lines, catalog by catalog.
   std::string textFromTree() {
     std::string text;
+    const auto append = [&text](const YLVariant& lines) {
+      for (const YLVariant& line : lines.listValue())
+        text += line.stringValue() + "\n";
+    };
     for (const YLVariant& catalog : record.obtainDatabaseTree()) {
       const YLVariantMap map = catalog.mapValue();
-      QORAssistantProperties::appendInstructionLines(text, map.at("instructions"));
-      for (const YLVariant& schema : map.at("schemas").listValue()) {
-        QORAssistantProperties::appendInstructionLines(text, schema.mapValue().at("instructions"));
-      }
+      append(map.at("instructions"));
+      for (const YLVariant& schema : map.at("schemas").listValue())
+        append(schema.mapValue().at("instructions"));
     }
     return text;
   }
@@ -68,124 +66,89 @@ class Digest : public ::testing::Test {
 
 TEST_F(Digest, WorkedExampleGivesTheTextAndTheTree) {
   EXPECT_EQ(digestOf(kShop), kShopDigest);
-
-  const YLVariantList tree = record.obtainDatabaseTree();
-  ASSERT_EQ(tree.size(), 1u);
-  YLVariantMap catalog = tree[0].mapValue();
-  const YLVariantList schemas = catalog.at("schemas").listValue();
-  ASSERT_EQ(schemas.size(), 1u);
-  YLVariantMap schema = schemas[0].mapValue();
-  EXPECT_EQ(schema.at("instructions").listValue().size(), 3u);
-  catalog.erase("schemas");
-  schema.erase("instructions");
-  EXPECT_EQ(catalog, (YLVariantMap{{"catalog_id", "c1"},
-                                   {"catalog_name", "shop"},
-                                   {"instructions", YLVariantList{"USE CATALOG `shop`"}}}));
-  EXPECT_EQ(schema, (YLVariantMap{{"schema_id", "s1"}, {"schema_name", "sales"}}));
-  EXPECT_EQ(textFromTree(), kShopDigest);
-
+  YLVariantList lines;
+  std::istringstream text(kShopDigest);
+  for (std::string line; std::getline(text, line);)
+    lines.emplace_back(line);
+  const YLVariantMap schema{{"schema_id", "s1"},
+                            {"schema_name", "sales"},
+                            {"instructions", YLVariantList(lines.begin() + 1, lines.end())}};
+  const YLVariantList tree{YLVariantMap{{"catalog_id", "c1"},
+                                        {"catalog_name", "shop"},
+                                        {"instructions", YLVariantList{lines[0]}},
+                                        {"schemas", YLVariantList{schema}}}};
+  EXPECT_EQ(record.obtainDatabaseTree(), tree);
   // What the host reads back is the tree, not what it stored.
   EXPECT_EQ(record.obtainValue("db_structure"), YLVariant(tree));
 }
 
-TEST_F(Digest, UnnamedCatalogsComeFirstInReverseOrder) {
-  const std::string structure = R"~([
-    {"catalog_id": "A", "schemas": [{"tables": [{"name": "a", "fields": []}]}]},
-    {"catalog_name": "B", "schemas": []},
-    {"catalog_name": "", "schemas": [{"tables": [{"name": "c", "fields": []}]}]},
-    {"catalog_name": "D", "schemas": []}])~";
-  EXPECT_EQ(digestOf(structure),
-            "USE CATALOG ``\nCREATE TABLE `c` ()\n"
-            "CREATE TABLE `a` ()\n"
-            "USE CATALOG `B`\n"
-            "USE CATALOG `D`\n");
-  EXPECT_EQ(textFromTree(), digestOf(structure));
-
-  // Rejected catalogs take no place in the order; the rule holds for any number of catalogs.
-  std::string many = "[";
-  std::string expectedUnnamed;
-  std::string expectedNamed;
-  for (int i = 0; i < 40; ++i) {
-    const std::string n = std::to_string(i);
-    if (i > 0) many += ",";
-    if (i % 3 == 0) {
-      many += R"~({"schemas": [{"tables": [{"name": "t)~" + n + R"~(", "fields": []}]}]})~";
-      expectedUnnamed.insert(0, "CREATE TABLE `t" + n + "` ()\n");
-    } else if (i % 3 == 1) {
-      many += R"~({"catalog_name": "n)~" + n + R"~(", "schemas": []})~";
-      expectedNamed += "USE CATALOG `n" + n + "`\n";
-    } else {
-      many += R"~({"catalog_name": 5, "schemas": []})~";
-    }
-  }
-  many += "]";
-  AssertionRecorder assertions;
-  EXPECT_EQ(digestOf(many), expectedUnnamed + expectedNamed);
-  EXPECT_EQ(textFromTree(), expectedUnnamed + expectedNamed);
-}
-
-TEST_F(Digest, StatementsFollowTheirGrammar) {
-  // Kinds in their order whatever the key order; an empty schema name gives no qualifier.
-  EXPECT_EQ(digestOf(R"~([{"schemas": [{"schema_name": "",
-      "mviews": [{"name": "mv", "fields": [{"name": "a", "type": "int"}]}],
-      "views": [{"name": "v", "fields": []}],
-      "tables": [{"name": "t", "fields": []}, {"name": "t", "fields": []}]}]}])~"),
-            "CREATE TABLE `t` ()\nCREATE TABLE `t` ()\nCREATE VIEW `v` ()\n"
-            "CREATE MATERIALIZED VIEW `mv` (`a` int)\n");
-
-  // Empty fields stop the statement before the keys are even looked at.
-  EXPECT_EQ(statementOf(R"~({"name": "t", "fields": [], "pkeys": [1], "fkeys": [7]})~"),
-            "CREATE TABLE `s`.`t` ()");
-  // Two-column keys; an empty ref_schema still qualifies; no ref_schema does not.
-  EXPECT_EQ(statementOf(R"~({"name": "t", "fields": [{"name": "a", "type": "int"},
-      {"name": "b", "type": "text"}], "pkeys": ["a", "b"], "fkeys": [
-      {"fields": ["a", "b"], "ref_schema": "", "ref_table": "r", "ref_fields": ["x", "y"]},
-      {"fields": [], "ref_table": "skipped", "ref_fields": [1]},
-      {"fields": ["a"], "ref_table": "q", "ref_fields": ["z"]}]})~"),
-            "CREATE TABLE `s`.`t` (`a` int, `b` text, PRIMARY KEY(`a`, `b`), FOREIGN KEY(`a`, "
-            "`b`) REFERENCES ``.`r`(`x`, `y`), FOREIGN KEY(`a`) REFERENCES `q`(`z`))");
-  EXPECT_EQ(statementOf(R"~({"name": "t", "fields": [{"name": "a", "type": "int"}], "pkeys": [],
-      "fkeys": []})~",
-                        "VIEW"),
-            "CREATE VIEW `s`.`t` (`a` int)");
-  // Bytes pass unchanged: backticks are not doubled, a line feed splits the line.
-  EXPECT_EQ(statementOf("{\"name\": \"a`b\\nc\", \"fields\": [{\"name\": \"\\u00e9\", "
-                        "\"type\": \"x\"}]}"),
-            "CREATE TABLE `s`.`a`b\nc` (`\xC3\xA9` x)");
-  // Keys compare after escapes are decoded.
-  EXPECT_EQ(statementOf(R"~({"n\u0061me": "t", "fields": []})~"), "CREATE TABLE `s`.`t` ()");
-}
-
-TEST_F(Digest, EmptyOrForeignShapesGiveNothing) {
-  for (const char* structure : {"", "[]", "{}", "\"text\"", "[1", "null"}) {
-    AssertionRecorder assertions;
-    EXPECT_EQ(digestOf(structure), "") << structure;
-    EXPECT_TRUE(record.obtainDatabaseTree().empty()) << structure;
-    EXPECT_TRUE(assertions.take().empty()) << "silent for " << structure;
-  }
-  // A catalog without a name and without schemas is an entry of the tree but writes nothing.
-  EXPECT_EQ(digestOf(R"~([{"schemas": []}, {"catalog_name": "x", "schemas": [{}]}])~"),
-            "USE CATALOG `x`\n");
-  EXPECT_EQ(record.obtainDatabaseTree().size(), 2u);
-}
-
-TEST_F(Digest, EveryRejectionIsReportedAndLeavesItsTrace) {
+// Each structure gives its text, and the tree that holds the same lines, and reports each catalog,
+// schema or object description it passes over.
+TEST_F(Digest, StructuresGiveTheirTextAndTreeAndReportWhatIsPassedOver) {
   struct Case {
-    const char* structure;
-    const char* digest;
+    std::string structure;
+    std::string digest;
     std::size_t reports;
+    std::size_t catalogs;  // in the tree
   };
-  const Case cases[] = {
+  std::vector<Case> cases = {
+      {kShop, kShopDigest, 0, 1},
+      // Unnamed catalogs first, the latest first; then the named ones in their order. Rejected
+      // catalogs take no place in it.
+      {R"~([{"catalog_id": "A", "schemas": [{"tables": [{"name": "a", "fields": []}]}]},
+           {"catalog_name": "B", "schemas": []}, {"catalog_name": 5, "schemas": []},
+           {"catalog_name": "", "schemas": [{"tables": [{"name": "c", "fields": []}]}]},
+           {"catalog_name": "D", "schemas": []}, {"schemas": []}])~",
+       "USE CATALOG ``\nCREATE TABLE `c` ()\nCREATE TABLE `a` ()\nUSE CATALOG `B`\n"
+       "USE CATALOG `D`\n",
+       1, 5},
+      // Kinds in their order whatever the key order; an empty schema name gives no qualifier.
+      {R"~([{"schemas": [{"schema_name": "",
+           "mviews": [{"name": "mv", "fields": [{"name": "a", "type": "int"}]}],
+           "views": [{"name": "v", "fields": [{"name": "a", "type": "int"}], "pkeys": [],
+             "fkeys": []}],
+           "tables": [{"name": "t", "fields": []}, {"name": "t", "fields": []}]}]}])~",
+       "CREATE TABLE `t` ()\nCREATE TABLE `t` ()\nCREATE VIEW `v` (`a` int)\n"
+       "CREATE MATERIALIZED VIEW `mv` (`a` int)\n",
+       0, 1},
+      // Statements by their grammar. Empty fields stop one before the keys are even looked at;
+      // two-column keys; a foreign key without columns on either side is left out; an empty
+      // ref_schema still qualifies, no ref_schema does not; bytes pass
+      // unchanged (backticks are not doubled, a line feed splits the line); keys compare after
+      // escapes are decoded.
+      {R"~([{"schemas": [{"schema_name": "s", "tables": [
+           {"name": "t", "fields": [], "pkeys": [1], "fkeys": [7]},
+           {"name": "t", "fields": [{"name": "a", "type": "int"}, {"name": "b", "type": "text"}],
+            "pkeys": ["a", "b"], "fkeys": [
+            {"fields": ["a", "b"], "ref_schema": "", "ref_table": "r", "ref_fields": ["x", "y"]},
+            {"fields": [], "ref_table": "skipped", "ref_fields": [1]},
+            {"fields": ["a"], "ref_table": "skipped", "ref_fields": []},
+            {"fields": ["a"], "ref_table": "q", "ref_fields": ["z"]}]},
+           {"name": "a`b\nc", "fields": [{"name": "\u00e9", "type": "x"}]},
+           {"n\u0061me": "t", "fields": []}]}]}])~",
+       "CREATE TABLE `s`.`t` ()\nCREATE TABLE `s`.`t` (`a` int, `b` text, PRIMARY KEY(`a`, `b`), "
+       "FOREIGN KEY(`a`, `b`) REFERENCES ``.`r`(`x`, `y`), FOREIGN KEY(`a`) REFERENCES `q`(`z`))\n"
+       "CREATE TABLE `s`.`a`b\nc` (`\xC3\xA9` x)\nCREATE TABLE `s`.`t` ()\n",
+       0, 1},
+      // Empty or foreign shapes give nothing, silently; a catalog without a name and without
+      // schemas is in the tree but writes nothing.
+      {"", "", 0, 0},
+      {"[]", "", 0, 0},
+      {"{}", "", 0, 0},
+      {"\"text\"", "", 0, 0},
+      {"[1", "", 0, 0},
+      {"null", "", 0, 0},
+      {R"~([{"schemas": []}, {"catalog_name": "x", "schemas": [{}]}])~", "USE CATALOG `x`\n", 0, 2},
       // Catalogs passed over.
       {R"~([null, 3, {"catalog_id": 1, "schemas": []}, {"catalog_name": null, "schemas": []},
            {"catalog_name": "x"}, {"catalog_name": "y", "schemas": {}}, {"catalog_name": "ok",
            "schemas": []}])~",
-       "USE CATALOG `ok`\n", 6},
+       "USE CATALOG `ok`\n", 6, 1},
       // Schemas passed over, their catalog stands.
       {R"~([{"catalog_name": "c", "schemas": [null, [], {"schema_id": 2}, {"schema_name": []},
            {"tables": {}}, {"views": null}, {"mviews": "x"},
            {"tables": [{"name": "kept", "fields": []}]}]}])~",
-       "USE CATALOG `c`\nCREATE TABLE `kept` ()\n", 7},
+       "USE CATALOG `c`\nCREATE TABLE `kept` ()\n", 7, 1},
       // Rejected descriptions leave empty lines between the statements around them.
       {R"~([{"schemas": [{"tables": [
            {"name": "a", "fields": []},
@@ -205,43 +168,77 @@ TEST_F(Digest, EveryRejectionIsReportedAndLeavesItsTrace) {
            {"name": "b", "fields": [{"name": "x", "type": "int"}],
             "fkeys": [{"fields": ["x"], "ref_table": "r", "ref_fields": [null]}]},
            {"name": "z", "fields": []}]}]}])~",
-       "CREATE TABLE `a` ()\n\n\n\n\n\n\n\n\n\n\n\n\nCREATE TABLE `z` ()\n", 12},
+       "CREATE TABLE `a` ()\n\n\n\n\n\n\n\n\n\n\n\n\nCREATE TABLE `z` ()\n", 12, 1},
+      // The members of each object are read in one pass, which must find what a lookup of each
+      // key finds: every key given twice, the first value wrong or stale, only the second shows.
+      {R"~([{"catalog_name": 1, "schemas": {}, "catalog_name": "c",
+           "schemas": [{"schema_name": "old", "tables": [{"name": "gone", "fields": []}],
+             "schema_name": "s", "tables": [{"name": 2, "fields": [], "pkeys": {},
+               "fields": [{"name": "a", "type": null, "type": "int", "name": "b"}],
+               "pkeys": ["b"], "name": "t",
+               "fkeys": [{"fields": [], "ref_table": "r", "ref_fields": ["x"], "fields": ["b"],
+                          "ref_table": "q", "ref_schema": 3, "ref_schema": "p"}]}]}]}])~",
+       "USE CATALOG `c`\nCREATE TABLE `s`.`t` (`b` int, PRIMARY KEY(`b`), FOREIGN KEY(`b`) "
+       "REFERENCES `p`.`q`(`x`))\n",
+       0, 1},
   };
-  for (const Case& c : cases) {
-    AssertionRecorder assertions;
-    EXPECT_EQ(digestOf(c.structure), c.digest) << c.structure;
-    const auto reports = assertions.take();
-    if (kAssertionsReported) {
-      ASSERT_EQ(reports.size(), c.reports) << c.structure;
-      for (const auto& report : reports) {
-        EXPECT_EQ(report, AssertionRecorder::Report("false", "qor_assistant_properties"));
-      }
-    }
-    EXPECT_EQ(textFromTree(), c.digest);
+  // Identifiers are copied in pieces whose way depends on their length: every length up to past
+  // the widest, of distinct bytes so that one misplaced or left out shows.
+  Case lengths{"", "", 0, 1};
+  for (std::string id = "a"; id.size() <= 21; id += static_cast<char>('a' + id.size())) {
+    const std::string column = "{\"name\": \"" + id + "\", \"type\": \"" + id + "\"}";
+    lengths.structure += ",{\"name\": \"" + id + "\", \"fields\": [" + column + "," + column +
+                         "], \"pkeys\": [\"" + id + "\"]}";
+    lengths.digest += "CREATE TABLE `" + id + "` (`" + id + "` " + id + ", `" + id + "` " + id +
+                      ", PRIMARY KEY(`" + id + "`))\n";
   }
-  // Rejecting needs no structure at all.
-  AssertionRecorder assertions;
-  EXPECT_EQ(QORAssistantProperties::composeCreateStatement("s", "TABLE", nullptr), "");
-  if (kAssertionsReported) {
-    EXPECT_EQ(assertions.take().size(), 1u);
+  lengths.structure = R"~([{"schemas": [{"tables": [)~" + lengths.structure.substr(1) + "]}]}]";
+  cases.push_back(lengths);
+  // A right value overwritten by a wrong one rejects, as a lookup would.
+  const std::string objects = R"~("schemas": [{"tables": [{"name": "t", "fields": [], "name": null},
+      {"name": "u", "fields": [{"name": "a", "type": "int", "type": 5}]},
+      {"name": "v", "fields": []}]}])~";
+  cases.push_back({"[{" + objects + R"~(, "catalog_name": "c", "catalog_name": []}])~", "", 1, 0});
+  cases.push_back({"[{" + objects + "}]", "\n\nCREATE TABLE `v` ()\n", 2, 1});
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.structure.substr(0, 160));
+    AssertionRecorder assertions;
+    EXPECT_EQ(digestOf(c.structure), c.digest);
+    const auto reports = assertions.take();
+    EXPECT_EQ(reports.size(), kAssertionsReported ? c.reports : 0u);
+    for (const auto& report : reports)
+      EXPECT_EQ(report, AssertionRecorder::Report("false", "qor_assistant_properties"));
+    EXPECT_EQ(textFromTree(), c.digest);
+    EXPECT_EQ(record.obtainDatabaseTree().size(), c.catalogs);
   }
 }
 
 TEST_F(Digest, CombinedInstructionsJoinTheThreeSources) {
   EXPECT_EQ(record.obtainCombinedInstructions(), "");
 
-  record.userInstructions = "Answer in French.";
+  record.setValue("user_instructions", YLVariant("Answer in French."));
   EXPECT_EQ(record.obtainCombinedInstructions(), "Answer in French.\n\n");
 
-  record.userInstructions.clear();
+  // System instructions merge entry by entry: an empty text removes one, a value that is not a
+  // string is reported and passed over, the empty map changes nothing.
+  record.setValue("user_instructions", YLVariant(""));
   ASSERT_TRUE(record.setValue("system_instructions", YLVariantMap{{"b", "Prefer joins."}}));
   EXPECT_EQ(record.obtainCombinedInstructions(), "Prefer joins.\n");
+  AssertionRecorder assertions;
+  ASSERT_TRUE(record.setValue("system_instructions", YLVariantMap{{"c", YLVariant(3)}}));
+  ASSERT_TRUE(record.setValue("system_instructions", YLVariantMap{}));
+  EXPECT_EQ(record.obtainValue("system_instructions"),
+            YLVariant(YLVariantMap{{"b", "Prefer joins."}}));
+  EXPECT_EQ(assertions.take(), std::vector<AssertionRecorder::Report>(
+                                   kAssertionsReported ? 1 : 0,
+                                   {"kv.second.getValueType() == YLVariant::ValueType::String",
+                                    "qor_assistant_properties"}));
 
   ASSERT_TRUE(record.setValue("system_instructions", YLVariantMap{{"b", ""}}));
   memory.setDatabaseStructure(kShop);
   EXPECT_EQ(record.obtainCombinedInstructions(), std::string(kShopDigest) + "\n");
 
-  record.userInstructions = "Answer in French.";
+  record.setValue("user_instructions", YLVariant("Answer in French."));
   ASSERT_TRUE(record.setValue("system_instructions",
                               YLVariantMap{{"b", "Prefer joins."}, {"a", "Be brief."}}));
   const std::string expected =
@@ -250,53 +247,10 @@ TEST_F(Digest, CombinedInstructionsJoinTheThreeSources) {
   EXPECT_EQ(record.obtainValue("combined_instructions"), YLVariant(expected));
 
   // Blanks count as instructions; upper-case keys sort first.
-  record.userInstructions = "  ";
+  record.setValue("user_instructions", YLVariant("  "));
   memory.setDatabaseStructure("");
   ASSERT_TRUE(record.setValue("system_instructions", YLVariantMap{{"Z", "upper"}}));
   EXPECT_EQ(record.obtainCombinedInstructions(), "  \n\nupper\nBe brief.\nPrefer joins.\n");
-}
-
-// A structure of one table whose name ends in `tail`, padded so that the text's length takes each
-// of 16 values: where the wide scanners start inside the name differs between them.
-std::string paddedStructure(std::size_t pad, const std::string& tail) {
-  return R"~([{"schemas":[{"tables":[{"name":")~" + std::string(20 + pad, 't') + tail +
-         R"~(","fields":[]}]}]}])~";
-}
-
-bool setStructure(IQORAssistant& assistant, const std::string& text) {
-  bool stored = false;
-  assistant.updateProperties(
-      [&](IQORProperties* p) { stored = p->setValue("db_structure", YLVariant(text)); });
-  return stored;
-}
-
-// The digest of the text parsed from a copy, and in place from buffers without and with room.
-std::vector<std::string> digestsInEveryBuffer(const std::string& text) {
-  std::string exact = text, roomy;
-  roomy.reserve(text.size() + 64);
-  roomy = text;
-  return {QORDatabaseDigest::buildText(text), QORDatabaseDigest::buildText(std::move(exact)),
-          QORDatabaseDigest::buildText(std::move(roomy))};
-}
-
-TEST(StructureText, OneVerdictWhereverTheTextIsParsed) {
-  // A raw control byte is not JSON: setValue refuses the text, and the digest of a memory that
-  // holds it anyway (a host's store may) is empty, for every length and every buffer. Escaped, the
-  // same byte is accepted by both.
-  AssistantPtr assistant = create(QORAssistantType::OPENAI_v1, offlineHost());
-  AssertionRecorder assertions;
-  for (std::size_t pad = 0; pad < 16; ++pad) {
-    SCOPED_TRACE(pad);
-    const std::string raw = paddedStructure(pad, "\x1f");
-    EXPECT_FALSE(setStructure(*assistant, raw));
-    EXPECT_EQ(assertions.take().size(), kAssertionsReported ? 1u : 0u) << "refused and reported";
-    EXPECT_EQ(digestsInEveryBuffer(raw), std::vector<std::string>(3, ""));
-
-    const std::string escaped = paddedStructure(pad, "\\u001f");
-    EXPECT_TRUE(setStructure(*assistant, escaped));
-    const std::string statement = "CREATE TABLE `" + std::string(20 + pad, 't') + "\x1f` ()\n";
-    EXPECT_EQ(digestsInEveryBuffer(escaped), std::vector<std::string>(3, statement));
-  }
 }
 
 }  // namespace

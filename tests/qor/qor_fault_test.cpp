@@ -1,6 +1,5 @@
-// Services that misbehave on the wire, each against a chat and a listing of an assistant of each
-// gate (OpenAI looks at the reply first, Google at the exchange first): the failure text, the
-// history left as it was, memory bounded by the reply size limit, and the next exchange on the
+// A service that misbehaves on the wire, against a chat: the failure text, the history left as it
+// was, memory bounded by the reply size limit, and the next exchange on the
 // same pool answered correctly.
 
 #include <malloc.h>
@@ -8,11 +7,8 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
-#include <functional>
 #include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "qor_library.h"
 #include "qor_test_util.h"
@@ -64,48 +60,24 @@ std::optional<std::size_t> peakGrowthDuring(const std::function<void()>& run) {
   return peak > before ? peak - before : 0;
 }
 
-// The service's side: a normal reply for each gate, "@" standing for the reply's text or the
-// model's name.
-struct Service {
-  QORAssistantType type;
-  const char* name;
-  const char* chatBody;
-  const char* modelsBody;
-  const char* chatTail;        // of the library's own failure sentences
-  Listing listingWithoutJson;  // a 200 reply without usable JSON
-  std::string body(bool chat, const std::string& text) const {
-    std::string body = chat ? chatBody : modelsBody;
-    return body.replace(body.find('@'), 1, text);
-  }
-  friend void PrintTo(const Service& service, std::ostream* out) { *out << service.name; }
-};
+// The service's side, Google's: a normal chat reply with the given text.
+std::string normalBody(const std::string& text) {
+  return R"~({"candidates":[{"content":{"role":"model","parts":[{"text":")~" + text +
+         R"~("}]}}]})~";
+}
 
-const Service kServices[] = {
-    {QORAssistantType::OPENAI_v1, "OpenAI",
-     R"~({"choices":[{"message":{"role":"assistant","content":"@"}}]})~",
-     R"~({"object":"list","data":[{"id":"@","object":"model","created":1,"owned_by":"o"}]})~",
-     ": p/v1/chat/completions", Listing({}, "")},
-    {QORAssistantType::GOOGLE, "Google",
-     R"~({"candidates":[{"content":{"role":"model","parts":[{"text":"@"}]}}]})~",
-     R"~({"models":[{"name":"models/@","supportedGenerationMethods":["generateContent"]}]})~",
-     ": p/v1beta/models/m:generateContent", Listing({}, "Invalid response: g/v1beta/models")},
-};
-
-// What a faulty exchange comes to.
-enum class Expected {
-  kFailure,   // the exchange fails with one of the texts, for a chat and a listing alike
-  kNoJson,    // a 200 reply without usable JSON: each gate's own way
-  kRawBytes,  // a reply whose text (and model name) holds invalid UTF-8, passed on as it is
-};
+// What a faulty exchange comes to: a failure with one of the texts (as good as each other); with
+// no text, a 200 reply without usable JSON; with kRawBytes, the service's normal reply with invalid
+// UTF-8 in its text, passed on as it is.
+const std::string kInvalidUtf8 = "bad \xff\xfe\xc3( \xed\xa0\x80 end";
+const std::vector<std::string> kRawBytes = {kInvalidUtf8};
 
 struct Fault {
   const char* name;
-  Expected expected;
-  std::vector<std::string> texts;  // kFailure: the texts that are as good as each other
-  bool huge;                       // a body of unbounded size: the memory is measured
-  long totalTimeoutMs;             // the exchange's whole time limit
-  // Makes the behaviour for a chat or a listing of the service.
-  std::function<RawBehaviour(const Service&, bool chat)> behaviour;
+  std::vector<std::string> texts;
+  RawBehaviour behaviour;
+  bool huge = false;            // a body of unbounded size: the memory is measured
+  long totalTimeoutMs = 30000;  // the exchange's whole time limit
 };
 
 std::string head(const std::string& fields) {
@@ -116,122 +88,92 @@ std::string zeros() {
   return std::string(std::size_t{64} * 1024, '0');
 }
 
-const std::string kInvalidUtf8 = "bad \xff\xfe\xc3( \xed\xa0\x80 end";
+// The service's normal reply, its text as given, under a Content-Length that is off by the given
+// amount. The rest of a body longer than announced stays on the connection, where the next reply
+// would follow.
+RawBehaviour normal(const std::string& text, long off = 0) {
+  return [body = normalBody(text), off](RawConnection& c, const RawRequest&) {
+    const std::string length = std::to_string(static_cast<long>(body.size()) + off);
+    if (c.send(head("Content-Length: " + length + "\r\n") + body) && off <= 0) c.keepOpen();
+  };
+}
 
 std::vector<Fault> faults() {
-  std::vector<Fault> all;
-  const auto add = [&all](const char* name, Expected expected, std::vector<std::string> texts,
-                          bool huge, long totalTimeoutMs, const RawBehaviour& behaviour) {
-    all.push_back({name, expected, std::move(texts), huge, totalTimeoutMs,
-                   [behaviour](const Service&, bool) { return behaviour; }});
-  };
   const std::string tooLarge = errorText(YLErrorCode::kResponseTooLarge);
-  constexpr long kDefault = 30000;
-  add("reset in the middle of the body", Expected::kFailure, {curlText(56)}, false, kDefault,
-      [](RawConnection& c, const RawRequest&) {
-        c.send(head("Content-Length: 100000\r\n") + std::string(1000, '['));
-        std::this_thread::sleep_for(50ms);
-        c.reset();
-      });
-  add("a stall after the headers past the total time limit", Expected::kFailure, {curlText(28)},
-      false, 700, [](RawConnection& c, const RawRequest&) {
-        c.send(head("Content-Length: 100\r\n"));
-        c.waitForPeerClose(10s);
-      });
-  add("Content-Length of 1 GiB", Expected::kFailure, {tooLarge}, true, kDefault,
-      [](RawConnection& c, const RawRequest&) {
-        c.send(head("Content-Length: 1073741824\r\n"));
-        c.sendWhileTaken(zeros, std::size_t{1} << 30);
-      });
-  add("an endless chunked body", Expected::kFailure, {tooLarge}, true, kDefault,
-      [](RawConnection& c, const RawRequest&) {
-        c.send(head("Transfer-Encoding: chunked\r\n"));
-        static const std::string piece = "10000\r\n" + zeros() + "\r\n";
-        c.sendWhileTaken([] { return piece; }, std::size_t{1} << 30);
-      });
-  add("a gzip body that inflates to 1 GiB", Expected::kFailure, {tooLarge}, true, kDefault,
-      [](RawConnection& c, const RawRequest&) {
-        c.send(head("Content-Encoding: gzip\r\nConnection: close\r\n"));
-        // 13 bits on the wire for every 258 bytes: about 6.5 MiB make 1 GiB.
-        c.sendWhileTaken(endlessGzipOfZeros(), (std::size_t{1} << 30) / 258 * 13 / 8);
-      });
-  // The client refuses more than 1 MiB of headers; libcurl 7.88 with the fix for CVE-2023-38039
-  // refuses them already at 300 KiB, as a failure to receive.
-  add("20 MB of headers", Expected::kFailure, {tooLarge, curlText(56)}, true, kDefault,
-      [](RawConnection& c, const RawRequest&) {
-        c.send("HTTP/1.1 200 OK\r\n");
-        std::size_t line = 0;
-        c.sendWhileTaken(
-            [&line] {
-              std::string lines;
-              for (int i = 0; i < 512; ++i)
-                lines +=
-                    "X-Filler-" + std::to_string(line++) + ": " + std::string(100, 'h') + "\r\n";
-              return lines;
-            },
-            20'000'000);
-      });
-  add("a reply that is not HTTP", Expected::kFailure, {curlText(1)}, false, kDefault,
-      [](RawConnection& c, const RawRequest&) {
-        c.send("SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n\x01\x02\x03");
-      });
-  add("10^6-deep nesting in the body", Expected::kNoJson, {}, false, kDefault,
-      httpReply(200, std::string(1'000'000, '[') + std::string(1'000'000, ']')));
-
-  // The service's normal reply under a Content-Length that is off by the given amount. The rest
-  // of a body longer than announced stays on the connection, where the next reply would follow.
-  const auto misannounced = [](long off) {
-    return [off](const Service& service, bool chat) -> RawBehaviour {
-      const std::string body = service.body(chat, "cut");
-      return [body, off](RawConnection& c, const RawRequest&) {
-        const std::string length = std::to_string(static_cast<long>(body.size()) + off);
-        if (c.send(head("Content-Length: " + length + "\r\n") + body) && off < 0) c.keepOpen();
-      };
-    };
+  return {
+      {"a body that trickles past the total time limit",
+       {curlText(28)},
+       [](RawConnection& c, const RawRequest&) {
+         c.send(head("Content-Length: 100\r\n"));
+         c.sendWhileTaken(
+             [] {
+               std::this_thread::sleep_for(100ms);
+               return std::string(1, '[');
+             },
+             100);
+       },
+       false,
+       700},
+      {"Content-Length of 1 GiB",
+       {tooLarge},
+       [](RawConnection& c, const RawRequest&) {
+         c.send(head("Content-Length: 1073741824\r\n"));
+         c.sendWhileTaken(zeros, std::size_t{1} << 30);
+       },
+       true},
+      {"an endless chunked body",
+       {tooLarge},
+       [](RawConnection& c, const RawRequest&) {
+         c.send(head("Transfer-Encoding: chunked\r\n"));
+         static const std::string piece = "10000\r\n" + zeros() + "\r\n";
+         c.sendWhileTaken([] { return piece; }, std::size_t{1} << 30);
+       },
+       true},
+      {"a gzip body that inflates to 1 GiB",
+       {tooLarge},
+       [](RawConnection& c, const RawRequest&) {
+         c.send(head("Content-Encoding: gzip\r\nConnection: close\r\n"));
+         // 13 bits on the wire for every 258 bytes: about 6.5 MiB make 1 GiB.
+         c.sendWhileTaken(endlessGzipOfZeros(), (std::size_t{1} << 30) / 258 * 13 / 8);
+       },
+       true},
+      // The client refuses more than 1 MiB of headers; libcurl 7.88 with the fix for
+      // CVE-2023-38039 refuses them already at 300 KiB, as a failure to receive.
+      {"20 MB of headers",
+       {tooLarge, curlText(56)},
+       [](RawConnection& c, const RawRequest&) {
+         c.send("HTTP/1.1 200 OK\r\n");
+         std::size_t line = 0;
+         c.sendWhileTaken(
+             [&line] {
+               std::string lines;
+               for (int i = 0; i < 512; ++i)
+                 lines +=
+                     "X-Filler-" + std::to_string(line++) + ": " + std::string(100, 'h') + "\r\n";
+               return lines;
+             },
+             20'000'000);
+       },
+       true},
+      {"10^6-deep nesting in the body",
+       {},
+       httpReply(200, std::string(1'000'000, '[') + std::string(1'000'000, ']'))},
+      {"Content-Length larger than the body", {curlText(18)}, normal("cut", 1000)},
+      {"Content-Length smaller than the body", {}, normal("cut", -10)},
+      {"invalid UTF-8 in the body", kRawBytes, normal(kInvalidUtf8)},
   };
-  all.push_back({"Content-Length larger than the body",
-                 Expected::kFailure,
-                 {curlText(18)},
-                 false,
-                 kDefault,
-                 misannounced(1000)});
-  all.push_back({"Content-Length smaller than the body",
-                 Expected::kNoJson,
-                 {},
-                 false,
-                 kDefault,
-                 misannounced(-10)});
-  all.push_back({"invalid UTF-8 in the body",
-                 Expected::kRawBytes,
-                 {},
-                 false,
-                 kDefault,
-                 [](const Service& service, bool chat) {
-                   return httpReply(200, service.body(chat, kInvalidUtf8));
-                 }});
-  return all;
 }
 
-// What the fault comes to, a chat's outcome written as a listing's: the reply's text as the one
-// name, or the failure. A failure may have any of the fault's texts, given the one that came.
-Listing expectedOutcome(const Fault& fault, const Service& service, bool chat,
-                        const std::string& came) {
-  switch (fault.expected) {
-    case Expected::kFailure: {
-      const bool known =
-          std::find(fault.texts.begin(), fault.texts.end(), came) != fault.texts.end();
-      return {{}, known ? came : fault.texts.at(0)};
-    }
-    case Expected::kNoJson:
-      return chat ? Listing({}, std::string("Invalid response") + service.chatTail)
-                  : service.listingWithoutJson;
-    case Expected::kRawBytes:
-      break;
-  }
-  return {{kInvalidUtf8}, ""};
+// What the fault comes to, written as a listing: the reply's text as the one name, or the
+// failure. A failure may have any of the fault's texts, given the one that came.
+Listing expectedOutcome(const Fault& fault, const std::string& came) {
+  if (fault.texts == kRawBytes) return {kRawBytes, ""};
+  if (fault.texts.empty()) return {{}, "Invalid response: p/v1beta/models/m:generateContent"};
+  const bool known = std::find(fault.texts.begin(), fault.texts.end(), came) != fault.texts.end();
+  return {{}, known ? came : fault.texts.at(0)};
 }
 
-class Faults : public ::testing::TestWithParam<Service> {
+class Faults : public ::testing::Test {
  protected:
   // glibc raises its mmap threshold as large blocks are freed and then keeps freed blocks
   // resident: a body that grows by doubling would leave every smaller size in the resident set.
@@ -243,13 +185,9 @@ class Faults : public ::testing::TestWithParam<Service> {
   YLRestGlobalSettings saved_ = qorGlobalRestSettings();
 };
 
-TEST_P(Faults, FailCleanlyAndLeaveThePoolUsable) {
-  const Service& service = GetParam();
-  RawServer server([&](RawConnection& c, const RawRequest& request) {
-    const bool chat = request.method == "POST";
-    httpReply(200, service.body(chat, chat ? "fine" : "model-1"))(c, request);
-  });
-  AssistantPtr assistant = create(service.type, server.baseUrl());
+TEST_F(Faults, FailCleanlyAndLeaveThePoolUsable) {
+  RawServer server(httpReply(200, normalBody("fine")));
+  AssistantPtr assistant = create(QORAssistantType::GOOGLE, server.baseUrl());
   setModel(*assistant);
 
   for (const Fault& fault : faults()) {
@@ -258,50 +196,33 @@ TEST_P(Faults, FailCleanlyAndLeaveThePoolUsable) {
     settings.maxResponseBytes = kLimit;
     settings.totalTimeoutMs = fault.totalTimeoutMs;
     QORSetHTTPSettings(settings);
+    server.enqueue(fault.behaviour);
+    Turns history = historyOf(*assistant);
+    const std::size_t requests = server.requestCount();
+    Listing outcome;
+    const auto start = std::chrono::steady_clock::now();
+    const std::optional<std::size_t> growth = peakGrowthDuring([&] {
+      auto [message, failure] = chat(*assistant, "q");
+      outcome.second = failure;
+      if (message) outcome.first.emplace_back(message->obtainSections().at(0)->obtainText());
+    });
+    EXPECT_EQ(server.requestCount(), requests + 1);
 
-    for (const bool chat : {true, false}) {
-      SCOPED_TRACE(chat ? "chat" : "listing");
-      server.enqueue(fault.behaviour(service, chat));
-      Turns history = historyOf(*assistant);
-      const std::size_t requests = server.requestCount();
-      Listing outcome;
-      const auto start = std::chrono::steady_clock::now();
-      const std::optional<std::size_t> growth = peakGrowthDuring([&] {
-        if (!chat) {
-          outcome = assistant->obtainAvailableModels();
-          return;
-        }
-        auto [message, failure] = qortest::chat(*assistant, "q");
-        outcome.second = failure;
-        if (message) outcome.first.emplace_back(message->obtainSections().at(0)->obtainText());
-      });
-      EXPECT_EQ(server.requestCount(), requests + 1);
-
-      EXPECT_EQ(outcome, expectedOutcome(fault, service, chat, outcome.second));
-      if (chat && !outcome.first.empty())
-        history.insert(history.end(),
-                       {{kChatRoleUser, "q"}, {kChatRoleAssistant, outcome.first[0]}});
-      EXPECT_EQ(historyOf(*assistant), history);
-      if (fault.totalTimeoutMs < 30000) {
-        EXPECT_LT(std::chrono::steady_clock::now() - start,
-                  std::chrono::milliseconds(fault.totalTimeoutMs) + 2s)
-            << "the exchange ends at the time limit";
-      }
-      if (fault.huge && growth && kPeakBound != 0) {
-        EXPECT_LT(*growth, kPeakBound) << "peak memory growth in bytes";
-      }
-
-      // The next exchange on the same pool gets the service's normal reply.
-      if (chat) {
-        expectChat(*assistant, replied("fine"));
-      } else {
-        EXPECT_EQ(assistant->obtainAvailableModels(), Listing({"model-1"}, ""));
-      }
+    EXPECT_EQ(outcome, expectedOutcome(fault, outcome.second));
+    if (!outcome.first.empty())
+      history.insert(history.end(), {{kChatRoleUser, "q"}, {kChatRoleAssistant, outcome.first[0]}});
+    EXPECT_EQ(historyOf(*assistant), history);
+    if (fault.totalTimeoutMs < 30000) {
+      EXPECT_LT(std::chrono::steady_clock::now() - start,
+                std::chrono::milliseconds(fault.totalTimeoutMs) + 2s)
+          << "the exchange ends at the time limit";
     }
+    if (fault.huge && growth && kPeakBound != 0) {
+      EXPECT_LT(*growth, kPeakBound) << "peak memory growth in bytes";
+    }
+    // The next exchange on the same pool gets the service's normal reply.
+    expectChat(*assistant, replied("fine"));
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Gates, Faults, ::testing::ValuesIn(kServices),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

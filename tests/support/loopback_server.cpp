@@ -1,13 +1,10 @@
 #include "support/loopback_server.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <netinet/in.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 #include <strings.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,9 +18,10 @@
 #include <mutex>
 #include <random>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
+
+#include "support/raw_server.h"
 
 namespace qortest {
 
@@ -31,25 +29,6 @@ namespace {
 
 void fail(const std::string& what) {
   throw std::runtime_error("loopback server: " + what);
-}
-
-bool sameName(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-// httplib keeps the parameters in a map sorted by name; the record wants them in wire order.
-Pairs decodeQuery(const std::string& query) {
-  Pairs params;
-  std::istringstream items(query);
-  for (std::string item; std::getline(items, item, '&');) {
-    if (item.empty()) continue;
-    const std::size_t equals = item.find('=');
-    params.emplace_back(httplib::detail::decode_url(item.substr(0, equals), true),
-                        equals == std::string::npos
-                            ? ""
-                            : httplib::detail::decode_url(item.substr(equals + 1), true));
-  }
-  return params;
 }
 
 using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
@@ -90,14 +69,11 @@ std::pair<KeyPtr, CertPtr> makeCertificate() {
 }  // namespace
 
 std::string RecordedRequest::header(std::string_view name) const {
-  const auto found =
-      std::ranges::find_if(headers, [&](const auto& entry) { return sameName(entry.first, name); });
+  const auto found = std::ranges::find_if(headers, [&](const auto& entry) {
+    return entry.first.size() == name.size() &&
+           strncasecmp(entry.first.data(), name.data(), name.size()) == 0;
+  });
   return found == headers.end() ? std::string() : found->second;
-}
-
-bool RecordedRequest::hasHeader(std::string_view name) const {
-  return std::ranges::any_of(headers,
-                             [&](const auto& entry) { return sameName(entry.first, name); });
 }
 
 struct LoopbackServer::Impl {
@@ -126,15 +102,13 @@ struct LoopbackServer::Impl {
     const std::size_t mark = req.target.find('?');
     const std::string query = mark == std::string::npos ? "" : req.target.substr(mark + 1);
     Pairs headers;
-    for (const auto& [name, value] : req.headers) {
-      // httplib adds the peer's and its own address; they never came over the wire.
-      if (!name.starts_with("REMOTE_") && !name.starts_with("LOCAL_")) {
+    // httplib adds the peer's and its own address; they never came over the wire.
+    for (const auto& [name, value] : req.headers)
+      if (!name.starts_with("REMOTE_") && !name.starts_with("LOCAL_"))
         headers.emplace_back(name, value);
-      }
-    }
     std::unique_lock lock(mutex);
-    requests.push_back({req.method, req.path, query, decodeQuery(query), std::move(headers),
-                        req.body, req.remote_port});
+    requests.push_back(
+        {req.method, req.path, query, std::move(headers), req.body, req.remote_port});
     const auto found = replies.find({req.method, req.path});
     const ScriptedReply reply =
         found != replies.end() ? found->second : ScriptedReply{404, "", "text/plain"};
@@ -208,17 +182,11 @@ std::size_t LoopbackServer::connectionCount() const {
 
 int closedLoopbackPort() {
   // Bound but never listening, and then closed: connecting to it is refused.
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  const bool bound = fd >= 0 &&
-                     ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-                     ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
+  int port = 1;
+  const int fd = boundLoopbackSocket(port);
+  if (fd < 0) ADD_FAILURE() << "cannot reserve a loopback port";
   if (fd >= 0) ::close(fd);
-  if (!bound) ADD_FAILURE() << "cannot reserve a loopback port";
-  return bound ? ntohs(address.sin_port) : 1;
+  return port;
 }
 
 std::string readWireFile(std::string_view relativePath) {

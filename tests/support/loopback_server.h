@@ -18,14 +18,12 @@ struct RecordedRequest {
   std::string method;
   std::string path;   // without the query
   std::string query;  // the raw query as received, without '?'
-  Pairs queryParams;  // decoded, in order
   Pairs headers;      // as received
   std::string body;
   int remotePort = 0;  // the client's port: one value per connection
 
   // The first header of that name, compared without case; empty if none.
   std::string header(std::string_view name) const;
-  bool hasHeader(std::string_view name) const;
 };
 
 struct ScriptedReply {

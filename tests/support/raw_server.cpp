@@ -3,11 +3,12 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -25,10 +26,8 @@ namespace {
 constexpr auto kSlice = std::chrono::milliseconds(20);
 
 // Waits for the socket to become readable (or closed) in short slices, so that a stop is noticed.
-bool waitReadable(int fd, const std::atomic<bool>& stopping,
-                  std::chrono::milliseconds limit = std::chrono::hours(1)) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!stopping && std::chrono::steady_clock::now() < end) {
+bool waitReadable(int fd, const std::atomic<bool>& stopping) {
+  while (!stopping) {
     pollfd entry{fd, POLLIN, 0};
     const int ready = ::poll(&entry, 1, static_cast<int>(kSlice.count()));
     if (ready > 0) return true;
@@ -37,27 +36,30 @@ bool waitReadable(int fd, const std::atomic<bool>& stopping,
   return false;
 }
 
-// The value of a header in a request head, compared without case; empty if absent.
-std::string headerValue(const std::string& head, std::string_view name) {
-  std::size_t line = head.find("\r\n");
-  while (line != std::string::npos && line + 2 < head.size()) {
-    const std::size_t start = line + 2;
-    const std::size_t end = head.find("\r\n", start);
-    const std::string_view text(head.data() + start,
-                                (end == std::string::npos ? head.size() : end) - start);
-    const std::size_t colon = text.find(':');
-    if (colon == name.size() && strncasecmp(text.data(), name.data(), name.size()) == 0) {
-      std::string_view value = text.substr(colon + 1);
-      while (!value.empty() && value.front() == ' ')
-        value.remove_prefix(1);
-      return std::string(value);
-    }
-    line = end;
-  }
-  return {};
+// The Content-Length of a request head, its name in any case; 0 if there is none.
+std::size_t contentLength(std::string head) {
+  for (char& c : head)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  const std::size_t at = head.find("\r\ncontent-length:");
+  return at == std::string::npos ? 0 : std::stoul(head.substr(at + 17));
 }
 
 }  // namespace
+
+int boundLoopbackSocket(int& port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd >= 0 && ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+    port = ntohs(address.sin_port);
+    return fd;
+  }
+  if (fd >= 0) ::close(fd);
+  return -1;
+}
 
 bool RawConnection::send(std::string_view bytes) {
   while (!bytes.empty()) {
@@ -79,27 +81,6 @@ std::size_t RawConnection::sendWhileTaken(const std::function<std::string()>& ne
     total += piece.size();
   }
   return total;
-}
-
-bool RawConnection::waitForPeerClose(std::chrono::milliseconds limit) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  char sink[4096];
-  while (std::chrono::steady_clock::now() < end) {
-    if (!waitReadable(fd_, stopping_,
-                      std::chrono::duration_cast<std::chrono::milliseconds>(
-                          end - std::chrono::steady_clock::now())))
-      return false;
-    const ssize_t got = ::recv(fd_, sink, sizeof sink, 0);
-    if (got == 0 || (got < 0 && errno != EINTR && errno != EAGAIN)) return true;
-  }
-  return false;
-}
-
-void RawConnection::reset() {
-  // A zero linger time makes close send a reset and drop what is unsent.
-  const linger abort{1, 0};
-  ::setsockopt(fd_, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-  keepOpen_ = false;
 }
 
 RawBehaviour httpReply(int status, std::string body, std::string contentType) {
@@ -149,30 +130,28 @@ struct RawServer::Impl {
     }
   }
 
-  // Reads one request into request, keeping what follows it in pending; false when the peer
-  // closed or the server stops first.
+  // Appends what arrives to pending; false when the peer closed or the server stops first.
+  bool receive(int fd, std::string& pending) {
+    char buffer[16384];
+    if (!waitReadable(fd, stopping)) return false;
+    const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
+    if (got > 0) pending.append(buffer, static_cast<std::size_t>(got));
+    return got > 0;
+  }
+
+  // Reads one request into request, keeping what follows it in pending.
   bool readRequest(int fd, std::string& pending, RawRequest& request) {
     std::size_t headEnd;
-    char buffer[16384];
-    while ((headEnd = pending.find("\r\n\r\n")) == std::string::npos) {
-      if (!waitReadable(fd, stopping)) return false;
-      const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
-      if (got <= 0) return false;
-      pending.append(buffer, static_cast<std::size_t>(got));
-    }
+    while ((headEnd = pending.find("\r\n\r\n")) == std::string::npos)
+      if (!receive(fd, pending)) return false;
     const std::string head = pending.substr(0, headEnd);
     const std::size_t space = head.find(' ');
     request.method = head.substr(0, space);
     request.target = head.substr(space + 1, head.find(' ', space + 1) - space - 1);
-    const std::string length = headerValue(head, "Content-Length");
-    const std::size_t bodySize = length.empty() ? 0 : std::stoul(length);
+    const std::size_t bodySize = contentLength(head);
     pending.erase(0, headEnd + 4);
-    while (pending.size() < bodySize) {
-      if (!waitReadable(fd, stopping)) return false;
-      const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
-      if (got <= 0) return false;
-      pending.append(buffer, static_cast<std::size_t>(got));
-    }
+    while (pending.size() < bodySize)
+      if (!receive(fd, pending)) return false;
     request.body = pending.substr(0, bodySize);
     pending.erase(0, bodySize);
     return true;
@@ -187,12 +166,8 @@ struct RawServer::Impl {
       {
         std::lock_guard lock(mutex);
         ++requests;
-        if (queue.empty()) {
-          behaviour = fallback;
-        } else {
-          behaviour = std::move(queue.front());
-          queue.pop_front();
-        }
+        behaviour = queue.empty() ? fallback : std::move(queue.front());
+        if (!queue.empty()) queue.pop_front();
       }
       RawConnection connection(fd, stopping);
       behaviour(connection, request);
@@ -206,18 +181,9 @@ struct RawServer::Impl {
 
 RawServer::RawServer(RawBehaviour fallback) : impl_(std::make_unique<Impl>()) {
   impl_->fallback = std::move(fallback);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  impl_->listenFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (impl_->listenFd < 0 ||
-      ::bind(impl_->listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(impl_->listenFd, 16) != 0 ||
-      ::getsockname(impl_->listenFd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+  impl_->listenFd = boundLoopbackSocket(port_);
+  if (impl_->listenFd < 0 || ::listen(impl_->listenFd, 16) != 0)
     throw std::runtime_error("raw server: cannot listen on 127.0.0.1");
-  }
-  port_ = ntohs(address.sin_port);
   impl_->acceptor = std::thread([impl = impl_.get()] { impl->acceptLoop(); });
 }
 
@@ -242,7 +208,8 @@ std::function<std::string()> endlessGzipOfZeros() {
   auto bits = std::make_shared<Bits>();
   return [bits] {
     std::string out;
-    // Values go in least significant bit first; Huffman codes most significant bit first.
+    // Values go in least significant bit first; Huffman codes most significant bit first, so
+    // they are given here with their bits reversed.
     const auto put = [&](std::uint32_t value, int width) {
       bits->pending |= std::uint64_t{value} << bits->count;
       bits->count += width;
@@ -251,22 +218,16 @@ std::function<std::string()> endlessGzipOfZeros() {
         bits->pending >>= 8;
       }
     };
-    const auto putCode = [&](std::uint32_t code, int width) {
-      std::uint32_t reversed = 0;
-      for (int i = 0; i < width; ++i)
-        reversed |= ((code >> i) & 1u) << (width - 1 - i);
-      put(reversed, width);
-    };
     if (!bits->started) {
       bits->started = true;
       out.assign("\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03", 10);  // gzip header, deflate
-      put(1, 1);         // the final block, which never ends
-      put(1, 2);         // fixed Huffman codes
-      putCode(0x30, 8);  // literal 0
+      put(1, 1);     // the final block, which never ends
+      put(1, 2);     // fixed Huffman codes
+      put(0x0C, 8);  // literal 0 (code 0x30)
     }
     for (int i = 0; i < 40000; ++i) {
-      putCode(0xC5, 8);  // length code 285: 258 bytes
-      putCode(0x00, 5);  // distance code 0: distance 1
+      put(0xA3, 8);  // length code 285 (0xC5): 258 bytes
+      put(0x00, 5);  // distance code 0: distance 1
     }
     return out;
   };

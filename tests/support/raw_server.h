@@ -5,7 +5,6 @@
 // ephemeral port and stops with the object; stopping ends every behaviour that still waits.
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -30,11 +29,6 @@ class RawConnection {
   // Writes what next() gives, again and again, until the peer stops taking it, the server stops
   // or the total reaches limit bytes; gives the number of bytes written.
   std::size_t sendWhileTaken(const std::function<std::string()>& next, std::size_t limit);
-  // Waits until the peer closes the connection or the server stops, reading and dropping what
-  // arrives, at most for the given time; true if the peer closed.
-  bool waitForPeerClose(std::chrono::milliseconds limit);
-  // Ends the connection with a reset instead of an orderly close.
-  void reset();
   // Lets the connection serve the next request when the behaviour is done (keep-alive); closed
   // otherwise.
   void keepOpen() { keepOpen_ = true; }
@@ -72,6 +66,10 @@ class RawServer {
   std::unique_ptr<Impl> impl_;
   int port_ = 0;
 };
+
+// A TCP socket bound to an ephemeral port of 127.0.0.1, not yet listening, and that port; -1 when
+// none can be had.
+int boundLoopbackSocket(int& port);
 
 // A deflate stream in a gzip member that inflates to zeros without end: one literal zero, then
 // matches of 258 bytes at distance 1, each 13 bits on the wire. Each call of the function gives

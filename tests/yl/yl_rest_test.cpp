@@ -1,9 +1,17 @@
-// The REST client against a real HTTP(S) service on 127.0.0.1.
+// The REST client against a real HTTP(S) service on 127.0.0.1: what goes out, what comes back,
+// pools, TLS, proxies, redirects, and retries: which failures are sent again, how long the client
+// waits, and cancels.
 
+#include <pthread.h>
+
+#include <atomic>
+#include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <optional>
 #include <regex>
 #include <stdexcept>
+#include <thread>
 #include <tuple>
 
 #include "yl/yl_assert.h"
@@ -101,11 +109,6 @@ TEST(RestClient, RequestsGoOutAsBuiltAndTheHookSeesThemWithKeysMasked) {
                                           {"Content-Type", "application/json"}}));
   EXPECT_EQ(seen[1].body, expected);
 
-  // An empty authorization sends no header.
-  YLRestSession none;
-  ASSERT_EQ(exchange(get, quickSettings(), &none).code, 0);
-  EXPECT_FALSE(server.lastRequest().hasHeader("Authorization"));
-
   // Headers that would break the request are refused before anything is sent.
   for (const auto& [name, value] :
        Pairs{{"X-Bad", "a\r\nInjected: yes"}, {"Bad Name", "v"}, {"", "v"}}) {
@@ -114,111 +117,103 @@ TEST(RestClient, RequestsGoOutAsBuiltAndTheHookSeesThemWithKeysMasked) {
     bad.addHeaderParams({{name, value}});
     EXPECT_EQ(exchange(bad).code, YLErrorCode::kClientSetupFailed) << name;
   }
-  EXPECT_EQ(server.requestCount(), 3u);
+  EXPECT_EQ(server.requestCount(), 2u);
 }
 
-TEST(RestClient, StatusesBecomeCodesWithFixedTextsAndBodiesStayRaw) {
+TEST(RestClient, RepliesOfTheServerOrAStandInBecomeCodesAndLaterOnesAreSentAgain) {
   LoopbackServer server;
-  // The status, the body, the text of the code (the status unless it is 2xx), JSON or not.
-  for (const auto& [status, body, text, json] :
-       {std::tuple{200, std::string("plain words, {not JSON"), "", false},
-        {204, "", "", false},
-        {401, readWireFile("anthropic/error_401_bad_key.json"), "HTTP 401 Unauthorized", true},
-        {404, "", "HTTP 404 Not Found", false},
-        {429, R"({"error":"slow down"})", "HTTP 429 Too Many Requests", true},
-        {529, "{}", "HTTP 529", true}}) {
-    const std::string path = "/" + std::to_string(status);
-    server.answer("GET", path, {status, body});
-    Exchanged outcome = send(server.baseUrl() + path);
-    const std::int32_t code = status / 100 == 2 ? 0 : status;
-    EXPECT_EQ(outcome.code, code) << path;
-    EXPECT_EQ(code ? recordOf(code).text : "", text) << path;
-    EXPECT_EQ(outcome.response->statusCode, status) << path;
-    EXPECT_EQ(outcome.response->getBufferString(), body) << path;
-    EXPECT_EQ(outcome.response->responseJson != nullptr, json) << path;
-  }
-  EXPECT_EQ(recordOf(kCouldntConnect).symbol, "CURLE_COULDNT_CONNECT");
-  EXPECT_EQ(recordOf(3000).symbol, "kUnknownError");
-}
-
-TEST(RestClient, CompressedRepliesAreDecodedAndMeasuredDecoded) {
-  LoopbackServer server;
-  const std::string json = R"({"text":")" + std::string(4096, 'a') + R"("})";
-  server.answer("GET", "/json", {200, json});
-  // The service picks br before gzip when both are offered.
-  for (const std::string coding : {"br", "gzip"}) {
-    YLRestGetRequest request;
-    request.setURL(server.baseUrl() + "/json");
-    if (coding == "gzip") request.addHeaderParams({{"Accept-Encoding", "gzip"}});
-    Exchanged outcome = exchange(request);
-    EXPECT_EQ(outcome.code, 0);
-    EXPECT_EQ(headerValues(outcome.response->headers, "Content-Encoding"), Strings{coding});
-    EXPECT_EQ(outcome.response->getBufferString(), json);
-    EXPECT_NE(outcome.response->responseJson, nullptr);
-  }
-
-  // The compressed reply exceeds the limit only once decoded; the others announce their size.
+  std::optional<YLStandInReply> standIn;
+  Strings sent;  // the bodies the hook saw
   YLRestGlobalSettings settings = quickSettings();
   settings.maxResponseBytes = 1024;
-  for (const auto& [body, type] : {std::pair{json, "application/json"},
-                                   {std::string(1024, 'x'), "application/octet-stream"},
-                                   {std::string(1025, 'x'), "application/octet-stream"}}) {
-    const std::string path = "/" + std::to_string(body.size()) + type;
-    server.answer("GET", path, {200, body, type});
-    Exchanged outcome = send(server.baseUrl() + path, settings);
-    EXPECT_EQ(outcome.code, body.size() > 1024 ? kTooLarge : 0) << path;
-    EXPECT_EQ(outcome.response->getBufferString(), body.size() > 1024 ? "" : body) << path;
-    EXPECT_EQ(outcome.response->responseJson, nullptr) << path;
-    EXPECT_EQ(headerValues(outcome.response->headers, "Content-Encoding").empty(), body != json)
-        << path;
+  settings.maxRetries = 2;
+  settings.retryBaseDelayMs = 20;
+  settings.requestHook = [&](const YLPreparedRequest& r) {
+    sent.emplace_back(r.body);
+    return standIn;
+  };
+  // Whether a stand-in gives the reply, the status, the body, the code, JSON or not, and the
+  // requests sent: a status that means "later" is sent again, the whole body each time, and the
+  // last reply is reported as it came. A stand-in answers its exchange only. The JSON reply that
+  // the service compresses exceeds the limit only once decoded; the others announce their size.
+  const std::string large = R"({"text":")" + std::string(4096, 'a') + R"("})";
+  std::vector<std::tuple<bool, long, std::string, std::int32_t, bool, std::size_t>> rows = {
+      {true, 201L, R"({"ok":true})", 0, true, 1u},
+      {true, 500L, R"({"error":{"message":"boom"}})", 500, true, 3u},
+      {true, 200L, std::string(1025, 'x'), kTooLarge, false, 1u},
+      {true, 200L, std::string(1024, 'x'), 0, false, 1u},
+      {true, 999L, "{}", YLErrorCode::kCurlCodeBase + 8, true, 1u},
+      {false, 200L, "plain words, {not JSON", 0, false, 1u},
+      {false, 200L, large, kTooLarge, false, 1u},
+      {false, 200L, std::string(1025, 'x'), kTooLarge, false, 1u},
+      {false, 200L, std::string(1024, 'x'), 0, false, 1u},
+      {false, 204L, "", 0, false, 1u},
+      {false, 401L, readWireFile("anthropic/error_401_bad_key.json"), 401, true, 1u},
+      {false, 404L, "", 404, false, 1u},
+      {false, 529L, "{}", 529, true, 1u}};
+  for (const long status : {408L, 429L, 500L, 502L, 503L, 504L})  // "later": rows 14 to 19
+    rows.emplace_back(false, status, "{}", status, true, 3u);
+  for (const long status : {400L, 403L, 409L, 422L, 501L})
+    rows.emplace_back(false, status, "{}", status, true, 1u);
+  int row = 0;
+  for (const auto& [hooked, status, body, code, json, attempts] : rows) {
+    const std::string path = "/" + std::to_string(++row);
+    SCOPED_TRACE(std::to_string(status) + (hooked ? " from the hook" : ""));
+    standIn.reset();
+    if (hooked) standIn = YLStandInReply{status, {{"X-From", "hook"}}, body};
+    server.answer("POST", path,
+                  {static_cast<int>(status), body,
+                   body == large ? "application/json" : "application/octet-stream"});
+    sent.clear();
+    const std::size_t before = server.requestCount();
+    Exchanged outcome = send(server.baseUrl() + path, settings, nullptr, R"({"q":1})");
+    EXPECT_EQ(outcome.code, code);
+    EXPECT_EQ(outcome.response->statusCode, status);
+    EXPECT_EQ(outcome.response->getBufferString(), code == kTooLarge ? "" : body);
+    EXPECT_EQ(outcome.response->responseJson != nullptr, json);
+    EXPECT_EQ(headerValues(outcome.response->headers, "X-From"),
+              hooked ? Strings{"hook"} : Strings{});
+    EXPECT_EQ(sent, Strings(attempts, R"({"q":1})"));
+    EXPECT_EQ(server.requestCount() - before, hooked ? 0 : attempts) << "a stand-in sends nothing";
+    if (!hooked) {
+      EXPECT_EQ(server.lastRequest().body, R"({"q":1})");
+    }
   }
-  EXPECT_EQ(recordOf(kTooLarge).text, "Response body exceeds the accepted size");
+  // Unless the host asks, one call is one request.
+  const std::size_t before = server.requestCount();
+  EXPECT_EQ(send(server.baseUrl() + "/18", quickSettings(), nullptr, "{}").code, 503);
+  EXPECT_EQ(server.requestCount(), before + 1);
+  // A hook that throws stops the request too.
+  settings.requestHook = [](const YLPreparedRequest&) -> std::optional<YLStandInReply> {
+    throw std::runtime_error("host failure");
+  };
+  EXPECT_EQ(send(server.baseUrl() + "/6", settings).code, YLErrorCode::kClientSetupFailed);
+  EXPECT_EQ(server.requestCount(), before + 1);
+
+  // The fixed texts a host shows: of an HTTP status with a reason phrase and without, of curl's
+  // codes (its own words) and of the library's own ("Cancelled" is the assistant tests' to see).
+  EXPECT_EQ(recordOf(401).text + "|" + recordOf(529).text + "|" + recordOf(kCouldntConnect).text +
+                "|" + recordOf(kTooLarge).text,
+            "HTTP 401 Unauthorized|HTTP 529|Couldn't connect to server|Response body exceeds the "
+            "accepted size");
+  EXPECT_EQ(recordOf(kCouldntConnect).symbol + recordOf(YLErrorCode::kCancelled).symbol +
+                recordOf(3000).symbol,
+            "CURLE_COULDNT_CONNECTkCancelledkUnknownError");
 }
 
-TEST(RestClient, PoolsShareConnectionsBetweenClients) {
+TEST(RestClient, PoolsShareConnectionsAndReusedHandlesCarryNothingOver) {
   // A debug assertion tells that a pool was destroyed while a client still used it.
   ylSetAssertionHandler([](const char* condition, const char*) { ADD_FAILURE() << condition; });
-  enum { OnePool, PoolEach, NoPool };
-  for (int mode : {OnePool, PoolEach, NoPool}) {
-    LoopbackServer server;
-    server.answer("GET", "/ping", {200, "{}"});
-    YLHTTPPoolCenter pools[2];
-    YLRestSession sessions[2];
-    for (int i = 0; i < 2; ++i) {
-      if (mode != NoPool) sessions[i].connectionPool = &pools[mode == OnePool ? 0 : i];
-      EXPECT_EQ(send(server.baseUrl() + "/ping", quickSettings(), &sessions[i]).code, 0);
-    }
-    EXPECT_EQ(server.connectionCount(), mode == OnePool ? 1u : 2u) << mode;
-  }
-
-  // A pool may go before its client; its connection leaves with it.
-  LoopbackServer server;
-  server.answer("GET", "/ping", {200, "{}"});
-  const YLRestGlobalSettings settings = quickSettings();
-  YLRestSession session;
-  const std::unique_ptr<IYLRestClient> client = makeClient(settings, &session);
-  YLRestGetRequest request;
-  request.setURL(server.baseUrl() + "/ping");
-  for (int round = 0; round < 2; ++round) {
-    std::optional<YLHTTPPoolCenter> pool;
-    session.connectionPool = round == 0 ? &pool.emplace() : nullptr;
-    EXPECT_EQ(exchange(request, settings, &session, client.get()).code, 0);
-  }
-  EXPECT_EQ(server.connectionCount(), 2u);
-  ylSetAssertionHandler(nullptr);
-}
-
-TEST(RestClient, ReusedHandlesCarryNothingIntoTheNextExchange) {
   LoopbackServer server;
   server.answer("POST", "/chat", {200, R"({"from":"server"})"});
   server.answer("GET", "/models", {200, R"({"data":[]})"});
-  std::optional<YLStandInReply> standIn;
-  YLRestGlobalSettings settings = quickSettings();
-  settings.requestHook = [&](const YLPreparedRequest&) { return standIn; };
+  const YLRestGlobalSettings settings = quickSettings();
   YLHTTPPoolCenter pool;
   YLRestSession pooled;
   pooled.connectionPool = &pool;
   YLRestSession bare;
+  YLRestGetRequest models;
+  models.setURL(server.baseUrl() + "/models");
 
   const std::string large = R"({"text":")" + std::string(3000, 'x') + R"("})";
   const std::string small = R"({"n":2})";
@@ -236,12 +231,7 @@ TEST(RestClient, ReusedHandlesCarryNothingIntoTheNextExchange) {
       request.addHeaderParams(headers);
       return exchange(request, settings, session, kept.get());
     };
-    const auto getModels = [&] {
-      YLRestGetRequest request;
-      request.setURL(server.baseUrl() + "/models");
-      return exchange(request, settings, session, kept.get());
-    };
-    const std::size_t sent = server.requestCount();
+    const auto getModels = [&] { return exchange(models, settings, session, kept.get()); };
 
     ASSERT_EQ(post(large, {{"X-Once", "1"}}).code, 0);
     EXPECT_EQ(server.lastRequest().header("X-Once"), "1");
@@ -251,26 +241,33 @@ TEST(RestClient, ReusedHandlesCarryNothingIntoTheNextExchange) {
     EXPECT_EQ(seen.method, "GET");
     EXPECT_TRUE(seen.body.empty());
     for (const char* name : {"Content-Length", "Content-Type", "X-Once"})
-      EXPECT_FALSE(seen.hasHeader(name)) << name;
+      EXPECT_EQ(headerValues(seen.headers, name), Strings{}) << name;
     // A shorter body after a longer one goes with its own size.
     ASSERT_EQ(post(small, {}).code, 0);
     seen = server.lastRequest();
     EXPECT_EQ(seen.body, small);
     EXPECT_EQ(seen.header("Content-Length"), std::to_string(small.size()));
 
-    // A stand-in answers one exchange only: the next goes out and gets the server's reply.
-    standIn = YLStandInReply{201, {{"X-From", "hook"}}, R"({"from":"hook"})"};
-    EXPECT_EQ(post(small, {}).response->statusCode, 201);
-    standIn.reset();
-    const Exchanged got = getModels();
-    ASSERT_EQ(got.code, 0);
-    EXPECT_EQ(got.response->statusCode, 200);
-    EXPECT_EQ(got.response->getBufferString(), R"({"data":[]})");
-    EXPECT_TRUE(headerValues(got.response->headers, "X-From").empty());
-    EXPECT_EQ(server.requestCount(), sent + 4) << "the stand-in's exchange sent nothing";
     // The pool's handles kept one connection for all its clients.
     EXPECT_EQ(server.connectionCount(), onPool ? 1u : 2u);
   }
+  // Another pool, and a new client without one, connect anew.
+  YLHTTPPoolCenter other;
+  YLRestSession elsewhere;
+  elsewhere.connectionPool = &other;
+  EXPECT_EQ(send(server.baseUrl() + "/models", quickSettings(), &elsewhere).code, 0);
+  EXPECT_EQ(send(server.baseUrl() + "/models").code, 0);
+  EXPECT_EQ(server.connectionCount(), 4u);
+
+  // A pool may go before its client; its connection leaves with it.
+  const std::unique_ptr<IYLRestClient> client = makeClient(settings, &bare);
+  for (int round = 0; round < 2; ++round) {
+    std::optional<YLHTTPPoolCenter> passing;
+    bare.connectionPool = round == 0 ? &passing.emplace() : nullptr;
+    EXPECT_EQ(exchange(models, settings, &bare, client.get()).code, 0);
+  }
+  EXPECT_EQ(server.connectionCount(), 6u);
+  ylSetAssertionHandler(nullptr);
 }
 
 TEST(RestClient, TlsTrustsOnlyWhatItIsTold) {
@@ -281,13 +278,10 @@ TEST(RestClient, TlsTrustsOnlyWhatItIsTold) {
   Exchanged trusted = send(server.baseUrl() + "/secure", trusting);
   EXPECT_EQ(trusted.code, 0);
   EXPECT_EQ(trusted.response->getBufferString(), R"({"tls":true})");
-  EXPECT_EQ(send("https://localhost:" + std::to_string(server.port()) + "/secure", trusting).code,
-            0);
 
   Exchanged untrusted = send(server.baseUrl() + "/secure");
   EXPECT_EQ(untrusted.code, YLErrorCode::kCurlCodeBase + 60);
-  EXPECT_EQ(recordOf(untrusted.code).text, "SSL peer certificate or SSH remote key was not OK");
-  EXPECT_EQ(server.requestCount(), 2u) << "nothing is sent over an unverified connection";
+  EXPECT_EQ(server.requestCount(), 1u) << "nothing is sent over an unverified connection";
 
   YLRestGlobalSettings careless = quickSettings();
   careless.verifyPeer = careless.verifyHost = false;
@@ -332,14 +326,11 @@ TEST(RestClient, ProxyAndRedirectsComeOnlyFromTheSettings) {
   EXPECT_EQ(send(server.baseUrl() + "/away", settings).code, YLErrorCode::kCurlCodeBase + 1);
 }
 
-// The credentials a request carried: the four key headers, then "?key" for a query parameter of
-// that name.
-Strings credentialsIn(const YLParamList& headers, const Pairs& query = {}) {
+// The credential headers a request carried.
+Strings credentialsIn(const YLParamList& headers) {
   Strings found;
   for (const char* name : {"Authorization", "x-api-key", "x-goog-api-key", "api-key"})
     if (!headerValues(headers, name).empty()) found.push_back(name);
-  for (const auto& [name, value] : query)
-    if (strcasecmp(name.c_str(), "key") == 0) found.push_back("?key");
   return found;
 }
 
@@ -372,7 +363,7 @@ TEST(RestClient, CredentialsNeverFollowARedirectToAnotherOrigin) {
     hooked.push_back(r.headers);
     return std::nullopt;
   };
-  const Strings all = {"Authorization", "x-api-key", "x-goog-api-key", "api-key", "?key"};
+  const Strings all = {"Authorization", "x-api-key", "x-goog-api-key", "api-key"};
 
   // The first request's method and path, the server it lands on, whether it lands as a POST and
   // keeps its credentials, and the query it lands with.
@@ -397,73 +388,197 @@ TEST(RestClient, CredentialsNeverFollowARedirectToAnotherOrigin) {
     EXPECT_EQ(outcome.code, 0);
     EXPECT_EQ(outcome.response->getBufferString(),
               posted ? R"({"landed":"post"})" : R"({"landed":"get"})");
-    // The landing is the last request of either server; the first hop came just before it.
-    const auto requests = landing->requests();
-    ASSERT_FALSE(requests.empty());
-    const RecordedRequest& landed = requests.back();
-    const auto fromHome = home.requests();
-    const RecordedRequest& first = fromHome[fromHome.size() - (landing == &home ? 2 : 1)];
-    EXPECT_EQ(first.path, path);
-    EXPECT_EQ(credentialsIn(first.headers, first.queryParams), all);
+    // The first hop carried them all (as the test of requests shows); the landing is the last
+    // request of either server.
+    const RecordedRequest landed = landing->lastRequest();
     EXPECT_EQ(landed.path, "/landing");
     EXPECT_EQ(landed.method, posted ? "POST" : "GET");
     EXPECT_EQ(landed.body, posted ? R"({"q":1})" : "");
     EXPECT_EQ(landed.query, query);
     EXPECT_EQ(landed.header("X-Trace"), "t") << "other headers go along";
-    EXPECT_EQ(credentialsIn(landed.headers, landed.queryParams), kept ? all : Strings{});
-    if (kept) {
-      EXPECT_EQ(landed.header("x-api-key"), key);
-    }
+    EXPECT_EQ(credentialsIn(landed.headers), kept ? all : Strings{});
     // The hook sees each hop as it leaves.
     ASSERT_EQ(hooked.size(), 2u);
-    EXPECT_EQ(credentialsIn(hooked[1]).size(), kept ? 4u : 0u);
+    EXPECT_EQ(credentialsIn(hooked[1]), kept ? all : Strings{});
   }
   EXPECT_EQ(elsewhere.requestCount(), 2u);
 }
 
-TEST(RestClient, OnlyTheTotalLimitBoundsASilentServerByDefault) {
-  // Silent for longer than a one-second stall window, well within the total limit.
-  LoopbackServer server;
-  server.answer("GET", "/thinking",
-                {200, R"({"done":true})", "application/json", {}, std::chrono::milliseconds(1500)});
+// Generous enough for a loaded machine; the waits under test are far shorter or far longer.
+constexpr milliseconds kSlack{3000};
+
+// Settings that retry quickly, and a hook that counts what the client sends.
+struct Retrying {
   YLRestGlobalSettings settings = quickSettings();
-  settings.lowSpeedTimeSeconds = 1;
-  EXPECT_EQ(send(server.baseUrl() + "/thinking", settings).code, 0);
-  // The same silence fails once a host switches the stall check on.
-  settings.lowSpeedLimitBytes = 1;
-  EXPECT_EQ(send(server.baseUrl() + "/thinking", settings).code, YLErrorCode::kCurlCodeBase + 28);
+  std::shared_ptr<Strings> sent = std::make_shared<Strings>();
+
+  explicit Retrying(int retries, long baseMs = 20, long capMs = 1000) {
+    settings.maxRetries = retries;
+    settings.retryBaseDelayMs = baseMs;
+    settings.retryMaxDelayMs = capMs;
+    settings.requestHook = [sent = sent](const YLPreparedRequest& r) {
+      sent->push_back(std::string(r.method) + " " + r.url + " " + std::string(r.body));
+      return std::optional<YLStandInReply>();
+    };
+  }
+};
+
+// An HTTP date, "Sun, 06 Nov 1994 08:49:37 GMT", in the C locale that the tests keep.
+std::string httpDate(std::time_t when) {
+  char text[64];
+  std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", std::gmtime(&when));
+  return text;
 }
 
-TEST(RestClient, StandInRepliesAreTakenAsTheServersAndNothingIsSent) {
+TEST(RestRetry, WaitsDoubleUpToTheCapOrFollowRetryAfter) {
   LoopbackServer server;
-  const std::string url = server.baseUrl() + "/v1/models";
-  std::optional<YLStandInReply> standIn;
-  YLRestGlobalSettings settings = quickSettings();
-  settings.maxResponseBytes = 64;
-  settings.requestHook = [&](const YLPreparedRequest&) { return standIn; };
-
-  // The status, the body, the code, JSON or not.
-  for (const auto& [status, body, code, json] :
-       {std::tuple{201L, std::string(R"({"ok":true})"), 0, true},
-        {500L, R"({"error":{"message":"boom"}})", 500, true},
-        {200L, std::string(65, 'x'), kTooLarge, false},
-        {200L, std::string(64, 'x'), 0, false},
-        {999L, "{}", YLErrorCode::kCurlCodeBase + 8, true}}) {
-    SCOPED_TRACE(status);
-    standIn = YLStandInReply{status, {{"X-From", "hook"}}, body};
-    Exchanged outcome = send(url, settings);
-    EXPECT_EQ(outcome.code, code);
-    EXPECT_EQ(outcome.response->statusCode, status);
-    EXPECT_EQ(headerValues(outcome.response->headers, "X-From"), Strings{"hook"});
-    EXPECT_EQ(outcome.response->getBufferString(), code == kTooLarge ? "" : body);
-    EXPECT_EQ(outcome.response->responseJson != nullptr, json);
-  }
-  // A hook that throws stops the request too.
-  settings.requestHook = [](const YLPreparedRequest&) -> std::optional<YLStandInReply> {
-    throw std::runtime_error("host failure");
+  server.answer("GET", "/flaky", {502, "bad gateway", "text/plain"});
+  // The service recovers just before the fourth request.
+  Retrying retrying(5, 100, 10000);
+  auto sent = retrying.sent;
+  retrying.settings.requestHook = [&server, sent](const YLPreparedRequest& r) {
+    sent->push_back(r.url);
+    if (sent->size() == 4) server.answer("GET", "/flaky", {200, R"({"ok":true})"});
+    return std::optional<YLStandInReply>();
   };
-  EXPECT_EQ(send(url, settings).code, YLErrorCode::kClientSetupFailed);
-  EXPECT_EQ(server.requestCount(), 0u);
+  const Exchanged outcome = send(server.baseUrl() + "/flaky", retrying.settings);
+  EXPECT_EQ(outcome.code, 0);
+  EXPECT_EQ(outcome.response->getBufferString(), R"({"ok":true})");
+  EXPECT_EQ(server.requestCount(), 4u);
+  // Waits of at least 50, 100 and 200 ms: more than three undoubled waits could take.
+  EXPECT_GE(outcome.took, milliseconds(350));
+  EXPECT_LT(outcome.took, milliseconds(700) + kSlack);
+
+  // The status and Retry-After of the reply, the retries with their base and cap, the requests
+  // sent, and the least time taken; none takes much longer. A date is waited for: the second
+  // request leaves no earlier than it, and every row after it runs later still.
+  const std::time_t date = std::time(nullptr) + 2;
+  struct Case {
+    int status;
+    std::string retryAfter;
+    int retries;
+    long baseMs, capMs;
+    std::size_t sent;
+    long leastMs, mostMs;
+  };
+  const Case cases[] = {
+      {503, httpDate(date), 1, 10, 5000, 2, 0, 2000},
+      {429, "1", 1, 10, 5000, 2, 1000, 1000},
+      // The cap holds every wait: three of at most 120 ms where doubling would reach 800 ms.
+      {500, "", 3, 200, 120, 4, 180, 360},
+      // An hour is cut to the cap; a Retry-After on a status that is not retried changes nothing.
+      {503, "3600", 1, 10, 300, 2, 300, 300},
+      {400, "0", 1, 10, 300, 1, 0, 0},
+  };
+  int row = 0;
+  for (const Case& c : cases) {
+    const std::string path = "/" + std::to_string(++row);
+    SCOPED_TRACE(c.retryAfter);
+    server.answer("GET", path,
+                  {c.status, "{}", "application/json", {{"Retry-After", c.retryAfter}}});
+    Retrying waiting(c.retries, c.baseMs, c.capMs);
+    const Exchanged got = send(server.baseUrl() + path, waiting.settings);
+    EXPECT_EQ(got.code, c.status);
+    EXPECT_EQ(waiting.sent->size(), c.sent);
+    EXPECT_GE(got.took, milliseconds(c.leastMs));
+    EXPECT_LT(got.took, milliseconds(c.mostMs) + kSlack);
+    EXPECT_GE(std::chrono::system_clock::now(), std::chrono::system_clock::from_time_t(date));
+  }
+}
+
+TEST(RestRetry, FailuresBeforeAnyReplyAreSentAgainAndLeaveAnEmptyResponse) {
+  // Nothing listens: every attempt fails to connect. A server that says nothing in time.
+  LoopbackServer server;
+  server.answer("GET", "/silent", {200, "{}", "application/json", {}, milliseconds(1500)});
+  for (const auto& [url, code] :
+       {std::pair{refusingUrl() + "/v1", YLErrorCode::kCurlCodeBase + 7},
+        {server.baseUrl() + "/silent", YLErrorCode::kCurlCodeBase + 28}}) {
+    SCOPED_TRACE(url);
+    Retrying retrying(2);
+    retrying.settings.totalTimeoutMs = 300;
+    const Exchanged outcome = send(url, retrying.settings);
+    EXPECT_EQ(outcome.code, code);
+    EXPECT_EQ(retrying.sent->size(), 3u);
+    EXPECT_LT(outcome.took, milliseconds(3 * 300 + 60 + 900)) << "three limits and two waits";
+    EXPECT_EQ(outcome.response->statusCode, 0);
+    EXPECT_TRUE(outcome.response->getBufferString().empty() && outcome.response->headers.empty());
+    EXPECT_EQ(outcome.response->responseJson, nullptr);
+  }
+  EXPECT_EQ(server.requestCount(), 3u);
+  // By default only the total limit bounds the silence, longer than a one-second stall window;
+  // it fails once a host switches the stall check on.
+  YLRestGlobalSettings settings = quickSettings();
+  settings.lowSpeedTimeSeconds = 1;
+  EXPECT_EQ(send(server.baseUrl() + "/silent", settings).code, 0);
+  settings.lowSpeedLimitBytes = 1;
+  EXPECT_EQ(send(server.baseUrl() + "/silent", settings).code, YLErrorCode::kCurlCodeBase + 28);
+
+  // Only the web is spoken: another scheme fails before any connection is tried.
+  EXPECT_EQ(send("ftp" + refusingUrl().substr(4) + "/").code, YLErrorCode::kCurlCodeBase + 1);
+  // A reply that is refused for its size is an answer, not a failure to get one.
+  server.answer("GET", "/huge", {503, std::string(2048, 'x'), "text/plain"});
+  Retrying strict(2);
+  strict.settings.maxResponseBytes = 1024;
+  EXPECT_EQ(send(server.baseUrl() + "/huge", strict.settings).code, YLErrorCode::kResponseTooLarge);
+  EXPECT_EQ(strict.sent->size(), 1u);
+}
+
+// The pool a SIGUSR2 handler cancels.
+std::atomic<YLHTTPPoolCenter*> waitingPool{nullptr};
+extern "C" void cancelWaitingPool(int) {
+  if (YLHTTPPoolCenter* pool = waitingPool.load()) pool->cancel();
+}
+
+TEST(RestRetry, ACancelEndsTheExchangeAtOnceAndIsNeverRetried) {
+  LoopbackServer server;
+  // A wait of ten seconds after the first reply, and a request that stalls in flight.
+  server.answer("GET", "/later", {503, "{}", "application/json", {{"Retry-After", "10"}}});
+  server.answer("POST", "/stall", {503, "{}", "application/json", {}, std::chrono::seconds(5)});
+  server.answer("GET", "/ok", {200, "{}"});
+  YLHTTPPoolCenter pool;
+  YLRestSession session;
+  session.connectionPool = &pool;
+  Retrying retrying(3, 10, 20000);
+  retrying.settings.totalTimeoutMs = 20000;
+  const auto next = [&] {
+    return send(server.baseUrl() + "/ok", retrying.settings, &session).code;
+  };
+
+  // A cancel while nothing runs must not carry over to the next exchange.
+  pool.cancel();
+  EXPECT_EQ(next(), 0);
+
+  // From another thread, and from a signal handler that interrupts the waiting thread itself.
+  struct sigaction action {};
+  struct sigaction previous {};
+  action.sa_handler = &cancelWaitingPool;
+  sigemptyset(&action.sa_mask);
+  ASSERT_EQ(sigaction(SIGUSR2, &action, &previous), 0);
+  waitingPool = &pool;
+  const pthread_t waiter = pthread_self();
+  for (const std::string path : {"/later", "/stall"}) {
+    for (const bool bySignal : {false, true}) {
+      SCOPED_TRACE(path + (bySignal ? " by signal" : " by thread"));
+      const std::size_t before = server.requestCount();
+      Clock::time_point cancelledAt;
+      std::thread canceller([&] {
+        std::this_thread::sleep_for(milliseconds(300));
+        cancelledAt = Clock::now();
+        bySignal ? static_cast<void>(pthread_kill(waiter, SIGUSR2)) : pool.cancel();
+      });
+      const Exchanged outcome = send(server.baseUrl() + path, retrying.settings, &session,
+                                     path == "/stall" ? R"({"q":1})" : nullptr);
+      const Clock::time_point ended = Clock::now();
+      canceller.join();
+      EXPECT_EQ(outcome.code, YLErrorCode::kCancelled);
+      EXPECT_EQ(outcome.response->statusCode, 0) << "a cancelled exchange keeps no reply";
+      EXPECT_LT(ended - cancelledAt, milliseconds(400)) << "the cancel must not wait";
+      EXPECT_EQ(server.requestCount(), before + 1) << "nothing is sent after a cancel";
+      EXPECT_EQ(next(), 0) << "the next exchange on the pool is unaffected";
+    }
+  }
+  waitingPool = nullptr;
+  sigaction(SIGUSR2, &previous, nullptr);
 }
 
 }  // namespace

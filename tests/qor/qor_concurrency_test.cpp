@@ -1,14 +1,15 @@
 // What qor.h allows to run at once: separate assistants, each with its own pool, on threads of
-// their own. The tsan preset runs this under ThreadSanitizer (.ci/run), which reports any race.
+// their own; and a host that cancels an assistant's exchange through its pool from another thread.
+// The tsan preset runs these suites under ThreadSanitizer (.ci/run), which reports any race.
 //
-// The service is the raw loopback server, built with the tests and so watched by ThreadSanitizer
-// as well: the HTTP library behind the other loopback server is not instrumented, and its own
-// threads draw reports that say nothing about this library.
+// The threads talk to the raw loopback server, built with the tests and so watched by
+// ThreadSanitizer as well: the HTTP library behind the other loopback server is not instrumented,
+// and its own threads draw reports that say nothing about this library.
 
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <thread>
-#include <vector>
 
 #include "qor_test_util.h"
 #include "support/raw_server.h"
@@ -61,6 +62,33 @@ TEST(Threads, TwoAssistantsWithTheirOwnPoolsChatAndListAtOnce) {
   for (std::thread& thread : threads)
     thread.join();
   EXPECT_EQ(server.requestCount(), services.size() * 2 * kRounds);
+}
+
+TEST(Cancel, ACancelledChatFailsAndLeavesTheHistoryAlone) {
+  const WireService& service = kWireServices[0];
+  LoopbackServer server;
+  server.answer("POST", service.chatPath,
+                {.body = readWireFile(service.chatFile), .delay = std::chrono::seconds(5)});
+  HostMemory memory;
+  memory.history = {{kChatRoleUser, "earlier"}, {kChatRoleAssistant, "answer"}};
+  auto* pool = new YLHTTPPoolCenter;
+  AssistantPtr assistant(QORCreateAssistant(service.type, pool, "k", server.baseUrl(), &memory));
+  ASSERT_NE(assistant, nullptr);
+  setModel(*assistant);
+
+  std::thread canceller([pool] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    pool->cancel();
+  });
+  const auto start = std::chrono::steady_clock::now();
+  expectChat(*assistant, failed("Cancelled"));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  canceller.join();
+  EXPECT_EQ(server.requestCount(), 1u);
+
+  // The assistant carries on as before.
+  server.answer("POST", service.chatPath, {.body = readWireFile(service.chatFile)});
+  expectChat(*assistant, replied(service.reply));
 }
 
 }  // namespace
