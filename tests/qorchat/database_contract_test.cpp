@@ -1,6 +1,4 @@
-// Tests what every engine promises through the Database interface, opened as qorchat opens it:
-// the structure the model is told, statements run in order until one fails, no write getting
-// through, and a statement stopped by its time limit or by Ctrl-C without harm to the next.
+// Tests what every engine promises through the Database interface, opened as qorchat opens it.
 #include <chrono>
 #include <thread>
 
@@ -21,8 +19,6 @@ using Lines = std::vector<std::string>;
 struct Words {
   const char* prefix;  // before a relation's name in the structure text
   const char* unknownColumn;
-  const char* insertRefused;
-  const char* timedOut;  // at a limit of 300 ms
   const char* interrupted;
   const char* endless;   // a statement that runs until it is stopped
   bool failedTakesRest;  // a statement that does not compile has no known end
@@ -31,11 +27,7 @@ struct Words {
 struct SqliteEngine {
   using Class = qorchat::SqliteDatabase;
   static constexpr Words kWords{
-      "",
-      "no such column: nosuch",
-      "attempt to write a readonly database",
-      "statement timeout: stopped after 300 ms (--statement-timeout SECONDS changes the limit)",
-      "interrupted",
+      "", "no such column: nosuch", "interrupted",
       "WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) SELECT count(*) FROM c",
       true};
   SqliteEngine() { qortest::sqlite(path, ""); }
@@ -49,15 +41,12 @@ struct SqliteEngine {
 
 struct PostgresEngine {
   using Class = qorchat::PostgresDatabase;
-  static constexpr Words kWords{"`public`.",
-                                R"(column "nosuch" does not exist)",
-                                "cannot execute INSERT in a read-only transaction",
-                                "canceling statement due to statement timeout",
-                                "canceling statement due to user request",
-                                "SELECT pg_sleep(10)",
-                                false};
+  static constexpr Words kWords{
+      "`public`.", R"(column "nosuch" does not exist)", "canceling statement due to user request",
+      "SELECT count(*) FROM generate_series(1, 100000) a, generate_series(1, 100000) b", false};
   std::string catalog() const { return database; }
-  std::string target() const { return cluster.conninfo(database); }
+  // A superuser runs nothing: the role is one fit for qorchat.
+  std::string target() { return cluster.readerConninfo(database); }
   std::string scalar(const std::string& sql) const {
     const auto rows = cluster.query(sql, database);
     return rows.empty() ? "" : rows[0].at(0);
@@ -88,7 +77,6 @@ using Engines = ::testing::Types<SqliteEngine, PostgresEngine>;
 TYPED_TEST_SUITE(DatabaseContract, Engines);
 
 TYPED_TEST(DatabaseContract, DescribesTablesViewsAndKeysInOrder) {
-  // Types that both engines write as declared.
   const auto database = this->open(R"(
     CREATE TABLE owners (a bigint, b date, PRIMARY KEY (b, a));
     CREATE TABLE pets (id bigint PRIMARY KEY, oa bigint, ob date,
@@ -118,7 +106,6 @@ TYPED_TEST(DatabaseContract, RunsStatementsInOrderUntilOneFails) {
   ASSERT_EQ(results.size(), 3u);
   EXPECT_EQ(results[0].statement, "SELECT id, body FROM notes ORDER BY id;");
   EXPECT_EQ(results[0].columns, (Lines{"id", "body"}));
-  // Every row is counted; only the first are kept.
   EXPECT_EQ(results[0].rows, (Rows{{"1", std::nullopt}, {"2", "two"}}));
   EXPECT_EQ(results[0].rowCount, 3u);
   EXPECT_EQ(results[1].columns, Lines{"n"});
@@ -129,7 +116,6 @@ TYPED_TEST(DatabaseContract, RunsStatementsInOrderUntilOneFails) {
                                       : "SELECT nosuch FROM notes;");
   EXPECT_EQ(results[2].status.kind(), Status::Kind::kDatabase);
   EXPECT_EQ(results[2].status.message(), this->kWords.unknownColumn);
-  // Only white space, comments and semicolons: nothing to run.
   EXPECT_TRUE(ran(*database, "  -- nothing here ;\n ; /* ; */ ").empty());
 }
 
@@ -141,15 +127,15 @@ TYPED_TEST(DatabaseContract, NoWriteGetsThroughAndNoSnapshotOutlivesTheRun) {
         "DROP TABLE kept", "CREATE TABLE other (x integer)",
         "CREATE TEMP TABLE scratch (x integer)", "CREATE INDEX kept_id ON kept (id)"}) {
     const auto results = ran(*database, write);
-    EXPECT_TRUE(results.size() == 1 && results[0].status.kind() == Status::Kind::kDatabase)
-        << write;
+    EXPECT_TRUE(results.size() == 1 && results[0].status.kind() == Status::Kind::kRefused) << write;
   }
   EXPECT_EQ(ran(*database, "INSERT INTO kept VALUES (3)").at(0).status.message(),
-            this->kWords.insertRefused);
+            "refused: INSERT changes data; qorchat runs only statements that read");
   EXPECT_EQ(this->engine_.scalar("SELECT count(*) || ':' || sum(id) FROM kept"), "2:3");
 
-  // A transaction that a block begins and leaves open is closed: later runs see new data.
-  ASSERT_TRUE(ran(*database, "BEGIN; SELECT count(*) FROM kept;").back().status.isOk());
+  // A transaction a block begins is closed, or never begun: later runs see new data.
+  ASSERT_EQ(ran(*database, "BEGIN; SELECT count(*) FROM kept;").back().status.message(),
+            "refused: BEGIN is transaction control; qorchat runs only statements that read");
   this->engine_.scalar("INSERT INTO kept VALUES (3)");
   EXPECT_EQ(ran(*database, "SELECT count(*) FROM kept").at(0).rows, Rows{{"3"}});
 }
@@ -160,7 +146,9 @@ TYPED_TEST(DatabaseContract, ATimeLimitOrAnInterruptStopsOnlyThatStatement) {
   const auto stopped = ran(*hurried, "SELECT 1; " + endless + "; SELECT 3");
   ASSERT_EQ(stopped.size(), 2u);
   EXPECT_EQ(stopped[1].status.kind(), Status::Kind::kTimedOut);
-  EXPECT_EQ(stopped[1].status.message(), this->kWords.timedOut);
+  EXPECT_EQ(
+      stopped[1].status.message(),
+      "statement timeout: stopped after 300 ms (--statement-timeout SECONDS changes the limit)");
   EXPECT_EQ(ran(*hurried, "SELECT 1").at(0).rows, Rows{{"1"}});
 
   // Ctrl-C comes from another thread; while no statement runs it does nothing.

@@ -1,6 +1,4 @@
-// Tests that MemoryStore keeps conversations in a real SQLite file across reopening, concurrent
-// writers and a process killed outright, keeps that file private, and refuses files not its own.
-
+// Tests that MemoryStore keeps conversations safe and private in an SQLite file of its own.
 #include "memory_store.h"
 
 #include <sys/stat.h>
@@ -16,18 +14,14 @@ using qorchat::MemoryStore;
 using Kind = qorchat::Status::Kind;
 using Texts = std::vector<std::string>;
 
-// Throws when the store does not open, which fails the test.
 std::unique_ptr<MemoryStore> open(const std::string& path, const std::string& key) {
-  qorchat::Result<std::unique_ptr<MemoryStore>> store = MemoryStore::open(path, key);
-  if (!store) throw std::runtime_error(store.status().message());
-  return std::move(*store);
+  return qortest::opened(MemoryStore::open(path, key));
 }
 
 Texts textsOf(const std::vector<QORHistoryEntry>& entries) {
   Texts texts;
-  texts.reserve(entries.size());
   for (const QORHistoryEntry& entry : entries)
-    texts.push_back(std::to_string(entry.role) + ":" + entry.text);
+    texts.push_back(std::string(entry.role == kChatRoleUser ? "u:" : "a:") + entry.text);
   return texts;
 }
 
@@ -36,19 +30,10 @@ unsigned modeOf(const std::string& path) {
   return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
 }
 
-// Sets the umask for the life of the guard.
-struct Umask {
-  explicit Umask(mode_t mask) : saved(umask(mask)) {}
-  ~Umask() { umask(saved); }
-  mode_t saved;
-};
-
 class MemoryStoreTest : public ::testing::Test {
  protected:
   qortest::TempDir dir_;
   const std::string path_ = (dir_.path / "history.db").string();
-  const std::string user_ = std::to_string(kChatRoleUser) + ":";
-  const std::string assistant_ = std::to_string(kChatRoleAssistant) + ":";
 };
 
 TEST_F(MemoryStoreTest, ConversationsAreResumedPerKeyUntilANewOneStarts) {
@@ -57,41 +42,39 @@ TEST_F(MemoryStoreTest, ConversationsAreResumedPerKeyUntilANewOneStarts) {
     store->setDatabaseStructure("[1]");
     store->addHistoryEntry(kChatRoleUser, "how many?");
     store->addHistoryEntry(kChatRoleAssistant, " \n\t");
+    store->addHistoryEntry(kChatRoleUser, " ");  // only a blank reply is replaced
     open(path_, "crm")->addHistoryEntry(kChatRoleUser, "list leads");
   }
   {
     auto store = open(path_, "shop");
-    EXPECT_EQ(store->resumedEntryCount(), 2u);
+    EXPECT_EQ(store->resumedEntryCount(), 3u);
     EXPECT_EQ(store->obtainDatabaseStructure(), "[1]");
-    // A blank reply is kept as a text that services accept in a history.
     EXPECT_EQ(textsOf(store->obtainHistory(0)),
-              (Texts{user_ + "how many?", assistant_ + qorchat::kNoTextReply}));
+              (Texts{"u:how many?", "a:" + std::string(qorchat::kNoTextReply), "u: "}));
+    EXPECT_EQ(textsOf(store->obtainHistory(1)), Texts{"u: "});
+    EXPECT_TRUE(store->obtainHistory(-1).size() == 3 && store->obtainHistory(9).size() == 3);
     store->startNewConversation();
     EXPECT_TRUE(store->obtainHistory(0).empty());
     store->addHistoryEntry(kChatRoleUser, "and products?");
   }
   auto store = open(path_, "shop");
-  EXPECT_EQ(textsOf(store->obtainHistory(0)), Texts{user_ + "and products?"});
+  EXPECT_EQ(textsOf(store->obtainHistory(0)), Texts{"u:and products?"});
   EXPECT_EQ(store->obtainDatabaseStructure(), "[1]");  // the same database, so the same structure
   store->setDatabaseStructure("");
   EXPECT_EQ(open(path_, "crm")->resumedEntryCount(), 1u);
   EXPECT_EQ(open(path_, "shop")->obtainDatabaseStructure(), "");
-}
-
-TEST_F(MemoryStoreTest, InMemoryHistoryAndItsLimit) {
-  auto store = open(":memory:", "k");
+  const auto memory = open(":memory:", "k");
+  memory->addHistoryEntry(kChatRoleUser, "x");
+  EXPECT_EQ(textsOf(memory->obtainHistory(0)), Texts{"u:x"});
   EXPECT_FALSE(fs::exists(":memory:"));
-  for (const char* text : {"0", " ", "2"})
-    store->addHistoryEntry(kChatRoleUser, text);  // only a blank reply is replaced
-  EXPECT_EQ(textsOf(store->obtainHistory(2)), (Texts{user_ + " ", user_ + "2"}));
-  EXPECT_EQ(store->obtainHistory(-1).size(), 3u);
-  EXPECT_EQ(store->obtainHistory(9).size(), 3u);
 }
 
-// A file made new, and one of ours left readable by others, end up owner-only, SQLite's files
-// beside it too, even with nothing masked out of the modes files are made with.
+// A new file, and one of ours left readable by others, end up owner-only, with SQLite's beside.
 TEST_F(MemoryStoreTest, FilesArePrivateWhateverTheUmask) {
-  const Umask nothingMasked(0);
+  struct Umask {
+    mode_t saved = umask(0);
+    ~Umask() { umask(saved); }
+  } nothingMasked;
   for (const bool existing : {false, true}) {
     if (existing) chmod(path_.c_str(), 0666);
     auto store = open(path_, "k");
@@ -102,19 +85,14 @@ TEST_F(MemoryStoreTest, FilesArePrivateWhateverTheUmask) {
 }
 
 TEST_F(MemoryStoreTest, FilesItCannotUseAreRefusedAndLeftAlone) {
-  const std::string text = (dir_.path / "notes.txt").string();
+  const std::string text = (dir_.path / "notes.txt").string(), own = (dir_.path / "own.db");
   std::ofstream(text) << "long enough to be read as a database " << qortest::repeated("x", 99);
-  const std::string own = (dir_.path / "own.db").string();
   qortest::sqlite(own, "CREATE TABLE customers (id INTEGER)");
   chmod(own.c_str(), 0644);
   qortest::sqlite(path_,
                   "CREATE TABLE conversations (id); CREATE TABLE entries (id);"
                   "PRAGMA user_version = 2");
-  const struct {
-    std::string path;
-    Kind kind;
-    const char* says;
-  } cases[] = {
+  const std::tuple<std::string, Kind, const char*> cases[] = {
       {(dir_.path / "no such folder" / "history.db").string(), Kind::kIoError, "cannot open"},
       {text, Kind::kInvalidInput, "is not an SQLite database"},
       {own, Kind::kInvalidInput, "is not a qorchat history file"},
@@ -123,8 +101,8 @@ TEST_F(MemoryStoreTest, FilesItCannotUseAreRefusedAndLeftAlone) {
   for (const auto& [path, kind, says] : cases) {
     const qorchat::Status failure = MemoryStore::open(path, "k").status();
     EXPECT_EQ(failure.kind(), kind) << path;
-    EXPECT_TRUE(qortest::has(failure.message(), says)) << failure.message();
-    EXPECT_TRUE(qortest::has(failure.message(), path)) << failure.message();
+    EXPECT_TRUE(qortest::has(failure.message(), says) && qortest::has(failure.message(), path))
+        << failure.message();
   }
   // Someone's own database keeps its tables, its journal and its mode.
   EXPECT_EQ(qortest::sqlite(own, "SELECT count(*) FROM sqlite_master"), "1");
@@ -145,16 +123,14 @@ TEST_F(MemoryStoreTest, AWriteFailureIsReportedOnceAndTheSessionGoesOnInMemory) 
   EXPECT_EQ(store->obtainHistory(0).size(), 3u);
 }
 
-// Two writers on one file, both open before either writes so that their writes interleave; then
-// a process killed outright after its writes.
+// Two writers whose writes interleave on one file; then a process killed after its writes.
 TEST_F(MemoryStoreTest, ConcurrentWritersAndAKilledProcessLoseNothing) {
-  constexpr int kEach = 200;
   std::latch opened(2);
   const auto write = [&] {
-    qorchat::Result<std::unique_ptr<MemoryStore>> store = MemoryStore::open(path_, "same key");
+    auto store = MemoryStore::open(path_, "same key");
     opened.arrive_and_wait();
     ASSERT_TRUE(store) << store.status().message();
-    for (int i = 0; i < kEach; ++i) {
+    for (int i = 0; i < 200; ++i) {
       (*store)->addHistoryEntry(kChatRoleUser, "turn");
       usleep(200);  // lets the other writer in between these writes, not only after them
     }
@@ -163,7 +139,7 @@ TEST_F(MemoryStoreTest, ConcurrentWritersAndAKilledProcessLoseNothing) {
   std::thread other(write);
   write();
   other.join();
-  EXPECT_EQ(qortest::sqlite(path_, "SELECT count(*) FROM entries"), std::to_string(2 * kEach));
+  EXPECT_EQ(qortest::sqlite(path_, "SELECT count(*) FROM entries"), "400");
 
   if (fork() == 0) {  // only the way it ends leaves the child: the test is the parent's
     if (auto store = MemoryStore::open(path_, "killed")) {
@@ -178,7 +154,7 @@ TEST_F(MemoryStoreTest, ConcurrentWritersAndAKilledProcessLoseNothing) {
   ASSERT_GT(wait(&status), 0);
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
   auto store = open(path_, "killed");
-  EXPECT_EQ(textsOf(store->obtainHistory(0)), (Texts{user_ + "0", user_ + "1", user_ + "2"}));
+  EXPECT_EQ(textsOf(store->obtainHistory(0)), (Texts{"u:0", "u:1", "u:2"}));
   EXPECT_EQ(store->obtainDatabaseStructure(), "[]");
 }
 

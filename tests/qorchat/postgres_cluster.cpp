@@ -1,5 +1,3 @@
-// Makes, starts, and at the end stops and deletes a PostgreSQL cluster of the tests' own.
-
 #include "postgres_cluster.h"
 
 #include <libpq-fe.h>
@@ -18,31 +16,26 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Only the socket's file name carries the port: the server opens no TCP port.
-constexpr const char* kPort = "5432";
+constexpr const char* kPort = "5432";  // names the socket only: no TCP port is opened
 
-// A word for the shell.
-std::string shellWord(const std::string& text) {
+// Text in single quotes, each quote (and, given, each other character) escaped.
+std::string quoted(const std::string& text, const std::string& quote, const char* other = "'") {
   std::string out = "'";
   for (const char c : text)
-    out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    out += c == '\'' || c == *other ? quote + c : std::string(1, c);
   return out + "'";
 }
-
-// A libpq parameter value in quotes, as a conninfo wants one that may hold spaces.
-std::string libpqValue(const std::string& value) {
-  std::string out = "'";
-  for (const char c : value) {
-    if (c == '\'' || c == '\\') out += '\\';
-    out += c;
-  }
-  return out + "'";
+std::string shellWord(const std::string& text) {
+  return quoted(text, "'\\'");
+}
+std::string libpqValue(const std::string& text) {
+  return quoted(text, "\\", "\\");
 }
 
 std::string tailOf(const std::string& path) {
   std::ifstream file(path);
   const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  return text.size() > 2000 ? text.substr(text.size() - 2000) : text;
+  return text.substr(text.size() > 2000 ? text.size() - 2000 : 0);
 }
 
 // The folder of initdb and pg_ctl: pg_config's, else that of Debian's postgresql-15.
@@ -54,33 +47,29 @@ std::string serverPrograms() {
   }
   for (const std::string& dir : {std::string(found), std::string("/usr/lib/postgresql/15/bin")}) {
     if (!dir.empty() && access((dir + "/initdb").c_str(), X_OK) == 0 &&
-        access((dir + "/pg_ctl").c_str(), X_OK) == 0) {
+        access((dir + "/pg_ctl").c_str(), X_OK) == 0)
       return dir;
-    }
   }
   throw std::runtime_error(
       "the PostgreSQL server programs initdb and pg_ctl are not installed; the tests need "
       "postgresql-15 (scripts/setup.sh installs it)");
 }
 
-// Runs statements over a connection of their own; throws with the server's message.
 std::unique_ptr<PGresult, void (*)(PGresult*)> run(const std::string& conninfo,
                                                    const std::string& sql) {
   const std::unique_ptr<PGconn, void (*)(PGconn*)> connection(PQconnectdb(conninfo.c_str()),
                                                               PQfinish);
-  if (PQstatus(connection.get()) != CONNECTION_OK) {
+  if (PQstatus(connection.get()) != CONNECTION_OK)
     throw std::runtime_error("cannot connect to the test cluster: " +
                              std::string(PQerrorMessage(connection.get())));
-  }
   PQsetNoticeProcessor(
       connection.get(), [](void*, const char*) {}, nullptr);
   std::unique_ptr<PGresult, void (*)(PGresult*)> result(PQexec(connection.get(), sql.c_str()),
                                                         PQclear);
   const ExecStatusType status = PQresultStatus(result.get());
-  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK)
     throw std::runtime_error(std::string(PQresultErrorMessage(result.get())) +
-                             "in: " + (sql.size() > 300 ? sql.substr(0, 300) + "..." : sql));
-  }
+                             "in: " + sql.substr(0, 300));
   return result;
 }
 
@@ -95,15 +84,12 @@ PostgresCluster::PostgresCluster() {
   const std::string programs = serverPrograms();
   // Root may not run a server: as root the programs run as the account the package creates.
   const std::string as = geteuid() == 0 ? "runuser -u postgres -- " : "";
-  std::string pattern = (fs::temp_directory_path() / "qorchat-pg-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr) {
-    throw std::runtime_error("cannot create a folder for the test cluster in " +
-                             fs::temp_directory_path().string());
-  }
-  dir_ = pattern;
-  const std::string data = dir_ + "/data";
-  // The shell's input ends when this process closes it or dies. It ignores the Ctrl-C meant for
-  // the tests, which would end it before it cleans up.
+  dir_ = (fs::temp_directory_path() / "qorchat-pg-XXXXXX").string();
+  if (mkdtemp(dir_.data()) == nullptr)
+    throw std::runtime_error("cannot create a folder for the test cluster in " + dir_);
+  const std::string data = dir_ + "/data", log = dir_ + "/setup.log";
+  const std::string serverLog = dir_ + "/server.log";
+  // Its input ends when this process closes it or dies; it ignores the Ctrl-C meant for the tests.
   watchdog_ = popen(
       ("exec >/dev/null 2>&1; trap '' INT QUIT HUP; cat; " + as + shellWord(programs + "/pg_ctl") +
        " -D " + shellWord(data) + " -m immediate -w stop; rm -rf " + shellWord(dir_))
@@ -113,33 +99,25 @@ PostgresCluster::PostgresCluster() {
     fs::remove_all(dir_);
     throw std::runtime_error("cannot start the test cluster's watchdog");
   }
-  // From here on the watchdog deletes the folder, whatever happens.
-  if (!as.empty()) {
-    const passwd* account = getpwnam("postgres");
-    if (account == nullptr || chown(dir_.c_str(), account->pw_uid, account->pw_gid) != 0) {
-      throw std::runtime_error(
-          "running as root, the test cluster needs the postgres account of postgresql-15");
-    }
-  }
-  const std::string log = dir_ + "/setup.log";
-  const std::string serverLog = dir_ + "/server.log";
-  const auto step = [&](const std::string& command) {
-    if (std::system((as + command + " </dev/null >>" + shellWord(log) + " 2>&1").c_str()) != 0) {
+  const passwd* account = as.empty() ? nullptr : getpwnam("postgres");
+  if (!as.empty() &&
+      (account == nullptr || chown(dir_.c_str(), account->pw_uid, account->pw_gid) != 0))
+    throw std::runtime_error(
+        "running as root, the test cluster needs the postgres account of postgresql-15");
+  const auto step = [&](const std::string& program, const std::string& arguments) {
+    const std::string command = as + shellWord(programs + program) + " -D " + shellWord(data);
+    if (std::system((command + arguments + " </dev/null >>" + shellWord(log) + " 2>&1").c_str()))
       throw std::runtime_error(command + " failed:\n" + tailOf(log) + "\nserver log:\n" +
                                tailOf(serverLog));
-    }
   };
-  step(shellWord(programs + "/initdb") + " -D " + shellWord(data) +
-       " -U postgres -A trust -E UTF8 --locale=C --no-sync --no-instructions");
+  step("/initdb", " -U postgres -A trust -E UTF8 --locale=C --no-sync --no-instructions");
   std::ofstream(data + "/postgresql.conf", std::ios::app)
       << "listen_addresses = ''\nunix_socket_directories = '" << dir_ << "'\nport = " << kPort
-      << "\nfsync = off\nsynchronous_commit = off\nfull_page_writes = off\n"
-      << "max_connections = 20\n";
+      << "\nfsync = off\nsynchronous_commit = off\nfull_page_writes = off\nmax_connections = 20\n";
   // The superuser enters freely; any other role needs its password.
   std::ofstream(data + "/pg_hba.conf", std::ios::trunc)
       << "local all postgres trust\nlocal all all scram-sha-256\n";
-  step(shellWord(programs + "/pg_ctl") + " -D " + shellWord(data) + " -l " + shellWord(serverLog) +
-       " -w -t 60 start");
+  step("/pg_ctl", " -l " + shellWord(serverLog) + " -w -t 60 start");
 }
 
 PostgresCluster::~PostgresCluster() {
@@ -151,6 +129,15 @@ std::string PostgresCluster::conninfo(const std::string& database, const std::st
          " user=" + libpqValue(user);
 }
 
+std::string PostgresCluster::readerConninfo(const std::string& database) {
+  if (!readerMade_)
+    execute(
+        "CREATE ROLE qorchat_reader LOGIN PASSWORD 'reader-pw'; "
+        "GRANT pg_read_all_data TO qorchat_reader");
+  readerMade_ = true;
+  return conninfo(database, "qorchat_reader") + " password=reader-pw";
+}
+
 void PostgresCluster::execute(const std::string& sql, const std::string& database) const {
   run(conninfo(database), sql);
 }
@@ -159,18 +146,17 @@ std::vector<std::vector<std::string>> PostgresCluster::query(const std::string& 
                                                              const std::string& database) const {
   const auto result = run(conninfo(database), sql);
   std::vector<std::vector<std::string>> rows(PQntuples(result.get()));
-  for (std::size_t row = 0; row < rows.size(); ++row) {
-    for (int column = 0; column < PQnfields(result.get()); ++column) {
-      const int r = static_cast<int>(row);
-      rows[row].emplace_back(
-          PQgetisnull(result.get(), r, column) != 0 ? "NULL" : PQgetvalue(result.get(), r, column));
-    }
+  for (int row = 0; row < static_cast<int>(rows.size()); ++row) {
+    for (int column = 0; column < PQnfields(result.get()); ++column)
+      rows[row].emplace_back(PQgetisnull(result.get(), row, column) != 0
+                                 ? "NULL"
+                                 : PQgetvalue(result.get(), row, column));
   }
   return rows;
 }
 
 std::string PostgresCluster::createDatabase() {
-  std::string name = "qorchat_test_" + std::to_string(++databases_);
+  const std::string name = "qorchat_test_" + std::to_string(++databases_);
   execute("CREATE DATABASE " + name);
   return name;
 }

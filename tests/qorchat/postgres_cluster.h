@@ -1,7 +1,6 @@
 #pragma once
-// A throwaway PostgreSQL cluster for tests and benchmarks: initdb into a temporary folder, a
-// server listening only on a Unix socket in it, stopped and deleted when the process ends, also
-// when it crashes or is killed.
+// A throwaway PostgreSQL cluster for tests and benchmarks: a server in a temporary folder,
+// listening only on a Unix socket there, stopped and deleted when the process ends however it ends.
 
 #include <cstdio>
 #include <string>
@@ -11,8 +10,7 @@ namespace qortest {
 
 class PostgresCluster {
  public:
-  // The cluster of this process, started at the first call. Throws std::runtime_error saying what
-  // is missing or what the server logged when it cannot start.
+  // Started at the first call; throws std::runtime_error with what is missing or what was logged.
   static PostgresCluster& shared();
 
   PostgresCluster();
@@ -20,24 +18,22 @@ class PostgresCluster {
   PostgresCluster(const PostgresCluster&) = delete;
   PostgresCluster& operator=(const PostgresCluster&) = delete;
 
-  // The folder of the server's socket.
   const std::string& socketDir() const { return dir_; }
-  // Connection parameters for a database over the socket, as the user (without a password).
+  // Connection parameters over the socket, without a password.
   std::string conninfo(const std::string& database, const std::string& user = "postgres") const;
-  // Runs statements as the superuser postgres; throws with the server's message when one fails.
+  // Those of a role made as qorchat asks (LOGIN, pg_read_all_data), with its password.
+  std::string readerConninfo(const std::string& database);
+  // Runs as the superuser; throws with the server's message. NULL reads as "NULL".
   void execute(const std::string& sql, const std::string& database = "postgres") const;
-  // The rows of a query, as text (NULL as "NULL"), run as the superuser.
   std::vector<std::vector<std::string>> query(const std::string& sql,
                                               const std::string& database) const;
-  // A new empty database with a name not used before in this cluster.
-  std::string createDatabase();
+  std::string createDatabase();  // new and empty
 
  private:
   std::string dir_;
-  // The input of a shell that waits for this process to end, however it ends, then stops the
-  // server and deletes the folder.
-  FILE* watchdog_ = nullptr;
+  FILE* watchdog_ = nullptr;  // a shell that stops the server and deletes dir_ when its input ends
   int databases_ = 0;
+  bool readerMade_ = false;
 };
 
 }  // namespace qortest

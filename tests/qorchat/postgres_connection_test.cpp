@@ -11,7 +11,6 @@ using qortest::has;
 
 TEST(PostgresConnection, TellsAServerFromAFile) {
   const qortest::TempDir dir;
-  // An SQLite file whose name holds an = is still the file.
   const std::string file = (dir.path / "a=b.db").string();
   std::ofstream(file).close();
   const std::pair<std::string, bool> targets[] = {
@@ -29,9 +28,12 @@ TEST(PostgresConnection, MasksEveryPassword) {
       {"junk host=h password=a\\ b sslpassword=k", "junk host=h password=**** sslpassword=****"},
       {"postgresql://u:p%40ss@h:5/db?pass%77ord=x&sslmode=require",
        "postgresql://u:****@h:5/db?pass%77ord=****&sslmode=require"},
-      // The user part ends at the first @ before any /.
       {"postgresql://h/db?password=a@b", "postgresql://h/db?password=****"},
       {"postgres://u@h/db", "postgres://u@h/db"},
+      // Unencoded, a / or @ in the password makes libpq read the text otherwise: still masked.
+      {"postgresql://u:pa/ss@h/db", "postgresql://u:****@h/db"},
+      {"postgresql://u:p@s?s/x@h:5/db?sslmode=require",
+       "postgresql://u:****@h:5/db?sslmode=require"},
   };
   for (const auto& [target, masked] : targets)
     EXPECT_EQ(qorchat::postgres::masked(target), masked);
@@ -42,7 +44,6 @@ TEST(PostgresConnection, MessagesLoseThePasswordsRawOrDecodedOnOneLine) {
       {"postgresql://u:hunter%32@h/db",
        "invalid URI \"postgresql://u:hunter%32@h/db\"\n  hunter2\n",
        "invalid URI \"postgresql://u:****@h/db\"; ****"},
-      // The longer password first: the shorter inside it leaves none of it behind.
       {"password=ab sslpassword=xaby", "xaby ab", "**** ****"},
   };
   for (const auto& [target, message, cleaned] : messages)

@@ -1,5 +1,5 @@
-// Tests where PostgreSQL statements are cut: at the semicolons the server's lexer ends them at,
-// never at one inside a literal, a quoted name, a dollar quote or a comment.
+// Tests, without a server, where the guard in front of PostgreSQL cuts a block and what it
+// rejects as invalid; what it refuses is tried in safe_run_postgres_test.cpp.
 #include "db/postgres_statements.h"
 
 #include <gtest/gtest.h>
@@ -9,41 +9,61 @@
 
 namespace {
 
-using Statements = std::vector<std::string_view>;
+using qorchat::postgres::classifyStatements;
+using qorchat::postgres::Statement;
+using Verdict = Statement::Verdict;
+using Texts = std::vector<std::string_view>;
+
+Texts textsOf(const std::vector<Statement>& statements) {
+  Texts texts;
+  for (const Statement& statement : statements)
+    texts.push_back(statement.text);
+  return texts;
+}
 
 struct Split {
   const char* sql;
-  bool backslashEscapes;
-  Statements expected;
+  Texts expected;
 };
 
 const Split kSplits[] = {
-    {"SELECT 1; SELECT 2", false, {"SELECT 1;", "SELECT 2"}},
-    {"  -- nothing here ;\n ; /* ; */ ", false, {}},
+    {"SELECT 1; SELECT 2", {"SELECT 1;", "SELECT 2"}},
+    {"  -- nothing here ;\n ; /* ; */ ", {}},
     // Literals, quoted names (a doubled quote inside), dollar quotes with and without a tag, an
-    // escape string, and a line comment within the statement.
-    {"SELECT 'a;b' AS \"x\"\";y\", $$c;d$$, $t$e;$$;$t$, E'\\';' -- f;g\n;SELECT 2",
-     false,
-     {"SELECT 'a;b' AS \"x\"\";y\", $$c;d$$, $t$e;$$;$t$, E'\\';' -- f;g\n;", "SELECT 2"}},
-    {"/* h; /* i; */ j; */ SELECT 1;  -- end;\n", false, {"/* h; /* i; */ j; */ SELECT 1;"}},
-    // A backslash ends a standard literal's text, but escapes the quote when strings are not
-    // standard; e'' escapes whatever the setting.
-    {"SELECT 'a\\'; SELECT 2", false, {"SELECT 'a\\';", "SELECT 2"}},
-    {"SELECT 'a\\'; SELECT 2", true, {"SELECT 'a\\'; SELECT 2"}},
-    {"SELECT e'\\';'; SELECT 2", false, {"SELECT e'\\';';", "SELECT 2"}},
-    // $1 is a parameter and a $ inside a word opens nothing.
-    {"SELECT $1; SELECT a$b$; SELECT 2", false, {"SELECT $1;", "SELECT a$b$;", "SELECT 2"}},
-    // What is never closed runs to the end, for the server to report.
-    {"SELECT 'open; SELECT 2", false, {"SELECT 'open; SELECT 2"}},
-    {"SELECT $q$open; SELECT 2", false, {"SELECT $q$open; SELECT 2"}},
-    {"SELECT 1 /* open; SELECT 2", false, {"SELECT 1 /* open; SELECT 2"}},
+    // escape string and comments, nested ones too, hold semicolons that end nothing; what comes
+    // before a statement's first word is not part of it.
+    {"/* a; /* b; */ c; */ SELECT 'a;b' AS \"x\"\";y\", $$c;d$$, $t$e;$$;$t$, E'\\';' -- f;g\n;"
+     "-- next\n  SELECT 2 ;  ",
+     {"SELECT 'a;b' AS \"x\"\";y\", $$c;d$$, $t$e;$$;$t$, E'\\';' -- f;g\n;", "SELECT 2 ;"}},
+    // Literals are standard, as the session that runs them has them: a backslash is text.
+    {"SELECT 'a\\'; SELECT 2", {"SELECT 'a\\';", "SELECT 2"}},
 };
 
-TEST(PostgresStatements, CutsOnlyWhereTheServerWould) {
+TEST(PostgresStatements, CutsWhereTheGrammarEndsAStatement) {
   for (const Split& split : kSplits) {
-    EXPECT_EQ(qorchat::postgres::splitStatements(split.sql, split.backslashEscapes), split.expected)
-        << split.sql << (split.backslashEscapes ? " (backslash escapes)" : "");
+    const std::vector<Statement> statements = classifyStatements(split.sql);
+    EXPECT_EQ(textsOf(statements), split.expected) << split.sql;
+    for (const Statement& statement : statements)
+      EXPECT_EQ(statement.verdict, Verdict::kReads) << split.sql << ": " << statement.reason;
   }
+}
+
+TEST(PostgresStatements, ABlockTheGrammarRejectsIsThePartThatHoldsTheError) {
+  const std::pair<const char*, Statement> rejected[] = {
+      {"SELECT 1; SELECT 'a' FROM; SELECT 3",
+       {"SELECT 'a' FROM;", Verdict::kInvalid, "syntax error at or near \";\""}},
+      // The parser counts characters, not bytes.
+      {"SELECT 'é'; SELECT 'ü' FROM",
+       {"SELECT 'ü' FROM", Verdict::kInvalid, "syntax error at end of input"}},
+      {"SELECT 'open; COMMIT",
+       {"SELECT 'open; COMMIT", Verdict::kInvalid,
+        "unterminated quoted string at or near \"'open; COMMIT\""}},
+  };
+  for (const auto& [sql, expected] : rejected)
+    EXPECT_EQ(classifyStatements(sql), std::vector<Statement>{expected}) << sql;
+  // A zero byte would end the text the parser reads, leaving the rest unjudged.
+  const std::string withZero("SELECT 1; \0 COMMIT", 18);
+  EXPECT_EQ(classifyStatements(withZero).at(0).verdict, Verdict::kInvalid);
 }
 
 }  // namespace

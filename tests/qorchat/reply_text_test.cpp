@@ -57,12 +57,17 @@ TEST(ResultTable, FittedMakesCellsSafe) {
     std::size_t width;
     std::string cell;
   } rows[] = {
-      {"a\r\nb\nc\td", 40, "a↵b↵c d"},     {"\x1b[31mred", 40, "�[31mred"},
-      {"bad\xC3 \xE2\x82", 40, "bad� ��"}, {"\xED\xA0\x80", 40, "���"},  // a UTF-16 surrogate
-      {"exactly", 7, "exactly"},           {"longer!", 6, "longe…"},
+      {"a\r\nb\nc\td", 40, "a↵b↵c d"},
+      {"\x1b[31mred", 40, "�[31mred"},
+      {"bad\xC3 \xE2\x82", 40, "bad� ��"},
+      {"\xED\xA0\x80", 40, "���"},  // a UTF-16 surrogate
+      {"exactly", 7, "exactly"},
+      {"longer!", 6, "longe…"},
       {"日本語のテキスト", 4, "日…"},  // wide characters take two columns
       {"日本語", 6, "日本語"},
-      {"a\xe2\x80\xae""b\xc2\x9b", 40, "a�b�"},  // a bidirectional override, a C1 control
+      {"a\xe2\x80\xae"
+       "b\xc2\x9b",
+       40, "a�b�"},  // a bidirectional override, a C1 control
   };
   for (const auto& row : rows)
     EXPECT_EQ(ResultTable::fitted(row.value, row.width), row.cell) << row.value;

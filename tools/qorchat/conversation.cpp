@@ -139,7 +139,7 @@ Status Conversation::failureOf(const std::string& failure, std::uint64_t exchang
   }
   if (code == YLErrorCode::kResponseTooLarge) {
     return Status::service("the reply was larger than the " +
-                           std::to_string(kMaxReplyBytes / (1024 * 1024)) +
+                           std::to_string(kMaxReplyBytes / (std::size_t{1024} * 1024)) +
                            " MiB qorchat accepts: " + failure);
   }
   return Status::service(failure);
