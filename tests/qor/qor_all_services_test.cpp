@@ -1,7 +1,5 @@
-// Every service kind through the exported functions: create, list the models, chat, take the
-// memory over, and free it all with QORFreeObject (the sanitizer build reports anything left
-// behind); the exact bodies each service's chat requests carry; the object protocol of qor.h and
-// the translation of the library's sentences.
+// Every service through the exports, with the exact bodies of its requests; the object protocol
+// of qor.h and the translation of the library's sentences.
 
 #include <strings.h>
 
@@ -18,8 +16,7 @@ namespace {
 std::atomic<std::time_t> fixedTime{0};
 }  // namespace
 
-// The C library's time(), but for the second that fixedTime holds while it is not 0. Defined
-// here, it is the one every call in this binary reaches, the library's included.
+// Every call in this binary, the library's included, reaches this time(): fixedTime when not 0.
 extern "C" std::time_t time(std::time_t* out) noexcept {
   timespec now{};
   clock_gettime(CLOCK_REALTIME_COARSE, &now);
@@ -35,8 +32,7 @@ using namespace qortest;
 
 class AllServices : public ::testing::TestWithParam<WireService> {};
 
-// Where a request carries the key: the headers that hold it or are meant for a key or its
-// interface's version, and the query.
+// The headers that hold the key or are meant for one or its version, and the query.
 std::string credentialsIn(const RecordedRequest& request, const std::string& key) {
   std::string found;
   for (const auto& [name, value] : request.headers) {
@@ -51,14 +47,12 @@ std::string credentialsIn(const RecordedRequest& request, const std::string& key
 TEST_P(AllServices, ListChatAndFreeThroughTheExports) {
   const WireService& service = GetParam();
   LoopbackServer server;
-  // A host with a path of its own, which is kept.
   const std::string host = server.baseUrl() + "/proxy/";
   server.answer("GET", std::string("/proxy") + service.modelsPath,
                 {.body = readWireFile(service.modelsFile)});
   server.answer("POST", std::string("/proxy") + service.chatPath,
                 {.body = readWireFile(service.chatFile)});
-  // Characters that a query must encode.
-  const std::string key = "AIza k&y=/+%";
+  const std::string key = "AIza k&y=/+%";  // to be encoded in a query
   AssistantPtr assistant = create(service.type, host, nullptr, key);
   ASSERT_NE(assistant, nullptr);
 
@@ -68,14 +62,12 @@ TEST_P(AllServices, ListChatAndFreeThroughTheExports) {
   EXPECT_EQ(models.front(), service.firstModel);
   EXPECT_EQ(server.lastRequest().body, "");
 
-  // Without a temperature, instructions or history, the body holds only what the service needs.
   setModel(*assistant);
   expectChat(*assistant, replied(service.reply));
   EXPECT_EQ(server.lastRequest().body, service.plain);
 
-  // Everything set, and a host's memory that gives more than the 20 turns asked for: all go out,
-  // a turn with a role of the host's own as the user's. The instructions read the structure before
-  // the history is asked for; the turns are stored after the reply.
+  // The host's memory gives more than the 20 turns asked for: all go out, a role of the host's own
+  // as the user's.
   const bool parts = service.type == QORAssistantType::GOOGLE;
   const auto turn = [parts](bool fromAssistant, const std::string& text) {
     const std::string role = fromAssistant ? (parts ? "model" : "assistant") : "user";
@@ -103,7 +95,6 @@ TEST_P(AllServices, ListChatAndFreeThroughTheExports) {
   EXPECT_EQ(memory.calls, (std::vector<std::string>{"structure", "history 20", "add", "add"}));
   EXPECT_EQ(memory.history.back().text, service.reply);
 
-  // All on one kept-alive connection per assistant, each with the key where the service wants it.
   ASSERT_EQ(server.requestCount(), 3u);
   EXPECT_EQ(server.connectionCount(), 2u);
   std::string credential = service.credential;
@@ -111,7 +102,6 @@ TEST_P(AllServices, ListChatAndFreeThroughTheExports) {
     credential.replace(at, 1, key);
   for (const RecordedRequest& request : server.requests())
     EXPECT_EQ(credentialsIn(request, key), credential) << request.method;
-  // An empty key is not refused: the service answers for it.
   EXPECT_EQ(create(service.type, host, nullptr, "")->obtainAvailableModels().second, "");
   EXPECT_EQ(credentialsIn(server.lastRequest(), "\n"), service.emptyKey);
 
@@ -123,7 +113,6 @@ TEST_P(AllServices, ListChatAndFreeThroughTheExports) {
 INSTANTIATE_TEST_SUITE_P(Kinds, AllServices, ::testing::ValuesIn(kWireServices),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// Any other number gives no assistant.
 TEST(AllServices, CreateAnswersTheSevenTypesAndNothingElse) {
   EXPECT_EQ(std::size(kWireServices), 7u);
   YLHTTPPoolCenter pool;
@@ -133,7 +122,6 @@ TEST(AllServices, CreateAnswersTheSevenTypesAndNothingElse) {
   QORFreeObject(nullptr);
 }
 
-// What the host's callback saw and what it answers.
 std::vector<std::string> seen;
 std::string answer;
 void translate(const char* key, void* record) {
@@ -178,8 +166,7 @@ TEST(Localization, OnlyTheLibrarysSentencesGoThroughTheHostsCallback) {
 }
 
 TEST(Boundary, MessagesAreStampedByTimeAndOwnTheirSections) {
-  // The stamp must come from time(), which hosts compare it with: other clocks run ahead of it
-  // by up to a tick. This binary's time() answers a second of the test's while one is set.
+  // From time(), which hosts compare it with: other clocks run up to a tick ahead of it.
   fixedTime = 1234567890;
   QORMessage* message = QORMessage::makeTextReply(std::string("a\0b", 3));
   fixedTime = 0;

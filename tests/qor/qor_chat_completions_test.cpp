@@ -1,7 +1,5 @@
-// The four services of the chat-completions family, over real HTTP. The frame that every adapter
-// shares (failure routing, memory only after success) is tested here once; each difference of the
-// four (error bodies, listing rules) is a column of the tables below, their request bodies are in
-// the table of every service.
+// The chat-completions family over real HTTP, and the frame every adapter shares; each difference
+// of the four is a column of the tables below.
 
 #include "qor_test_util.h"
 
@@ -45,7 +43,6 @@ TEST_P(ChatCompletions, RepliesAndFailuresAreReadDefensively) {
   const std::string invalid = "Invalid response" + service().chatTail();
   AssistantPtr assistant = make();
   setModel(*assistant);
-  // An empty text is sent as it is.
   server.answer("POST", service().chatPath, {.body = readWireFile("openai/chat_tool_calls.json")});
   ASSERT_EQ(chat(*assistant, "").second, "");
   EXPECT_TRUE(server.lastRequest().body.ends_with(R"~({"role":"user","content":""}]})~"));
@@ -79,23 +76,16 @@ TEST_P(ChatCompletions, RepliesAndFailuresAreReadDefensively) {
 }
 
 TEST_P(ChatCompletions, ListingsFollowEachServicesRules) {
-  const std::string mixed = R"~({"data":[
-      {"id":"old","object":"model","created":1},
-      {"id":"new","object":"model","created":3},
-      {"id":"mid","object":"model","created":2},
-      {"id":"mid2","object":"model","created":2},
-      {"id":"text-date","object":"model","created":"5"},
-      {"id":"case","object":"Model","created":9},
-      {"id":"blank","object":"model ","created":9},
-      {"id":7,"object":"model","created":9},
-      {"id":"undated","object":"model"},
-      "junk"]})~";
+  const std::string mixed = R"~({"data":[{"id":"old","object":"model","created":1},
+      {"id":"new","object":"model","created":3}, {"id":"mid","object":"model","created":2},
+      {"id":"mid2","object":"model","created":2}, {"id":"text-date","object":"model","created":"5"},
+      {"id":"case","object":"Model","created":9}, {"id":"blank","object":"model ","created":9},
+      {"id":7,"object":"model","created":9}, {"id":"undated","object":"model"}, "junk"]})~";
   const std::string plain = R"~({"error":"plain"})~";
   const std::string codeOnly = R"~({"error":{"code":1}})~";
   const std::string message = R"~({"error":{"message":"E"}})~";
   const std::string withData = R"~({"data":[{"id":"a","object":"model","created":1}]})~";
-  // Enough equal dates that only a stable sort keeps the reply's order among them: m1, m3, ... are
-  // newer than m0, m2, ...
+  // Enough equal dates that only a stable sort keeps the reply's order: odd ids are newer.
   std::string ties = R"~({"data":[)~";
   Listing tiesNewestFirst, tiesInReplyOrder;
   for (int i = 0; i < 40; ++i) {

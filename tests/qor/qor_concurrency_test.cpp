@@ -1,10 +1,6 @@
-// What qor.h allows to run at once: separate assistants, each with its own pool, on threads of
-// their own; and a host that cancels an assistant's exchange through its pool from another thread.
-// The tsan preset runs these suites under ThreadSanitizer (.ci/run), which reports any race.
-//
-// The threads talk to the raw loopback server, built with the tests and so watched by
-// ThreadSanitizer as well: the HTTP library behind the other loopback server is not instrumented,
-// and its own threads draw reports that say nothing about this library.
+// Separate assistants with their own pools on threads of their own, and a cancel through a pool
+// from another thread; the tsan preset runs these under ThreadSanitizer, against the raw loopback
+// server (the HTTP library behind the other one is not instrumented and draws reports of its own).
 
 #include <atomic>
 #include <chrono>
@@ -33,7 +29,6 @@ TEST(Threads, TwoAssistantsWithTheirOwnPoolsChatAndListAtOnce) {
     httpReply(200, found->second)(connection, request);
   });
 
-  // Both threads start their exchanges together, so that they overlap from the first one on.
   std::atomic<int> ready{0};
   std::vector<std::thread> threads;
   threads.reserve(services.size());
@@ -42,17 +37,12 @@ TEST(Threads, TwoAssistantsWithTheirOwnPoolsChatAndListAtOnce) {
       AssistantPtr assistant = create(service.type, server.baseUrl());
       assistant->updateProperties([](IQORProperties* p) {
         p->setValue("model", YLVariant("m"));
-        p->setValue(
-            "db_structure",
-            YLVariant(
-                R"~([{"catalog_name":"shop","schemas":[{"schema_name":"s","tables":[)~"
-                R"~({"name":"t","fields":[{"name":"id","type":"int"}],"pkeys":["id"]}]}]}])~"));
+        p->setValue("db_structure", YLVariant(R"~([{"catalog_name":"shop","schemas":[]}])~"));
         p->setValue("user_instructions", YLVariant("Answer in SQL."));
       });
       ++ready;
       while (ready < static_cast<int>(services.size()))
         std::this_thread::yield();
-      // Each round adds its two turns to this assistant's history, and nothing of the other's.
       for (int round = 0; round < kRounds; ++round) {
         EXPECT_EQ(assistant->obtainAvailableModels().first.size(), service.modelCount);
         expectChat(*assistant, replied(service.reply));
@@ -85,8 +75,6 @@ TEST(Cancel, ACancelledChatFailsAndLeavesTheHistoryAlone) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
   canceller.join();
   EXPECT_EQ(server.requestCount(), 1u);
-
-  // The assistant carries on as before.
   server.answer("POST", service.chatPath, {.body = readWireFile(service.chatFile)});
   expectChat(*assistant, replied(service.reply));
 }

@@ -1,6 +1,4 @@
-// The three services outside the chat-completions family, one row each: how each lists its models,
-// how it reads a reply and what its failures say. The frame they share is tested with the
-// chat-completions family, their bodies with every service.
+// The three services outside the chat-completions family: listings, replies and failures.
 
 #include "qor_test_util.h"
 
@@ -33,10 +31,8 @@ std::vector<Dialect> dialects() {
        {
            // A page with more to come: nothing asked for the next page.
            {{.body = readWireFile("anthropic/models_paged.json")}, {{"claude-opus-4-6"}, ""}},
-           // Newest first: out of order, ties in reply order, items that don't count,
-           // duplicates, dates past 2038: the key is cut to its low 32 bits as a signed
-           // integer, so 2040-01-01 (2208988800) becomes -2085978496 and 2100-01-01
-           // (4102444800) -192522496.
+           // Newest first, ties in reply order; past 2038 the key is cut to a signed 32 bits:
+           // 2040 becomes -2085978496, 2100 -192522496.
            {{.body = R"~({"data":[
               {"type":"model","id":"old","created_at":"2023-01-01T00:00:00Z"},
               {"type":"model","id":"tie-first","created_at":"2024-06-01T12:00:00Z"},
@@ -177,10 +173,8 @@ TEST(Dialects, ListingsRepliesAndFailures) {
   }
 }
 
-// What has no column: Google's chat without a model and Anthropic's empty key.
 TEST(Dialects, NoModelAndEmptyKey) {
   LoopbackServer server;
-  // Without a model the path has none to name: one fixed tail, and nothing goes out.
   expectChat(*create(QORAssistantType::GOOGLE, server.baseUrl()),
              failed("Model is empty: p/v1beta/models/generateContent"));
   EXPECT_EQ(server.requestCount(), 0u);

@@ -1,5 +1,4 @@
-// The database digest and the combined instructions, byte for byte: statements, the order of
-// catalogs, rejections and duplicate keys.
+// The database digest and the combined instructions, byte for byte.
 
 #include <sstream>
 
@@ -44,7 +43,6 @@ class Digest : public ::testing::Test {
     memory.setDatabaseStructure(structure);
     return record.obtainDatabaseInstructions();
   }
-  // What the text must be by its definition: the tree's lines, catalog by catalog.
   std::string textFromTree() {
     std::string text;
     const auto append = [&text](const YLVariant& lines) {
@@ -78,23 +76,19 @@ TEST_F(Digest, WorkedExampleGivesTheTextAndTheTree) {
                                         {"instructions", YLVariantList{lines[0]}},
                                         {"schemas", YLVariantList{schema}}}};
   EXPECT_EQ(record.obtainDatabaseTree(), tree);
-  // What the host reads back is the tree, not what it stored.
   EXPECT_EQ(record.obtainValue("db_structure"), YLVariant(tree));
 }
 
-// Each structure gives its text, and the tree that holds the same lines, and reports each catalog,
-// schema or object description it passes over.
 TEST_F(Digest, StructuresGiveTheirTextAndTreeAndReportWhatIsPassedOver) {
   struct Case {
     std::string structure;
     std::string digest;
     std::size_t reports;
-    std::size_t catalogs;  // in the tree
+    std::size_t catalogs;
   };
   std::vector<Case> cases = {
       {kShop, kShopDigest, 0, 1},
-      // Unnamed catalogs first, the latest first; then the named ones in their order. Rejected
-      // catalogs take no place in it.
+      // Unnamed catalogs first, the latest first; then the named ones; rejected ones nowhere.
       {R"~([{"catalog_id": "A", "schemas": [{"tables": [{"name": "a", "fields": []}]}]},
            {"catalog_name": "B", "schemas": []}, {"catalog_name": 5, "schemas": []},
            {"catalog_name": "", "schemas": [{"tables": [{"name": "c", "fields": []}]}]},
@@ -111,11 +105,8 @@ TEST_F(Digest, StructuresGiveTheirTextAndTreeAndReportWhatIsPassedOver) {
        "CREATE TABLE `t` ()\nCREATE TABLE `t` ()\nCREATE VIEW `v` (`a` int)\n"
        "CREATE MATERIALIZED VIEW `mv` (`a` int)\n",
        0, 1},
-      // Statements by their grammar. Empty fields stop one before the keys are even looked at;
-      // two-column keys; a foreign key without columns on either side is left out; an empty
-      // ref_schema still qualifies, no ref_schema does not; bytes pass
-      // unchanged (backticks are not doubled, a line feed splits the line); keys compare after
-      // escapes are decoded.
+      // Empty fields stop before the keys; a foreign key without columns on a side is left out;
+      // an empty ref_schema qualifies; bytes pass unchanged; keys compare decoded.
       {R"~([{"schemas": [{"schema_name": "s", "tables": [
            {"name": "t", "fields": [], "pkeys": [1], "fkeys": [7]},
            {"name": "t", "fields": [{"name": "a", "type": "int"}, {"name": "b", "type": "text"}],
@@ -130,16 +121,8 @@ TEST_F(Digest, StructuresGiveTheirTextAndTreeAndReportWhatIsPassedOver) {
        "FOREIGN KEY(`a`, `b`) REFERENCES ``.`r`(`x`, `y`), FOREIGN KEY(`a`) REFERENCES `q`(`z`))\n"
        "CREATE TABLE `s`.`a`b\nc` (`\xC3\xA9` x)\nCREATE TABLE `s`.`t` ()\n",
        0, 1},
-      // Empty or foreign shapes give nothing, silently; a catalog without a name and without
-      // schemas is in the tree but writes nothing.
-      {"", "", 0, 0},
-      {"[]", "", 0, 0},
-      {"{}", "", 0, 0},
-      {"\"text\"", "", 0, 0},
-      {"[1", "", 0, 0},
-      {"null", "", 0, 0},
+      // A catalog without a name and without schemas is in the tree but writes nothing.
       {R"~([{"schemas": []}, {"catalog_name": "x", "schemas": [{}]}])~", "USE CATALOG `x`\n", 0, 2},
-      // Catalogs passed over.
       {R"~([null, 3, {"catalog_id": 1, "schemas": []}, {"catalog_name": null, "schemas": []},
            {"catalog_name": "x"}, {"catalog_name": "y", "schemas": {}}, {"catalog_name": "ok",
            "schemas": []}])~",
@@ -169,8 +152,7 @@ TEST_F(Digest, StructuresGiveTheirTextAndTreeAndReportWhatIsPassedOver) {
             "fkeys": [{"fields": ["x"], "ref_table": "r", "ref_fields": [null]}]},
            {"name": "z", "fields": []}]}]}])~",
        "CREATE TABLE `a` ()\n\n\n\n\n\n\n\n\n\n\n\n\nCREATE TABLE `z` ()\n", 12, 1},
-      // The members of each object are read in one pass, which must find what a lookup of each
-      // key finds: every key given twice, the first value wrong or stale, only the second shows.
+      // Every key twice, the first value wrong or stale: only the second shows, as in a lookup.
       {R"~([{"catalog_name": 1, "schemas": {}, "catalog_name": "c",
            "schemas": [{"schema_name": "old", "tables": [{"name": "gone", "fields": []}],
              "schema_name": "s", "tables": [{"name": 2, "fields": [], "pkeys": {},
@@ -182,8 +164,9 @@ TEST_F(Digest, StructuresGiveTheirTextAndTreeAndReportWhatIsPassedOver) {
        "REFERENCES `p`.`q`(`x`))\n",
        0, 1},
   };
-  // Identifiers are copied in pieces whose way depends on their length: every length up to past
-  // the widest, of distinct bytes so that one misplaced or left out shows.
+  for (const char* foreign : {"", "[]", "{}", "\"text\"", "[1", "null"})
+    cases.push_back({foreign, "", 0, 0});  // empty or foreign shapes give nothing, silently
+  // Identifiers of every length past the widest copy piece, of distinct bytes.
   Case lengths{"", "", 0, 1};
   for (std::string id = "a"; id.size() <= 21; id += static_cast<char>('a' + id.size())) {
     const std::string column = "{\"name\": \"" + id + "\", \"type\": \"" + id + "\"}";
@@ -219,8 +202,7 @@ TEST_F(Digest, CombinedInstructionsJoinTheThreeSources) {
   record.setValue("user_instructions", YLVariant("Answer in French."));
   EXPECT_EQ(record.obtainCombinedInstructions(), "Answer in French.\n\n");
 
-  // System instructions merge entry by entry: an empty text removes one, a value that is not a
-  // string is reported and passed over, the empty map changes nothing.
+  // Merged entry by entry: an empty text removes one, a non-string is reported and passed over.
   record.setValue("user_instructions", YLVariant(""));
   ASSERT_TRUE(record.setValue("system_instructions", YLVariantMap{{"b", "Prefer joins."}}));
   EXPECT_EQ(record.obtainCombinedInstructions(), "Prefer joins.\n");

@@ -1,6 +1,5 @@
-// A service that misbehaves on the wire, against a chat: the failure text, the history left as it
-// was, memory bounded by the reply size limit, and the next exchange on the
-// same pool answered correctly.
+// A service that misbehaves on the wire: the failure text, the history kept, memory bounded by the
+// reply size limit, and the pool still usable.
 
 #include <malloc.h>
 
@@ -19,14 +18,11 @@ namespace {
 using namespace qortest;
 using namespace std::chrono_literals;
 
-// The largest reply accepted here: small enough to keep the huge bodies cheap, large enough that
-// what the client needs besides the body does not matter next to it.
+// Small enough to keep the huge bodies cheap, large enough to dwarf the client's other needs.
 constexpr std::size_t kLimit = std::size_t{16} << 20;
 
-// Peak memory growth allowed during one faulty exchange: twice the limit, as the body's buffer
-// grows by doubling, and 1 MiB for curl's buffers and the headers. AddressSanitizer keeps freed
-// buffers in quarantine and shadows every byte (some five times the limit): there the bound only
-// catches a body kept beyond the limit. ThreadSanitizer's shadow is too large to measure under.
+// Twice the limit (the body's buffer doubles) and 1 MiB for curl; under ASan (quarantine, shadow)
+// only a body kept past the limit shows; TSan's shadow is too large to measure under.
 #if defined(__SANITIZE_THREAD__)
 constexpr std::size_t kPeakBound = 0;
 #elif defined(__SANITIZE_ADDRESS__)
@@ -39,7 +35,6 @@ std::string curlText(std::int32_t curlCode) {
   return errorText(YLErrorCode::kCurlCodeBase + curlCode);
 }
 
-// A field of /proc/self/status in bytes; 0 if missing.
 std::size_t statusBytes(const std::string& field) {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
@@ -48,8 +43,7 @@ std::size_t statusBytes(const std::string& field) {
   return 0;
 }
 
-// The growth of the peak resident set while the function runs. Writing 5 to clear_refs sets the
-// peak back to the current size (Linux 4.0 on); without it nothing can be measured.
+// Writing 5 to clear_refs resets the peak resident set (Linux 4.0 on); without it, no measure.
 std::optional<std::size_t> peakGrowthDuring(const std::function<void()>& run) {
   std::ofstream clear("/proc/self/clear_refs");
   clear << "5" << std::flush;
@@ -60,15 +54,13 @@ std::optional<std::size_t> peakGrowthDuring(const std::function<void()>& run) {
   return peak > before ? peak - before : 0;
 }
 
-// The service's side, Google's: a normal chat reply with the given text.
 std::string normalBody(const std::string& text) {
   return R"~({"candidates":[{"content":{"role":"model","parts":[{"text":")~" + text +
          R"~("}]}}]})~";
 }
 
-// What a faulty exchange comes to: a failure with one of the texts (as good as each other); with
-// no text, a 200 reply without usable JSON; with kRawBytes, the service's normal reply with invalid
-// UTF-8 in its text, passed on as it is.
+// A failure with any of the texts; no text: a 200 without usable JSON; kRawBytes: the reply passed
+// on with its invalid UTF-8 as it is.
 const std::string kInvalidUtf8 = "bad \xff\xfe\xc3( \xed\xa0\x80 end";
 const std::vector<std::string> kRawBytes = {kInvalidUtf8};
 
@@ -76,8 +68,8 @@ struct Fault {
   const char* name;
   std::vector<std::string> texts;
   RawBehaviour behaviour;
-  bool huge = false;            // a body of unbounded size: the memory is measured
-  long totalTimeoutMs = 30000;  // the exchange's whole time limit
+  bool huge = false;  // a body of unbounded size: the memory is measured
+  long totalTimeoutMs = 30000;
 };
 
 std::string head(const std::string& fields) {
@@ -88,9 +80,8 @@ std::string zeros() {
   return std::string(std::size_t{64} * 1024, '0');
 }
 
-// The service's normal reply, its text as given, under a Content-Length that is off by the given
-// amount. The rest of a body longer than announced stays on the connection, where the next reply
-// would follow.
+// A normal reply under a Content-Length off by `off`; the rest of a longer body stays on the
+// connection, where the next reply would follow.
 RawBehaviour normal(const std::string& text, long off = 0) {
   return [body = normalBody(text), off](RawConnection& c, const RawRequest&) {
     const std::string length = std::to_string(static_cast<long>(body.size()) + off);
@@ -164,8 +155,6 @@ std::vector<Fault> faults() {
   };
 }
 
-// What the fault comes to, written as a listing: the reply's text as the one name, or the
-// failure. A failure may have any of the fault's texts, given the one that came.
 Listing expectedOutcome(const Fault& fault, const std::string& came) {
   if (fault.texts == kRawBytes) return {kRawBytes, ""};
   if (fault.texts.empty()) return {{}, "Invalid response: p/v1beta/models/m:generateContent"};
@@ -175,9 +164,7 @@ Listing expectedOutcome(const Fault& fault, const std::string& came) {
 
 class Faults : public ::testing::Test {
  protected:
-  // glibc raises its mmap threshold as large blocks are freed and then keeps freed blocks
-  // resident: a body that grows by doubling would leave every smaller size in the resident set.
-  // A fixed threshold gives every large block a mapping of its own, returned when freed.
+  // A fixed mmap threshold: glibc's rising one would keep every smaller doubling size resident.
   void SetUp() override { mallopt(M_MMAP_THRESHOLD, 128 * 1024); }
   void TearDown() override { QORSetHTTPSettings(saved_); }
 
@@ -220,7 +207,6 @@ TEST_F(Faults, FailCleanlyAndLeaveThePoolUsable) {
     if (fault.huge && growth && kPeakBound != 0) {
       EXPECT_LT(*growth, kPeakBound) << "peak memory growth in bytes";
     }
-    // The next exchange on the same pool gets the service's normal reply.
     expectChat(*assistant, replied("fine"));
   }
 }

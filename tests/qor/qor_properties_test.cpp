@@ -103,29 +103,29 @@ TEST(Properties, DatabaseStructureGoesToTheSharedMemory) {
 }
 
 TEST(Properties, HostsAreNormalisedToTheServicesOwn) {
+  // Trimmed and given https:// in front; an emptied host goes back to the default: the record's,
+  // or the service's on an assistant's live record and on copies of it.
   QORDefaultAssistantMemory memory;
   QORAssistantProperties record(&memory, "api.example.com");
-  const std::pair<const char*, const char*> cases[] = {
-      {"  my.host  ", "https://my.host"},
-      {"HTTP://h", "https://HTTP://h"},
-      {" \t\n", "https://api.example.com"},  // an emptied host goes back to the default
-  };
-  for (const auto& [given, stored] : cases) {
+  for (const auto& [given, stored] : Pairs{{"  my.host  ", "https://my.host"},
+                                           {"HTTP://h", "https://HTTP://h"},
+                                           {" \t\n", "https://api.example.com"}}) {
     QORAssistantProperties copy(record);
     EXPECT_TRUE(copy.setValue("api_host", YLVariant(given)));
     EXPECT_EQ(copy.obtainValue("api_host"), YLVariant(stored)) << given;
   }
   EXPECT_FALSE(record.hasChanged("api_host"));
-
-  // An assistant's default is its service's, on the live record and on copies.
-  EXPECT_EQ(liveRecord(*create(QORAssistantType::OLLAMA, "")).apiHost, "https://localhost:11434");
-  AssistantPtr openai = create(QORAssistantType::OPENAI_v1, "");
-  openai->updateProperties([](IQORProperties* p) { p->setValue("api_host", YLVariant("   ")); });
-  EXPECT_EQ(liveRecord(*openai).apiHost, "https://api.openai.com");
-  PropertiesPtr copy(openai->obtainProperties());
-  copy->setValue("api_host", YLVariant("elsewhere"));
-  copy->setValue("api_host", YLVariant(""));
-  EXPECT_EQ(copy->obtainValue("api_host"), YLVariant("https://api.openai.com"));
+  for (const auto& [type, host] : {std::pair{QORAssistantType::OLLAMA, "https://localhost:11434"},
+                                   {QORAssistantType::OPENAI_v1, "https://api.openai.com"}}) {
+    AssistantPtr assistant = create(type, "");
+    EXPECT_EQ(liveRecord(*assistant).apiHost, host);
+    assistant->updateProperties([](IQORProperties* p) { p->setValue("api_host", YLVariant(" ")); });
+    EXPECT_EQ(liveRecord(*assistant).apiHost, host);
+    PropertiesPtr copy(assistant->obtainProperties());
+    copy->setValue("api_host", YLVariant("elsewhere"));
+    copy->setValue("api_host", YLVariant(""));
+    EXPECT_EQ(copy->obtainValue("api_host"), YLVariant(host));
+  }
 }
 
 TEST(Properties, UpdatesClampTemperaturesPerService) {

@@ -17,7 +17,6 @@
 
 namespace qortest {
 
-// Records the debug assertions raised while it lives.
 class AssertionRecorder {
  public:
   using Report = std::pair<std::string, std::string>;  // condition, source
@@ -27,7 +26,6 @@ class AssertionRecorder {
   AssertionRecorder(const AssertionRecorder&) = delete;
   AssertionRecorder& operator=(const AssertionRecorder&) = delete;
 
-  // The reports so far, and forgets them.
   std::vector<Report> take() { return std::exchange(reports_, {}); }
 
  private:
@@ -53,13 +51,12 @@ using PropertiesPtr = std::unique_ptr<IQORProperties, Free>;
 using Listing = std::pair<std::vector<std::string>, std::string>;
 using Turns = std::vector<std::pair<ChatRole, std::string>>;
 
-// The client's fixed text for an error code, such as an HTTP status without a usable body.
 inline std::string errorText(std::int32_t code) {
   auto* catalogue = YL::obtainAppFactory()->obtainErrorService()->obtainErrorCatalogue();
   return catalogue->obtainErrorRecord(code).text;
 }
 
-// A store of the host's: it records what it is asked for and gives its whole history.
+// Records what it is asked for and gives its whole history.
 class HostMemory final : public IQORAssistantMemory {
  public:
   void setDatabaseStructure(const std::string&) override {}
@@ -76,7 +73,7 @@ class HostMemory final : public IQORAssistantMemory {
     return history;
   }
   std::vector<QORHistoryEntry> history;
-  std::vector<std::string> calls;  // what the assistant asked of the memory, in order
+  std::vector<std::string> calls;
 };
 
 inline AssistantPtr create(QORAssistantType type, const std::string& host,
@@ -98,7 +95,6 @@ inline Turns historyOf(IQORAssistant& assistant) {
   return turns;
 }
 
-// What a chat comes to: the reply's text, or the failure's text.
 struct Outcome {
   bool replied;
   std::string text;
@@ -110,9 +106,7 @@ inline Outcome failed(std::string text) {
   return {false, std::move(text)};
 }
 
-// Sends "q" and checks: a reply is one text section of role 1 and adds the question and the reply
-// to the memory (its stamp is the boundary tests' to check); a failure gives no message and leaves
-// the memory as it was.
+// Sends "q": a reply is one text section of role 1 and adds two turns; a failure adds none.
 inline void expectChat(IQORAssistant& assistant, const Outcome& expected) {
   Turns history = historyOf(assistant);
   auto [message, failure] = chat(assistant, "q");
@@ -128,8 +122,7 @@ inline void expectChat(IQORAssistant& assistant, const Outcome& expected) {
   EXPECT_EQ(historyOf(assistant), history) << "a reply adds two turns, a failure none";
 }
 
-// A table of replies for one path, each answered once, without a retry: a chat checked with
-// expectChat, or a listing.
+// Replies for one path, each answered once without a retry: chats or listings.
 template <typename Expected>
 struct ReplyCase {
   ScriptedReply reply;
@@ -153,9 +146,8 @@ void expectReplies(LoopbackServer& server, IQORAssistant& assistant, const std::
   }
 }
 
-// Each service with a published listing and chat reply of its own, in the order of the type's
-// numbers, and the bodies of its chat requests: "plain" for "q" alone, "full" for "q" after the
-// host's turns ("<turns>"), with the temperature 1.0 and the instructions "Be brief.".
+// Each service, in the order of the type's numbers, with its chat bodies: "plain" for "q" alone,
+// "full" after the host's "<turns>", with the temperature 1.0 and the instructions "Be brief.".
 struct WireService {
   QORAssistantType type;
   const char* name;
@@ -173,7 +165,6 @@ struct WireService {
   friend void PrintTo(const WireService& service, std::ostream* out) { *out << service.name; }
 };
 
-// The chat bodies of the chat-completions family.
 inline constexpr const char* kFamilyPlain =
     R"~({"model":"m","messages":[{"role":"user","content":"q"}]})~";
 inline constexpr const char* kFamilyFull =

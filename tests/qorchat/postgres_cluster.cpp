@@ -38,21 +38,18 @@ std::string tailOf(const std::string& path) {
   return text.substr(text.size() > 2000 ? text.size() - 2000 : 0);
 }
 
-// The folder of initdb and pg_ctl: pg_config's, else that of Debian's postgresql-15.
+// The folder of initdb and pg_ctl, as pg_config names it.
 std::string serverPrograms() {
   char found[512] = "";
   if (FILE* pipe = popen("pg_config --bindir 2>/dev/null", "r")) {
     if (fscanf(pipe, "%511s", found) != 1) found[0] = '\0';
     pclose(pipe);
   }
-  for (const std::string& dir : {std::string(found), std::string("/usr/lib/postgresql/15/bin")}) {
-    if (!dir.empty() && access((dir + "/initdb").c_str(), X_OK) == 0 &&
-        access((dir + "/pg_ctl").c_str(), X_OK) == 0)
-      return dir;
-  }
-  throw std::runtime_error(
-      "the PostgreSQL server programs initdb and pg_ctl are not installed; the tests need "
-      "postgresql-15 (scripts/setup.sh installs it)");
+  if (access((found + std::string("/initdb")).c_str(), X_OK) != 0)
+    throw std::runtime_error(
+        "the PostgreSQL server programs are not installed; the tests need postgresql-15 "
+        "(scripts/setup.sh installs it)");
+  return found;
 }
 
 std::unique_ptr<PGresult, void (*)(PGresult*)> run(const std::string& conninfo,
@@ -87,8 +84,8 @@ PostgresCluster::PostgresCluster() {
   dir_ = (fs::temp_directory_path() / "qorchat-pg-XXXXXX").string();
   if (mkdtemp(dir_.data()) == nullptr)
     throw std::runtime_error("cannot create a folder for the test cluster in " + dir_);
-  const std::string data = dir_ + "/data", log = dir_ + "/setup.log";
-  const std::string serverLog = dir_ + "/server.log";
+  const std::string data = dir_ + "/data", log = dir_ + "/setup.log",
+                    serverLog = dir_ + "/server.log";
   // Its input ends when this process closes it or dies; it ignores the Ctrl-C meant for the tests.
   watchdog_ = popen(
       ("exec >/dev/null 2>&1; trap '' INT QUIT HUP; cat; " + as + shellWord(programs + "/pg_ctl") +

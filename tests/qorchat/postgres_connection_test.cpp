@@ -55,11 +55,8 @@ TEST(PostgresConnection, MessagesLoseThePasswordsRawOrDecodedOnOneLine) {
         "postgresql://u:hunter%zz@h/db", "host=/nowhere password=hunter2 port=x",
         "host=/nowhere password=hunter2"}) {
     const std::string message = qorchat::PostgresDatabase::connect(target).status().message();
-    EXPECT_EQ(message.rfind("cannot connect to PostgreSQL database '" +
-                                qorchat::postgres::masked(target) + "': ",
-                            0),
-              0u)
-        << message;
+    const std::string start = "cannot connect to PostgreSQL database '";
+    EXPECT_EQ(message.rfind(start + qorchat::postgres::masked(target) + "': ", 0), 0u) << message;
     EXPECT_FALSE(has(message, "hunter") || has(message, "\n")) << message;
   }
 }

@@ -147,8 +147,7 @@ TEST_F(QorchatProgram, FailuresGiveOneLineAndTheRightStatus) {
   EXPECT_EQ(run.status, 0);
   EXPECT_TRUE(has(run.out, "--schema-budget") && has(run.out, "OPENAI_API_KEY")) << run.out;
   run = runQorchat({"--version"}, env());
-  EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.out.rfind("qorchat ", 0), 0u) << run.out;
+  EXPECT_TRUE(run.status == 0 && run.out.rfind("qorchat ", 0) == 0) << run.out;
 }
 
 // A conversation through a pipe: commands, history sent along, resumed by the next run even when
@@ -315,10 +314,8 @@ TEST_F(QorchatRun, AFailedStatementShowsTheDatabasesErrorAndCanBeExplained) {
   // along, after the earlier exchange.
   ASSERT_EQ(server_.requestCount(), 2u);
   const std::string body = server_.lastRequest().body;
-  const std::size_t earlier = body.find("List them");
-  ASSERT_NE(earlier, std::string::npos) << body;
-  EXPECT_LT(earlier, body.find("no such column: nosuch"));
-  EXPECT_NE(body.find("no such column: nosuch"), std::string::npos) << body;
+  ASSERT_TRUE(has(body, "List them") && has(body, "no such column: nosuch")) << body;
+  EXPECT_LT(body.find("List them"), body.find("no such column: nosuch"));
   EXPECT_TRUE(has(body, "SELECT nosuch FROM people;"));
 }
 
@@ -371,37 +368,28 @@ TEST_F(QorchatRun, NothingHostileReachesTheTerminal) {
                         "\" TEXT);"
                         "INSERT INTO \"t" +
                         esc + "\" VALUES ('v" + esc + "');");
+  // The model's listing is JSON, as a service sends it: escaped.
+  std::string listing = readWireFile("ollama/models.json");
+  listing.insert(listing.find("\"name\": \"") + 9, "\\u001b]0;x\\u0007\\u009b31m\\u202e");
+  server_.answer("GET", "/api/tags", {200, listing});
   const struct {
     std::string name;
-    std::function<void()> serve;
+    ScriptedReply chat;
     Args args;
     std::string input;
   } paths[] = {
-      {"reply", [&] { reply("Here" + esc); }, args({"--ask", "Hi"}), ""},
-      {"service error",
-       [&] {
-         server_.answer("POST", "/api/chat", {404, "{\"error\": \"no" + esc + "\"}"});
-       },
-       args({"--ask", "Hi"}), ""},
+      {"reply", ollamaReply("Here" + esc), args({"--ask", "Hi"}), ""},
+      {"service error", {404, "{\"error\": \"no" + esc + "\"}"}, args({"--ask", "Hi"}), ""},
       {"database error and cell",
-       [&] { reply("```sql\nSELECT * FROM \"t" + esc + "\";\nSELECT \"x" + esc + "\";\n```"); },
+       ollamaReply("```sql\nSELECT * FROM \"t" + esc + "\";\nSELECT \"x" + esc + "\";\n```"),
        args(), "Go\n/run\n"},
-      {"names in /schema", [] {}, args(), "/schema\n"},
-      {"file name", [] {}, ollama({"--db", (state_.path / ("x" + esc)).string(), "--ask", "Hi"}),
-       ""},
-      {"model names",
-       [&] {
-         // In JSON, as a service would send it: escaped.
-         std::string listing = readWireFile("ollama/models.json");
-         const std::size_t name = listing.find("\"name\": \"") + 9;
-         listing.insert(name, "\\u001b]0;x\\u0007\\u009b31m\\u202e");
-         server_.answer("GET", "/api/tags", {200, listing});
-       },
-       ollama({"--list-models"}), ""},
+      {"names in /schema", {}, args(), "/schema\n"},
+      {"file name", {}, ollama({"--db", (state_.path / ("x" + esc)).string(), "--ask", "Hi"}), ""},
+      {"model names", {}, ollama({"--list-models"}), ""},
   };
   for (const auto& path : paths) {
     SCOPED_TRACE(path.name);
-    path.serve();
+    server_.answer("POST", "/api/chat", path.chat);
     const Outcome run = runQorchat(path.args, env(), path.input);
     const std::string shown = run.out + run.err;
     EXPECT_TRUE(has(shown, "␛")) << shown;
@@ -444,18 +432,8 @@ TEST_F(QorchatProgram, ALargeDatabaseIsScopedToTheQuestionWithinTheBudget) {
   }
   EXPECT_TRUE(lists(printed.out, 0));
   EXPECT_FALSE(lists(printed.out, 1999) || lists(printed.out, 1849));
-  EXPECT_TRUE(has(printed.out, "The database has 2,000 tables and views; the structure lists "));
-  EXPECT_TRUE(has(printed.out, " of them. Ask for others by name."));
-
-  // Everything goes, and nothing is said of a scope, when there is no limit or it fits.
-  for (const char* budget : {"0", "1000000"}) {
-    const Outcome whole = runQorchat(
-        ollama({"--db", database.string(), "--schema-budget", budget, "--print-request", "Hi"}),
-        env());
-    ASSERT_EQ(whole.status, 0) << whole.err;
-    EXPECT_TRUE(lists(whole.out, 1999)) << budget;
-    EXPECT_FALSE(has(whole.out, "Ask for others by name")) << budget;
-  }
+  EXPECT_TRUE(has(printed.out, "The database has 2,000 tables and views; the structure lists ") &&
+              has(printed.out, " of them. Ask for others by name."));
 
   reply("ok");
   const Outcome run = runQorchat(ollama({"--db", database.string(), "--schema-budget", "60000"}),

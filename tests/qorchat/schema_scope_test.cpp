@@ -6,14 +6,7 @@
 
 namespace {
 
-using qorchat::Catalog;
-using qorchat::Column;
-using qorchat::ForeignKey;
-using qorchat::Relation;
-using qorchat::RelationKind;
-using qorchat::SchemaScope;
-using qorchat::Structure;
-using qorchat::structureJson;
+using namespace qorchat;
 using qortest::digestOf;
 using Names = std::vector<std::string>;
 

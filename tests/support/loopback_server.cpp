@@ -34,8 +34,7 @@ void fail(const std::string& what) {
 using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 using CertPtr = std::unique_ptr<X509, decltype(&X509_free)>;
 
-// A P-256 key and a self-signed certificate for 127.0.0.1 and localhost, valid from an hour ago
-// for a day.
+// A P-256 key and a self-signed certificate for 127.0.0.1 and localhost, valid from an hour ago.
 std::pair<KeyPtr, CertPtr> makeCertificate() {
   KeyPtr key(EVP_EC_gen("P-256"), EVP_PKEY_free);
   CertPtr owner(X509_new(), X509_free);
@@ -87,15 +86,13 @@ struct LoopbackServer::Impl {
   std::vector<RecordedRequest> requests;
 
   ~Impl() {
-    {
-      std::lock_guard lock(mutex);
-      stopping = true;
-    }
+    std::unique_lock lock(mutex);
+    stopping = true;
+    lock.unlock();
     stopped.notify_all();
     if (server) server->stop();
     if (thread.joinable()) thread.join();
-    std::error_code ignored;
-    if (!certFile.empty()) std::filesystem::remove(certFile, ignored);
+    if (!certFile.empty()) std::remove(certFile.c_str());
   }
 
   void handle(const httplib::Request& req, httplib::Response& res) {
@@ -112,8 +109,7 @@ struct LoopbackServer::Impl {
     const auto found = replies.find({req.method, req.path});
     const ScriptedReply reply =
         found != replies.end() ? found->second : ScriptedReply{404, "", "text/plain"};
-    // Waits like a slow service, but gives up at once when the test is over so that the
-    // destructor does not wait for a client that has long stopped listening.
+    // Waits like a slow service, but not past the test, so the destructor does not wait too.
     stopped.wait_for(lock, reply.delay, [this] { return stopping; });
     lock.unlock();
     res.status = reply.status;

@@ -1,6 +1,6 @@
 #pragma once
-// A real HTTP(S) service on 127.0.0.1 for tests: it records every request and answers what the
-// test scripted. It runs in the test's process on an ephemeral port and stops with the object.
+// An HTTP(S) service on an ephemeral port of 127.0.0.1 in the test's process, stopping with the
+// object: it records every request and answers what the test scripted.
 
 #include <chrono>
 #include <cstddef>
@@ -38,15 +38,13 @@ class LoopbackServer {
  public:
   enum class Transport { Plain, Tls };
 
-  // Starts listening at once. A TLS server uses a key and a self-signed certificate for
-  // 127.0.0.1 and localhost made for this object.
+  // Starts listening at once; TLS uses a fresh self-signed certificate for 127.0.0.1, localhost.
   explicit LoopbackServer(Transport transport = Transport::Plain);
   ~LoopbackServer();
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
-  // Requests with this method and path get this reply, every time (the last call wins); others
-  // get 404 with an empty body.
+  // Requests with this method and path get this reply (the last call wins); others an empty 404.
   void answer(std::string method, std::string path, ScriptedReply reply);
 
   int port() const { return port_; }
@@ -58,7 +56,6 @@ class LoopbackServer {
   // The last request; fails the test if there was none.
   RecordedRequest lastRequest() const;
   std::size_t requestCount() const { return requests().size(); }
-  // The number of distinct client connections seen so far.
   std::size_t connectionCount() const;
 
  private:

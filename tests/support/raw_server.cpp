@@ -108,11 +108,10 @@ struct RawServer::Impl {
   ~Impl() {
     stopping = true;
     if (acceptor.joinable()) acceptor.join();
-    {
-      std::lock_guard lock(mutex);
-      for (int fd : open)
-        ::shutdown(fd, SHUT_RDWR);
-    }
+    std::unique_lock lock(mutex);
+    for (int fd : open)
+      ::shutdown(fd, SHUT_RDWR);
+    lock.unlock();
     // No worker is added once the acceptor has stopped.
     for (std::thread& worker : workers)
       worker.join();
@@ -208,8 +207,7 @@ std::function<std::string()> endlessGzipOfZeros() {
   auto bits = std::make_shared<Bits>();
   return [bits] {
     std::string out;
-    // Values go in least significant bit first; Huffman codes most significant bit first, so
-    // they are given here with their bits reversed.
+    // Values go in least significant bit first, Huffman codes most: these are given bit-reversed.
     const auto put = [&](std::uint32_t value, int width) {
       bits->pending |= std::uint64_t{value} << bits->count;
       bits->count += width;

@@ -1,8 +1,7 @@
 #pragma once
-// A service on 127.0.0.1 that writes raw bytes, for tests of replies that no proper HTTP server
-// would send: cut off, stalled, endless, oversized, not HTTP at all. Each request takes the next
-// scripted behaviour; once none is left, the fallback answers. It runs in the test's process on an
-// ephemeral port and stops with the object; stopping ends every behaviour that still waits.
+// A service on 127.0.0.1 writing raw bytes no proper HTTP server would: cut off, stalled, endless,
+// oversized, not HTTP. Each request takes the next scripted behaviour, then the fallback. It runs
+// in the test's process on an ephemeral port; stopping with the object ends every behaviour.
 
 #include <atomic>
 #include <cstddef>
@@ -19,18 +18,15 @@ struct RawRequest {
   std::string body;
 };
 
-// One connection, as a behaviour sees it.
 class RawConnection {
  public:
   RawConnection(int fd, const std::atomic<bool>& stopping) : fd_(fd), stopping_(stopping) {}
 
   // Writes all the bytes; false once the peer is gone or the server stops.
   bool send(std::string_view bytes);
-  // Writes what next() gives, again and again, until the peer stops taking it, the server stops
-  // or the total reaches limit bytes; gives the number of bytes written.
+  // Writes next() again and again until the peer or server stops or limit bytes; gives the total.
   std::size_t sendWhileTaken(const std::function<std::string()>& next, std::size_t limit);
-  // Lets the connection serve the next request when the behaviour is done (keep-alive); closed
-  // otherwise.
+  // Keeps the connection for the next request once the behaviour is done; closed otherwise.
   void keepOpen() { keepOpen_ = true; }
 
   bool keptOpen() const { return keepOpen_; }
@@ -67,13 +63,11 @@ class RawServer {
   int port_ = 0;
 };
 
-// A TCP socket bound to an ephemeral port of 127.0.0.1, not yet listening, and that port; -1 when
-// none can be had.
+// A TCP socket bound to an ephemeral port of 127.0.0.1, not yet listening, and that port, or -1.
 int boundLoopbackSocket(int& port);
 
-// A deflate stream in a gzip member that inflates to zeros without end: one literal zero, then
-// matches of 258 bytes at distance 1, each 13 bits on the wire. Each call of the function gives
-// the next piece; the first one starts with the gzip header.
+// A gzip member inflating to endless zeros: a literal zero, then 13-bit matches of 258 bytes at
+// distance 1. Each call gives the next piece; the first starts with the gzip header.
 std::function<std::string()> endlessGzipOfZeros();
 
 }  // namespace qortest

@@ -48,8 +48,7 @@ inline std::unique_ptr<IYLRestClient> makeClient(const YLRestGlobalSettings& set
                                                                           &settings, session));
 }
 
-// One exchange on the given client, or on a new one that is gone when this returns, like a
-// host's would be.
+// One exchange on the given client, or on a new one gone when this returns, as a host's would be.
 inline Exchanged exchange(YLRestRequest& request,
                           const YLRestGlobalSettings& settings = quickSettings(),
                           YLRestSession* session = nullptr, IYLRestClient* kept = nullptr) {
