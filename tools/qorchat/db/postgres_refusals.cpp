@@ -215,6 +215,14 @@ constexpr FunctionRule kFunctions[] = {
     {"pg_copy_", true, kServer},
     {"pg_replication_", true, kServer},
     {"pg_logical_", true, kServer},
+    // They write index pages even in a read-only transaction.
+    {"brin_summarize_", true, kChangesDatabase},
+    {"brin_desummarize_range", false, kChangesDatabase},
+    {"gin_clean_pending_list", false, kChangesDatabase},
+    // A transaction id of its own, or a snapshot that others may take up.
+    {"txid_current", false, kServer},
+    {"pg_current_xact_id", false, kServer},
+    {"pg_export_snapshot", false, kServer},
 };
 
 }  // namespace

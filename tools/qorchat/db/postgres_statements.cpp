@@ -41,40 +41,16 @@ class SplitResult {
   PgQuerySplitResult result_;
 };
 
-// Where the white space and comments (nested ones too) before a statement end.
-std::size_t skipSpaceAndComments(std::string_view sql, std::size_t at) {
-  while (at < sql.size()) {
-    if (text::isSpace(sql[at])) {
-      ++at;
-    } else if (sql.substr(at, 2) == "--") {
-      at = sql.find('\n', at);
-      if (at == std::string_view::npos) return sql.size();
-    } else if (sql.substr(at, 2) == "/*") {
-      int depth = 0;
-      do {
-        if (sql.substr(at, 2) == "/*") {
-          ++depth;
-          at += 2;
-        } else if (sql.substr(at, 2) == "*/") {
-          --depth;
-          at += 2;
-        } else {
-          ++at;
-        }
-      } while (depth > 0 && at < sql.size());
-    } else {
-      break;
-    }
-  }
-  return std::min(at, sql.size());
-}
-
-// The statement the parser placed at location with length (0: to the end of the block), without
-// what comes before its first word, with its semicolon.
+// The statement the parser placed at location with length (0: to the end of the block), with its
+// semicolon: exactly the text the parser judged, so that the server reads the statement it was
+// judged as. Only white space is taken off its ends; comments stay, since cutting them by a rule
+// of our own (where does a -- comment end?) could cut a different statement out of the text.
 std::string_view statementText(std::string_view sql, std::size_t location, std::size_t length) {
   location = std::min(location, sql.size());
   std::size_t end = length > 0 ? std::min(location + length, sql.size()) : sql.size();
-  const std::size_t begin = std::min(skipSpaceAndComments(sql, location), end);
+  std::size_t begin = location;
+  while (begin < end && text::isSpace(sql[begin]))
+    ++begin;
   if (end < sql.size() && sql[end] == ';') return sql.substr(begin, end + 1 - begin);
   while (end > begin && text::isSpace(sql[end - 1]))
     --end;
