@@ -136,6 +136,56 @@ class IQORAssistant : public IQORObject {
   virtual std::pair<IQORMessage*, std::string> addMessage(std::string text) = 0;
 };
 
+// Optional interfaces. The objects the library hands out also implement these; a host that wants
+// one asks with dynamic_cast and gets null from an object that lacks it. A host that never asks
+// sees the library exactly as without them.
+
+// How a reply ended, as the service said.
+enum class QORReplyEnd : std::int32_t {
+  Unknown = 0,      // the service said nothing, or a word the library does not know
+  Complete = 1,     // the model finished its answer
+  LengthLimit = 2,  // cut at the service's length limit (max_tokens and the like)
+  Filtered = 3,     // stopped by the service's content filter or safety check
+};
+
+// Token counts as the service reports them; -1 where it reports none.
+struct QORTokenUsage {
+  std::int64_t inputTokens = -1;
+  std::int64_t outputTokens = -1;
+};
+
+// What a reply says about itself besides its text: messages from addMessage implement it.
+class IQORReplyDetails {
+ public:
+  virtual ~IQORReplyDetails() = default;
+  virtual QORReplyEnd obtainReplyEnd() const = 0;
+  // The service's own word for the end ("stop", "length", "max_tokens", "MAX_TOKENS"...); empty
+  // when it gave none.
+  virtual std::string obtainReplyEndText() const = 0;
+  // The token counts, -1 in a field the service did not report.
+  virtual QORTokenUsage obtainUsage() const = 0;
+};
+
+// One model as the service lists it.
+struct QORModelEntry {
+  std::string name;
+  // Seconds since 1970-01-01 UTC at which the model was made, or -1 when the listing gives none.
+  std::int64_t created = -1;
+  // What the service says the model can do, in its own words (Google's generation methods such
+  // as "generateContent" or "embedContent", Ollama's "completion" or "embedding"); empty when
+  // the listing says nothing.
+  std::vector<std::string> capabilities;
+};
+
+// The whole model listing, undated entries included: assistants implement it.
+class IQORModelCatalogue {
+ public:
+  virtual ~IQORModelCatalogue() = default;
+  // Every model the service lists, in the listing's order, or an empty list and the text of what
+  // failed, as obtainAvailableModels gives it.
+  virtual std::pair<std::vector<QORModelEntry>, std::string> obtainModelCatalogue() = 0;
+};
+
 // The record passed to the host's callback under the key "QORLocalizeString". The host looks up
 // the English sentence at source and copies its translation into translation, NUL-terminated
 // (at most 1023 bytes of text); writing nothing keeps the English.

@@ -11,6 +11,10 @@ namespace qorchat {
 // What a run does besides the conversation, which is the default.
 enum class Mode { Converse, Ask, PrintRequest, ListModels };
 
+// How rows are printed: aligned like psql's (with a vertical view for rows too wide), or for other
+// programs.
+enum class OutputFormat { Table, Csv, Json, Markdown };
+
 struct Options {
   Mode mode = Mode::Converse;
   std::string question;  // for Ask and PrintRequest
@@ -28,6 +32,16 @@ struct Options {
   bool runFirstBlock = false;         // with Ask: run the reply's first SQL block
   long statementTimeoutSeconds = 30;  // for each statement run; 0: no limit
   std::size_t schemaBudget = 120000;  // bytes of digest text the model gets; 0: no limit
+  std::string conversationName;       // --conversation: one of several per database; empty: the
+                                      // default one
+  long maxTokens = 8192;              // Anthropic's max_tokens: a long answer with SQL needs
+                                      // several thousand
+  OutputFormat format = OutputFormat::Table;
+  std::size_t maxRows = 100;         // rows shown of a result; the rest counted
+  std::string nullText = "<null>";   // how a NULL value is shown in a table
+  bool pager = true;                 // long output through $PAGER on a terminal
+  bool timing = false;               // print how long each statement took
+  bool color = true;                 // false with NO_COLOR or --no-color
 };
 
 // Either options to run with, or the status to exit with at once (after --help, --version or a
