@@ -62,8 +62,8 @@ Status App::setUp() {
   if (!database) return database.status();
 
   std::unique_ptr<MemoryStore> memory = openMemory((*database)->identity());
-  QORSetHTTPSettings(httpSettings(options_));
   conversation_ = std::make_unique<Conversation>(options_, *service_, display_);
+  QORSetHTTPSettings(httpSettings(options_, conversation_->requestObserver()));
   return conversation_->start(
       Conversation::Parts{std::move(*database), std::move(memory), std::move(*key)});
 }
@@ -120,8 +120,15 @@ int App::converse() {
   if (const std::size_t resumed = conversation_->resumedEntryCount(); resumed > 0) {
     display_.note("resuming the conversation about " + conversation_->databaseName() + " (" +
                   std::to_string(resumed) + " earlier entries); /reset starts a new one");
+    conversation_->showResumed();
   }
   LineReader reader(interactive, inputHistoryFile_);
+  if (interactive) {
+    conversation_->setConfirm([&reader](const std::string& question) {
+      const std::optional<std::string> answer = reader.readLine(question + " [y/N] ");
+      return answer && (text::trimmed(*answer) == "y" || text::trimmed(*answer) == "yes");
+    });
+  }
   while (true) {
     display_.out().flush();
     const std::optional<std::string> line = reader.readLine(interactive ? "qorchat> " : "");

@@ -3,11 +3,13 @@
 
 #include <array>
 #include <charconv>
+#include <optional>
 #include <ostream>
 #include <system_error>
 
 #include "conversation.h"
 #include "display.h"
+#include "format_names.h"
 #include "text.h"
 
 namespace qorchat {
@@ -27,7 +29,7 @@ bool showModels(Conversation& conversation, Display& display, std::string_view) 
 }
 
 bool model(Conversation& conversation, Display& display, std::string_view name) {
-  if (!name.empty()) conversation.setModel(std::string(name));
+  if (!name.empty() && !conversation.switchModel(std::string(name))) return true;
   display.out() << "model: " << terminalSafe(conversation.model()) << "\n";
   return true;
 }
@@ -46,7 +48,7 @@ bool temperature(Conversation& conversation, Display& display, std::string_view 
   const std::optional<double> now = conversation.temperature();
   display.out() << "temperature: ";
   if (now) {
-    display.out() << *now << "\n";
+    display.out() << text::shortNumber(*now) << "\n";
   } else {
     display.out() << "the service's default\n";
   }
@@ -90,6 +92,79 @@ bool run(Conversation& conversation, Display& display, std::string_view argument
   return true;
 }
 
+bool sql(Conversation& conversation, Display& display, std::string_view statement) {
+  if (statement.empty()) {
+    display.note("write the statement after /sql, e.g. /sql SELECT count(*) FROM orders");
+    return true;
+  }
+  (void)conversation.runSql(std::string(statement));
+  return true;
+}
+
+bool describe(Conversation& conversation, Display& display, std::string_view name) {
+  if (name.empty()) {
+    display.note("name a table or view: /describe orders");
+    return true;
+  }
+  (void)conversation.describe(name);
+  return true;
+}
+
+// The value of a whole-number setting typed after a command; nothing (and a note) when it is not
+// one.
+std::optional<std::size_t> wholeNumber(Display& display, std::string_view value,
+                                       std::string_view example) {
+  std::size_t number = 0;
+  const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+  if (error != std::errc() || end != value.data() + value.size() || number == 0) {
+    display.note("'" + std::string(value) + "' is not a positive whole number: write e.g. " +
+                 std::string(example));
+    return std::nullopt;
+  }
+  return number;
+}
+
+bool limit(Conversation& conversation, Display& display, std::string_view value) {
+  if (!value.empty()) {
+    if (const std::optional<std::size_t> rows = wholeNumber(display, value, "/limit 500"))
+      conversation.maxRows = *rows;
+  }
+  display.out() << "rows shown: at most " << conversation.maxRows << "\n";
+  return true;
+}
+
+bool format(Conversation& conversation, Display& display, std::string_view value) {
+  if (!value.empty()) {
+    const std::optional<OutputFormat> chosen = parseOutputFormat(value);
+    if (!chosen) {
+      display.note("unknown format '" + std::string(value) + "': choose table, csv, json or markdown");
+      return true;
+    }
+    conversation.format = *chosen;
+  }
+  display.out() << "format: " << outputFormatName(conversation.format) << "\n";
+  return true;
+}
+
+bool nullText(Conversation& conversation, Display& display, std::string_view value) {
+  if (!value.empty()) conversation.nullText = std::string(value);
+  display.out() << "NULL is shown as " << terminalSafe(conversation.nullText) << "\n";
+  return true;
+}
+
+bool timing(Conversation& conversation, Display& display, std::string_view value) {
+  if (value.empty()) {
+    conversation.timing = !conversation.timing;
+  } else if (value == "on" || value == "off") {
+    conversation.timing = value == "on";
+  } else {
+    display.note("write /timing, /timing on or /timing off");
+    return true;
+  }
+  display.out() << "Timing is " << (conversation.timing ? "on" : "off") << ".\n";
+  return true;
+}
+
 bool explainError(Conversation& conversation, Display& display, std::string_view) {
   const Status status = conversation.explainError();
   if (status.kind() == Status::Kind::kInvalidInput) display.note(status.message());
@@ -116,7 +191,13 @@ constexpr std::array kCommands{
             "run SQL block N of the last reply (the first by default), read-only", &run},
     Command{"/explain-error", "", "", "ask the model to fix the statement that just failed",
             &explainError},
+    Command{"/sql", "", "STATEMENT", "run your own statement, read-only like the model's", &sql},
+    Command{"/describe", "/d", "NAME", "one table or view as the model sees it", &describe},
     Command{"/schema", "", "", "the database text the model sees, with its size", &schema},
+    Command{"/format", "", "FORMAT", "show rows as table, csv, json or markdown", &format},
+    Command{"/limit", "", "N", "show at most N rows of a result", &limit},
+    Command{"/null", "", "TEXT", "show NULL values as TEXT", &nullText},
+    Command{"/timing", "", "[on|off]", "show how long each statement took", &timing},
     Command{"/reset", "", "", "start a new conversation", &reset},
     Command{"/quit", "/exit", "", "leave (Ctrl-D too)", &quit},
 };

@@ -3,12 +3,18 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
+#include <limits>
 #include <ostream>
 #include <string_view>
 #include <utility>
 
+#include "instructions.h"
+#include "model_choice.h"
 #include "result_table.h"
 #include "setup.h"
+#include "structure_text.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -19,8 +25,8 @@ namespace {
 constexpr const char* kModelPlaceholder = "MODEL";
 // How much of a block or statement its one-line summary shows, in characters.
 constexpr std::size_t kSummaryWidth = 64;
-// The key of the system instruction that says what the structure leaves out.
-constexpr const char* kScopeKey = "scope";
+// How many requests one question may make: the first and the retries of the HTTP settings.
+constexpr int kAttempts = kHttpRetries + 1;
 
 std::string replyText(const IQORMessage& reply) {
   std::string text;
@@ -37,13 +43,56 @@ std::string summary(std::string_view statement) {
 
 }  // namespace
 
+// Counts the requests of the exchange being watched, so that a retry shows on its spinner. The
+// library's request hook calls it on the exchange's own thread.
+struct AttemptCounter {
+  int requests = 0;
+  ExchangeWatch* watch = nullptr;
+};
+
+namespace {
+
+// Points the counter at a watch for the length of one exchange.
+class AttemptLabel {
+ public:
+  AttemptLabel(const std::shared_ptr<AttemptCounter>& counter, ExchangeWatch& watch)
+      : counter_(counter) {
+    counter_->requests = 0;
+    counter_->watch = &watch;
+  }
+  ~AttemptLabel() { counter_->watch = nullptr; }
+  AttemptLabel(const AttemptLabel&) = delete;
+  AttemptLabel& operator=(const AttemptLabel&) = delete;
+
+ private:
+  std::shared_ptr<AttemptCounter> counter_;
+};
+
+}  // namespace
+
+std::function<void()> Conversation::requestObserver() const {
+  return [counter = attempts_] {
+    const int request = ++counter->requests;
+    if (request > 1 && counter->watch != nullptr) {
+      counter->watch->setLabel("retrying: attempt " + std::to_string(request) + " of " +
+                               std::to_string(kAttempts));
+    }
+  };
+}
+
 Conversation::Conversation(const Options& options, const Service& service, Display& display)
     : options_(options),
       service_(service),
       display_(display),
       interactive_(isatty(STDIN_FILENO) != 0),
+      attempts_(std::make_shared<AttemptCounter>()),
       model_(options.model),
-      temperatureSet_(options.temperature.has_value()) {}
+      temperatureSet_(options.temperature.has_value()) {
+  format = options.format;
+  maxRows = options.maxRows;
+  nullText = options.nullText;
+  timing = options.timing;
+}
 
 // The assistant goes first: it borrows the memory.
 Conversation::~Conversation() {
@@ -65,15 +114,21 @@ Status Conversation::start(Parts parts) {
   Result<Structure> structure = database_->describe();
   if (!structure) return structure.status();
   structure_ = std::move(*structure);
+  engine_ = database_->engineDescription();
   scope_ = std::make_unique<SchemaScope>(structure_, options_.schemaBudget);
   assistant_->updateProperties([&](IQORProperties* properties) {
     if (scope_->fitsWhole()) {
       properties->setValue("db_structure", YLVariant(structureJson(structure_)));
-      // A conversation taken up keeps no instruction of an earlier run, but say it plainly.
-      properties->setValue("system_instructions", YLVariant(YLVariantMap{{kScopeKey, ""}}));
+      properties->setValue("system_instructions", YLVariant(systemInstructions(nullptr)));
     }
     if (!options_.model.empty()) properties->setValue("model", YLVariant(options_.model));
     if (options_.temperature) properties->setValue("temperature", YLVariant(*options_.temperature));
+    // Only Anthropic's record has the key; its default of 1024 cuts a long answer with SQL.
+    if (service_.type == QORAssistantType::ANTHROPIC) {
+      properties->setValue("max_tokens",
+                           YLVariant(static_cast<std::int32_t>(std::min<long>(
+                               options_.maxTokens, std::numeric_limits<std::int32_t>::max()))));
+    }
   });
   // Past the budget, even /schema before the first question shows what the history names.
   applyScope("");
@@ -82,6 +137,20 @@ Status Conversation::start(Parts parts) {
 
 std::string Conversation::effectiveHost() const {
   return options_.host.empty() ? std::string(service_.defaultHost) : options_.host;
+}
+
+YLVariantMap Conversation::systemInstructions(const std::vector<bool>* chosen) const {
+  // Every key always, empty when it has nothing to say: a conversation taken up keeps no
+  // instruction of an earlier run, but say it plainly.
+  return YLVariantMap{
+      {kDatabaseInstructionKey, YLVariant(databaseInstruction(engine_))},
+      {kScopeInstructionKey, YLVariant(scopeInstruction_)},
+      {kUniqueKeysInstructionKey, YLVariant(uniqueKeysInstruction(structure_, chosen))},
+  };
+}
+
+std::chrono::milliseconds Conversation::questionDeadline() const {
+  return std::chrono::seconds(options_.timeoutSeconds);
 }
 
 bool Conversation::spinnerWanted() const {
@@ -111,8 +180,7 @@ void Conversation::applyScope(const std::string& question) {
   const std::string json = structureJson(structure_, &choice.chosen);
   assistant_->updateProperties([&](IQORProperties* properties) {
     properties->setValue("db_structure", YLVariant(json));
-    properties->setValue("system_instructions",
-                         YLVariant(YLVariantMap{{kScopeKey, YLVariant(scopeInstruction_)}}));
+    properties->setValue("system_instructions", YLVariant(systemInstructions(&choice.chosen)));
   });
   appliedChoice_ = std::move(choice.chosen);
 }
@@ -157,15 +225,21 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
   std::pair<IQORMessage*, std::string> result;
   const std::uint64_t before = pool_->exchangesEnded();
   bool interrupted = false;
+  bool timedOut = false;
   {
-    ExchangeWatch watch(pool_, spinnerWanted());
+    ExchangeWatch watch(pool_, spinnerWanted(), {}, "waiting for the model", questionDeadline());
+    const AttemptLabel label(attempts_, watch);
     result = assistant_->addMessage(question);
     interrupted = watch.interrupted();
+    timedOut = watch.timedOut();
   }
   const std::unique_ptr<IQORMessage, FreeObject> reply(result.first);
   reportWriteFailure();
   if (!reply) {
-    Status status = failureOf(result.second, before, interrupted);
+    Status status = timedOut ? Status::timedOut("no reply within " +
+                                                std::to_string(options_.timeoutSeconds) +
+                                                " s (--timeout), retries included")
+                             : failureOf(result.second, before, interrupted);
     if (status.kind() == Status::Kind::kCancelled) {
       display_.note("cancelled; the conversation is as it was");
     } else {
@@ -174,7 +248,13 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
     }
     return status;
   }
-  const std::string text = replyText(*reply);
+  showReply(replyText(*reply), listBlocks);
+  noteReplyEnd(*reply);
+  display_.out().flush();
+  return Status::ok();
+}
+
+void Conversation::showReply(const std::string& text, bool listBlocks) {
   if (text::trimmed(text).empty()) {
     display_.out() << "(" << kNoTextReply << ")\n";
   } else {
@@ -182,50 +262,102 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
     display_.out() << "\n";
   }
   blocks_ = SqlBlocks(text);
-  if (listBlocks) {
-    for (std::size_t i = 0; i < blocks_.size(); ++i) {
-      const std::string number = std::to_string(i + 1);
-      display_.out() << "[" << number << "] " << summary(display_.masked(blocks_[i])) << "  (/run "
-                     << number << ")\n";
-    }
+  lastReplyCut_ = false;
+  if (!listBlocks) return;
+  for (std::size_t i = 0; i < blocks_.size(); ++i) {
+    const std::string number = std::to_string(i + 1);
+    display_.out() << "[" << number << "] " << summary(display_.masked(blocks_[i])) << "  (/run "
+                   << number << ")\n";
   }
-  display_.out().flush();
-  return Status::ok();
+}
+
+void Conversation::noteReplyEnd(const IQORMessage& reply) {
+  const auto* details = dynamic_cast<const IQORReplyDetails*>(&reply);
+  if (details == nullptr) return;
+  switch (details->obtainReplyEnd()) {
+    case QORReplyEnd::LengthLimit:
+      lastReplyCut_ = true;
+      display_.warn(std::string("the reply was cut at the service's length limit") +
+                    (service_.type == QORAssistantType::ANTHROPIC
+                         ? "; --max-tokens raises it"
+                         : "; ask for a shorter answer") +
+                    (blocks_.empty() ? "" : ". Its SQL may be incomplete: /run asks first"));
+      break;
+    case QORReplyEnd::Filtered:
+      display_.warn("the service's content filter stopped the reply (" +
+                    details->obtainReplyEndText() + ")");
+      break;
+    case QORReplyEnd::Complete:
+    case QORReplyEnd::Unknown:
+      break;
+  }
 }
 
 Status Conversation::runBlock(std::size_t index) {
+  if (lastReplyCut_) {
+    const std::string question = "The reply was cut off at the length limit, so block " +
+                                 std::to_string(index + 1) + " may be incomplete. Run it anyway?";
+    if (!confirm_ || !confirm_(question)) {
+      display_.note("not run: the reply was cut off" +
+                    std::string(confirm_ ? "" : "; ask again, or raise --max-tokens"));
+      return Status::refused("the reply was cut off");
+    }
+  }
+  return runStatements(blocks_[index], "block " + std::to_string(index + 1));
+}
+
+Status Conversation::runSql(const std::string& sql) {
+  return runStatements(sql, "the statement");
+}
+
+Status Conversation::runStatements(const std::string& sql, std::string_view what) {
   failure_.reset();
   Result<std::vector<StatementResult>> results = std::vector<StatementResult>();
+  const auto began = std::chrono::steady_clock::now();
+  bool interrupted = false;
   {
     ExchangeWatch watch(
         nullptr, spinnerWanted(), [this] { database_->interrupt(); }, "running the statement");
-    results = database_->runReadOnly(blocks_[index], RunLimits{ResultTable::kMaxRows});
+    results = database_->runReadOnly(sql, RunLimits{maxRows});
+    interrupted = watch.interrupted();
   }
+  const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - began;
   if (!results) {
     // A run refused whole (the role may not run it) or a connection that failed: nothing in the
     // statement for the model to fix.
     if (results.status().kind() == Status::Kind::kRefused) {
       display_.note(results.status().message());
+    } else if (interrupted) {
+      display_.note("the statement was stopped (Ctrl-C)");
     } else {
       display_.fail("the database failed", results.status().message());
     }
     return results.status();
   }
   if (results->empty()) {
-    display_.note("block " + std::to_string(index + 1) + " holds no statement");
+    display_.note(std::string(what) + " holds no statement");
     return Status::invalidInput("no statement");
   }
-  for (const StatementResult& result : *results) {
+  for (StatementResult& result : *results) {
+    // The database may report Ctrl-C as its own error ("canceling statement due to user
+    // request"): it is still the user's stop, with nothing to fix.
+    if (!result.status && interrupted)
+      result.status = Status::cancelled(result.status.message());
     if (!result.status) {
       reportStatementFailure(result);
       return result.status;
     }
-    // Several statements: each result says which statement it belongs to.
-    if (results->size() > 1) display_.out() << "-- " << summary(result.statement) << "\n";
-    display_.out() << ResultTable(result).render();
+    printResult(result, results->size() > 1);
   }
+  if (timing) display_.err() << "Time: " << text::milliseconds(took.count()) << "\n";
   display_.out().flush();
   return Status::ok();
+}
+
+void Conversation::printResult(const StatementResult& result, bool labelled) {
+  // Several statements: each result says which statement it belongs to.
+  if (labelled) display_.out() << "-- " << summary(result.statement) << "\n";
+  display_.out() << ResultTable(result).render();
 }
 
 void Conversation::reportStatementFailure(const StatementResult& result) {
@@ -253,7 +385,8 @@ Status Conversation::explainError() {
   }
   // The database's own words and the statement, as the user would have typed them.
   const FailedStatement failed = *failure_;
-  return ask("This statement failed on the database:\n\n```sql\n" + failed.statement +
+  return ask("This statement failed on the " + engine_ + " database:\n\n```sql\n" +
+                 failed.statement +
                  "\n```\n\nThe database's error: " + failed.error +
                  "\n\nExplain the error briefly and give a corrected statement.",
              true);
@@ -267,35 +400,93 @@ void Conversation::reset() {
   applyScope("");
 }
 
-Result<std::vector<std::string>> Conversation::models() {
-  std::pair<std::vector<std::string>, std::string> listing;
+Result<std::vector<QORModelEntry>> Conversation::catalogue() {
+  std::pair<std::vector<QORModelEntry>, std::string> listing;
   const std::uint64_t before = pool_->exchangesEnded();
   bool interrupted = false;
+  bool timedOut = false;
   {
-    ExchangeWatch watch(pool_, spinnerWanted());
-    listing = assistant_->obtainAvailableModels();
+    ExchangeWatch watch(pool_, spinnerWanted(), {}, "listing the models", questionDeadline());
+    const AttemptLabel label(attempts_, watch);
+    if (auto* catalogue = dynamic_cast<IQORModelCatalogue*>(assistant_.get())) {
+      listing = catalogue->obtainModelCatalogue();
+    } else {
+      auto names = assistant_->obtainAvailableModels();
+      for (std::string& name : names.first)
+        listing.first.push_back(QORModelEntry{std::move(name), -1, {}});
+      listing.second = std::move(names.second);
+    }
     interrupted = watch.interrupted();
+    timedOut = watch.timedOut();
   }
   if (listing.second.empty()) return std::move(listing.first);
-  const Status status = failureOf(listing.second, before, interrupted);
+  const Status status =
+      timedOut ? Status::timedOut("no listing within " + std::to_string(options_.timeoutSeconds) +
+                                  " s (--timeout)")
+               : failureOf(listing.second, before, interrupted);
   reportExchangeFailure(display_, "cannot list the models of " + std::string(service_.name), status,
                         service_, effectiveHost());
   return status;
 }
 
+Result<std::vector<std::string>> Conversation::models() {
+  Result<std::vector<QORModelEntry>> entries = catalogue();
+  if (!entries) return entries.status();
+  std::vector<std::string> names;
+  for (QORModelEntry& entry : *entries)
+    names.push_back(std::move(entry.name));
+  return names;
+}
+
 Status Conversation::chooseModel() {
   if (!model_.empty()) return Status::ok();
-  Result<std::vector<std::string>> listed = models();
+  const Result<std::string> folder = stateFolder();
+  if (folder) {
+    if (std::string remembered = rememberedModel(*folder, service_.name); !remembered.empty()) {
+      setModel(remembered);
+      return Status::ok();
+    }
+  }
+  Result<std::vector<QORModelEntry>> listed = catalogue();
   if (!listed) return listed.status();
-  if (listed->empty()) {
-    Status none =
-        Status::service(std::string(service_.name) + " lists no models; pass --model NAME");
+  const std::vector<std::string> chat = chatModels(*listed);
+  if (chat.empty()) {
+    Status none = Status::service(std::string(service_.name) + " lists no chat model" +
+                                  (listed->empty() ? "" : " among its " +
+                                                              std::to_string(listed->size())) +
+                                  "; pass --model NAME");
     display_.note(none.message());
     return none;
   }
-  setModel(listed->front());
-  display_.note("using model " + model_ + " (the first " + std::string(service_.name) +
-                " lists; choose another with --model)");
+  setModel(chat.front());
+  display_.note("using model " + model_ + " (the newest chat model " + std::string(service_.name) +
+                " lists; /models lists the others, /model NAME switches)");
+  remember();
+  return Status::ok();
+}
+
+void Conversation::remember() {
+  // Only a conversation of the user's own remembers: one question or a dry run changes nothing.
+  if (options_.mode != Mode::Converse) return;
+  const Result<std::string> folder = stateFolder();
+  const Status kept = folder ? rememberModel(*folder, service_.name, model_) : folder.status();
+  if (!kept) display_.warn(kept.message() + "; the model is not remembered for the next run");
+}
+
+Status Conversation::switchModel(const std::string& name) {
+  const Result<std::vector<std::string>> listed = models();
+  if (listed && std::find(listed->begin(), listed->end(), name) == listed->end()) {
+    std::string message = std::string(service_.name) + " lists no model '" + name + "'";
+    const std::vector<std::string> near = nearNames(name, *listed);
+    for (std::size_t i = 0; i < near.size(); ++i)
+      message += (i == 0 ? "; did you mean " : i + 1 == near.size() ? " or " : ", ") + near[i];
+    message += near.empty() ? "; /models lists them" : "?";
+    display_.note(message);
+    return Status::invalidInput(message);
+  }
+  if (!listed) display_.warn("the model list could not be read; using '" + name + "' unchecked");
+  setModel(name);
+  remember();
   return Status::ok();
 }
 
@@ -311,39 +502,46 @@ std::optional<double> Conversation::temperature() {
   return properties->obtainValue("temperature").doubleValue();
 }
 
-Status Conversation::setTemperature(double temperature) {
+Status Conversation::setTemperature(double wanted) {
   temperatureSet_ = true;
   assistant_->updateProperties([&](IQORProperties* properties) {
-    properties->setValue("temperature", YLVariant(temperature));
+    properties->setValue("temperature", YLVariant(wanted));
   });
+  // The library brings a value into the service's range; say so rather than change it unseen.
+  if (const std::optional<double> now = temperature(); now && std::abs(*now - wanted) > 1e-9) {
+    display_.warn(std::string(service_.name) + " takes temperatures in a narrower range: using " +
+                  text::shortNumber(*now));
+  }
   return Status::ok();
 }
 
 std::string Conversation::schemaText() {
-  // The text the model sees, put together from the tree the properties hand out: each catalog's
-  // lines, then its schemas' lines, one statement a line.
   const std::unique_ptr<IQORProperties, FreeObject> properties(assistant_->obtainProperties());
-  std::string text;
-  const auto appendLines = [&text](const YLVariantMap& map) {
-    const auto lines = map.find("instructions");
-    if (lines == map.end() || lines->second.listPtr() == nullptr) return;
-    for (const YLVariant& line : *lines->second.listPtr())
-      text += line.stringValue() + "\n";
-  };
-  const YLVariant tree = properties->obtainValue("db_structure");
-  if (const YLVariantList* catalogs = tree.listPtr()) {
-    for (const YLVariant& catalog : *catalogs) {
-      const YLVariantMap* map = catalog.mapPtr();
-      if (map == nullptr) continue;
-      appendLines(*map);
-      const auto schemas = map->find("schemas");
-      if (schemas == map->end() || schemas->second.listPtr() == nullptr) continue;
-      for (const YLVariant& schema : *schemas->second.listPtr()) {
-        if (const YLVariantMap* schemaMap = schema.mapPtr()) appendLines(*schemaMap);
-      }
-    }
+  return treeText(properties->obtainValue("db_structure"));
+}
+
+Status Conversation::describe(std::string_view name) {
+  const std::optional<std::size_t> relation = findRelation(structure_, name);
+  if (!relation) {
+    const Status status = Status::invalidInput("no table or view '" + std::string(name) +
+                                               "': /schema lists what the model sees");
+    display_.note(status.message());
+    return status;
   }
-  return text;
+  display_.showOutside(relationText(structure_, *relation));
+  if (!appliedChoice_.empty() && !appliedChoice_[*relation]) {
+    display_.out() << "-- not in what the model sees now; a question that names it brings it in\n";
+  }
+  return Status::ok();
+}
+
+void Conversation::showResumed() {
+  const std::vector<QORHistoryEntry> history = memory_->obtainHistory(2);
+  if (history.size() < 2 || history[0].role != kChatRoleUser) return;
+  display_.out() << "Last time you asked: ";
+  display_.showOutside(text::oneLine(history[0].text));
+  display_.out() << "\n";
+  showReply(history[1].text, true);
 }
 
 Status Conversation::printRequest(const std::string& question) {

@@ -3,10 +3,13 @@
 // the structure the model sees, the SQL blocks of the last reply and the statement that last
 // failed. Asks, runs, lists and switches models; tells what happened through the display.
 
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "command_line.h"
@@ -20,6 +23,8 @@
 #include "status.h"
 
 namespace qorchat {
+
+struct AttemptCounter;
 
 class Conversation {
  public:
@@ -38,12 +43,18 @@ class Conversation {
   // Creates the assistant and hands it the database's structure, within the budget.
   Status start(Parts parts);
 
+  // Asks the user a yes-or-no question; qorchat takes no for an answer where nobody can be asked.
+  using Confirm = std::function<bool(const std::string& question)>;
+  void setConfirm(Confirm confirm) { confirm_ = std::move(confirm); }
+
   // Sends one question and shows the reply, or what failed. With listBlocks, the reply's SQL
   // blocks are listed after it, numbered for /run.
   Status ask(const std::string& question, bool listBlocks);
   // Runs SQL block index (from 0) of the last reply read-only and shows its rows or the
-  // database's error.
+  // database's error. A block of a reply cut off at the length limit runs only when confirmed.
   Status runBlock(std::size_t index);
+  // Runs the user's own SQL through the same read-only runner.
+  Status runSql(const std::string& sql);
   // Asks the model to fix the statement that last failed.
   Status explainError();
   // Prints the request a question would send, sending nothing.
@@ -53,8 +64,13 @@ class Conversation {
 
   // The service's models, or the failure already reported.
   Result<std::vector<std::string>> models();
-  // The model given, or else the first the service lists; a failure is reported.
+  // The model given, else the one chosen last time for this service, else the newest chat model
+  // the service lists; a failure is reported.
   Status chooseModel();
+  // Called by the HTTP settings' request hook before every request, retries included.
+  std::function<void()> requestObserver() const;
+  // Switches to a model the service lists; a name it doesn't list is refused with the near ones.
+  Status switchModel(const std::string& name);
   void setModel(const std::string& name);
   const std::string& model() const { return model_; }
   // The temperature as the assistant holds it; empty while the service's default applies.
@@ -63,6 +79,17 @@ class Conversation {
 
   // The structure text the model sees, and what it leaves out.
   std::string schemaText();
+  // One table or view as the model sees it, found by name.
+  Status describe(std::string_view name);
+  // Shows the last exchange of a conversation taken up, and numbers its SQL blocks again.
+  void showResumed();
+  const Structure& structure() const { return structure_; }
+
+  // How results are shown: the format, the rows kept, how NULL looks, the time of each run.
+  OutputFormat format = OutputFormat::Table;
+  std::size_t maxRows = 100;
+  std::string nullText;
+  bool timing = false;
   const std::string& scopeInstruction() const { return scopeInstruction_; }
 
   const SqlBlocks& blocks() const { return blocks_; }
@@ -90,17 +117,34 @@ class Conversation {
   void reportStatementFailure(const StatementResult& result);
   bool spinnerWanted() const;
   std::string effectiveHost() const;
+  // The whole listing, undated models included; a failure is reported.
+  Result<std::vector<QORModelEntry>> catalogue();
+  // Keeps the model for this service's next run.
+  void remember();
+  // qorchat's system instructions for the relations chosen (all when null).
+  YLVariantMap systemInstructions(const std::vector<bool>* chosen) const;
+  // Shows a reply and keeps its SQL blocks; with listBlocks, lists them numbered for /run.
+  void showReply(const std::string& text, bool listBlocks);
+  // Tells the user when the reply did not end as a complete answer.
+  void noteReplyEnd(const IQORMessage& reply);
+  Status runStatements(const std::string& sql, std::string_view what);
+  void printResult(const StatementResult& result, bool labelled);
+  std::chrono::milliseconds questionDeadline() const;
 
   const Options& options_;
   const Service& service_;
   Display& display_;
   bool interactive_;
+  std::shared_ptr<AttemptCounter> attempts_;
   std::unique_ptr<Database> database_;
   std::unique_ptr<MemoryStore> memory_;  // outlives the assistant, which only borrows it
   YLHTTPPoolCenter* pool_ = nullptr;     // owned by the assistant
   std::unique_ptr<IQORAssistant, FreeObject> assistant_;
   std::string model_;
   bool temperatureSet_ = false;
+  std::string engine_;  // "PostgreSQL 15.8", "SQLite 3.40.1"
+  Confirm confirm_;
+  bool lastReplyCut_ = false;
 
   // The structure the model sees: whole while it fits the budget, otherwise chosen per question.
   Structure structure_;

@@ -116,13 +116,13 @@ void reportExchangeFailure(Display& display, std::string_view what, const Status
       << ". To chat, either:\n";
   if (service.type == QORAssistantType::OLLAMA) {
     err << "  - start a local Ollama server and pull a model (ollama serve; ollama pull "
-           "llama3.2), or pass --host URL of a running one, or\n";
+           "llama3.2), or pass --host URL of a running one, or\n"
+        << "  - use a hosted service with its key, e.g. OPENAI_API_KEY=... qorchat --service "
+           "openai (qorchat --help lists the key variables).\n";
   } else {
-    err << "  - check the network, --host and --proxy, or\n";
+    err << "  - check the network, --host and --proxy.\n";
   }
-  err << "  - use a hosted service with its key, e.g. OPENAI_API_KEY=... qorchat --service "
-         "openai (qorchat --help lists the key variables).\n"
-      << "  To see what qorchat would send, without any network: qorchat --print-request "
+  err << "  To see what qorchat would send, without any network: qorchat --print-request "
          "\"QUESTION\"\n";
 }
 

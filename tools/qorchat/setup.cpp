@@ -77,12 +77,20 @@ std::string samplePath() {
   return {};
 }
 
-YLRestGlobalSettings httpSettings(const Options& options) {
+YLRestGlobalSettings httpSettings(const Options& options, std::function<void()> onRequest) {
   YLRestGlobalSettings settings;
+  // The whole question, retries included, is bounded by the conversation's own deadline; no
+  // single attempt may take longer either.
   settings.totalTimeoutMs = options.timeoutSeconds * 1000;
   // A dropped connection, a 429 or a 503 is usually gone a moment later; the library waits with
   // backoff and honours Retry-After. Ctrl-C ends a wait at once.
-  settings.maxRetries = 2;
+  settings.maxRetries = kHttpRetries;
+  if (onRequest) {
+    settings.requestHook = [onRequest = std::move(onRequest)](const YLPreparedRequest&) {
+      onRequest();
+      return std::optional<YLStandInReply>();
+    };
+  }
   settings.maxResponseBytes = kMaxReplyBytes;
   settings.proxy = options.proxy;
   settings.caFile = options.caFile;

@@ -2,6 +2,7 @@
 // What a run needs before it can talk to anyone: the service's key, the state folder, the sample
 // database, the HTTP settings every exchange uses.
 
+#include <functional>
 #include <string>
 
 #include "command_line.h"
@@ -27,7 +28,11 @@ std::string samplePath();
 // of models a few hundred.
 inline constexpr std::size_t kMaxReplyBytes = std::size_t{8} * 1024 * 1024;
 
-// The settings of every exchange of this run.
-YLRestGlobalSettings httpSettings(const Options& options);
+// How many times a failed request is sent again.
+inline constexpr int kHttpRetries = 2;
+
+// The settings of every exchange of this run. onRequest runs before every request, retries
+// included, on the exchange's thread.
+YLRestGlobalSettings httpSettings(const Options& options, std::function<void()> onRequest = {});
 
 }  // namespace qorchat

@@ -5,6 +5,8 @@
 #include <wchar.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cstdio>
 
 namespace qorchat::text {
 
@@ -80,6 +82,22 @@ std::string percentDecoded(std::string_view text) {
     }
   }
   return out;
+}
+
+std::string shortNumber(double number) {
+  char buffer[32];
+  const auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, number);
+  return error == std::errc() ? std::string(buffer, end) : std::string("?");
+}
+
+std::string milliseconds(double milliseconds) {
+  char buffer[64];
+  if (milliseconds < 1000) {
+    std::snprintf(buffer, sizeof buffer, "%.3f ms", milliseconds);
+  } else {
+    std::snprintf(buffer, sizeof buffer, "%.3f ms (%.3f s)", milliseconds, milliseconds / 1000);
+  }
+  return buffer;
 }
 
 std::string withSeparators(std::size_t number) {

@@ -23,6 +23,10 @@ void replaceAll(std::string& text, std::string_view from, std::string_view to);
 std::string percentDecoded(std::string_view text);
 // 12345 as "12,345".
 std::string withSeparators(std::size_t number);
+// A number in its shortest form that reads back the same: 0.4, not 0.400000.
+std::string shortNumber(double number);
+// Milliseconds as psql prints a timing: "12.345 ms", and seconds beside it past one.
+std::string milliseconds(double milliseconds);
 char lowerAscii(char c);
 // Equal but for the case of ASCII letters, as SQL identifiers compare.
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
