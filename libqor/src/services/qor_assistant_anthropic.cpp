@@ -14,11 +14,31 @@ constexpr const char* kDefaultHost = "api.anthropic.com";
 constexpr const char* kApiVersion = "2023-06-01";
 constexpr const char* kCreatedAtFormat = "%Y-%m-%dT%H:%M:%SZ";
 
+// How a reply ended: "stop_reason", and the usage's token counts.
+constexpr EndWord kStopReasons[] = {{"end_turn", QORReplyEnd::Complete},
+                                    {"stop_sequence", QORReplyEnd::Complete},
+                                    {"max_tokens", QORReplyEnd::LengthLimit},
+                                    {"refusal", QORReplyEnd::Filtered}};
+
 const ChatRules& chatRules() {
   static const ChatRules rules = {.pathSegments = {"v1", "messages"},
                                   .errorReader = obtainErrorMessage,
-                                  .readReply = QORAssistant_ANTHROPIC::readContentBlocks};
+                                  .readReply = QORAssistant_ANTHROPIC::readContentBlocks,
+                                  .details = {.endKey = "stop_reason",
+                                              .endWords = kStopReasons,
+                                              .usageObject = "usage",
+                                              .inputKey = "input_tokens",
+                                              .outputKey = "output_tokens"}};
   return rules;
+}
+
+// The listing's request and failures; the catalogue reads each model's "created_at" date.
+ListingRules listingRules() {
+  return {.pathSegments = {"v1", "models"},
+          .gate = ListingRules::Gate::ReplyFirst,
+          .errorKey = ListingRules::ErrorKey::AnyType,
+          .errorReader = obtainErrorMessage,
+          .createdKey = "created_at"};
 }
 
 }  // namespace
@@ -35,11 +55,8 @@ QORAssistant_ANTHROPIC::QORAssistant_ANTHROPIC(IYLHTTPPoolCenter* pool, const st
 std::pair<std::vector<std::string>, std::string> QORAssistant_ANTHROPIC::obtainAvailableModels() {
   // Made when the first model is read, once the reply has shown its list.
   std::unique_ptr<YLDateTimeConverter> converter;
-  ListingRules rules = {.pathSegments = {"v1", "models"},
-                        .gate = ListingRules::Gate::ReplyFirst,
-                        .errorKey = ListingRules::ErrorKey::AnyType,
-                        .errorReader = obtainErrorMessage,
-                        .newestFirst = true};
+  ListingRules rules = listingRules();
+  rules.newestFirst = true;
   rules.readItem = [&converter](const YLJsonValue* item, ModelEntry& entry) {
     if (item == nullptr) return false;
     const YLJsonValue* id = member(item, "id", YLJsonValueType::String);
@@ -62,6 +79,10 @@ std::pair<std::vector<std::string>, std::string> QORAssistant_ANTHROPIC::obtainA
     return true;
   };
   return listModels(*this, rules);
+}
+
+std::pair<std::vector<QORModelEntry>, std::string> QORAssistant_ANTHROPIC::obtainModelCatalogue() {
+  return listCatalogue(*this, listingRules());
 }
 
 std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::addMessage(std::string text) {

@@ -13,6 +13,7 @@ class QORAssistant_ANTHROPIC final : public QORAssistant {
 
   std::pair<std::vector<std::string>, std::string> obtainAvailableModels() override;
   std::pair<IQORMessage*, std::string> addMessage(std::string text) override;
+  std::pair<std::vector<QORModelEntry>, std::string> obtainModelCatalogue() override;
 
   // The text of every block of type "text", joined.
   static bool readContentBlocks(const YLJsonValue& reply, std::string& text);

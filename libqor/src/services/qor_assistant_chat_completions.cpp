@@ -21,6 +21,11 @@ QORAssistantChatCompletions::obtainAvailableModels() {
   return listModels(*this, profile_.listing);
 }
 
+std::pair<std::vector<QORModelEntry>, std::string>
+QORAssistantChatCompletions::obtainModelCatalogue() {
+  return listCatalogue(*this, profile_.listing);
+}
+
 std::pair<IQORMessage*, std::string> QORAssistantChatCompletions::addMessage(std::string text) {
   return chat(*this, profile_.chat, text, [this](YLJson& body, const ChatTurn& turn) {
     body.addKeyValue("model")->setStringValue(turn.record.model);

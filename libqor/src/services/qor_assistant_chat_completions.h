@@ -23,6 +23,7 @@ class QORAssistantChatCompletions : public QORAssistant {
 
   std::pair<std::vector<std::string>, std::string> obtainAvailableModels() override;
   std::pair<IQORMessage*, std::string> addMessage(std::string text) override;
+  std::pair<std::vector<QORModelEntry>, std::string> obtainModelCatalogue() override;
 
   std::string apiKey;
 

@@ -15,20 +15,37 @@ void addTextParts(IYLJsonValue* item, std::string_view role, const std::string& 
   item->addKeyValue("parts")->addArrayItem()->addKeyValue("text")->setStringValue(text);
 }
 
+// How a reply ended: the first candidate's "finishReason", and the usage's token counts.
+constexpr EndWord kFinishReasons[] = {
+    {"STOP", QORReplyEnd::Complete},      {"MAX_TOKENS", QORReplyEnd::LengthLimit},
+    {"SAFETY", QORReplyEnd::Filtered},    {"RECITATION", QORReplyEnd::Filtered},
+    {"BLOCKLIST", QORReplyEnd::Filtered}, {"PROHIBITED_CONTENT", QORReplyEnd::Filtered},
+    {"SPII", QORReplyEnd::Filtered}};
+
 }  // namespace
 
 QORAssistant_GOOGLE::QORAssistant_GOOGLE(IYLHTTPPoolCenter* pool, const std::string& host,
                                          const std::string& apiKey, IQORAssistantMemory* memory)
     : QORAssistant(pool, host, memory, kDefaultHost, TemperatureRule::ZeroToTwo), apiKey(apiKey) {}
 
+ListingRules QORAssistant_GOOGLE::listingRules() const {
+  return {.pathSegments = {"v1beta", "models"},
+          .queryParams = {{"key", apiKey}},
+          .gate = ListingRules::Gate::ExchangeFirst,
+          .errorReader = obtainErrorMessage,
+          .arrayKey = "models",
+          .readItem = readModel,
+          .nameKey = "name",
+          .namePrefix = kModelPrefix,
+          .capabilitiesKey = "supportedGenerationMethods"};
+}
+
 std::pair<std::vector<std::string>, std::string> QORAssistant_GOOGLE::obtainAvailableModels() {
-  const ListingRules rules = {.pathSegments = {"v1beta", "models"},
-                              .queryParams = {{"key", apiKey}},
-                              .gate = ListingRules::Gate::ExchangeFirst,
-                              .errorReader = obtainErrorMessage,
-                              .arrayKey = "models",
-                              .readItem = readModel};
-  return listModels(*this, rules);
+  return listModels(*this, listingRules());
+}
+
+std::pair<std::vector<QORModelEntry>, std::string> QORAssistant_GOOGLE::obtainModelCatalogue() {
+  return listCatalogue(*this, listingRules());
 }
 
 std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessage(std::string text) {
@@ -40,7 +57,13 @@ std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessage(std::string
                        model.empty() ? std::string("generateContent") : model + ":generateContent"},
       .queryParams = {{"key", apiKey}},
       .errorReader = obtainErrorMessage,
-      .readReply = readCandidates};
+      .readReply = readCandidates,
+      .details = {.endList = "candidates",
+                  .endKey = "finishReason",
+                  .endWords = kFinishReasons,
+                  .usageObject = "usageMetadata",
+                  .inputKey = "promptTokenCount",
+                  .outputKey = "candidatesTokenCount"}};
   return chat(*this, rules, text, [](YLJson& body, const ChatTurn& turn) {
     if (turn.record.hasChanged("temperature")) {
       body.addKeyValue("generationConfig")

@@ -12,6 +12,7 @@ class QORAssistant_GOOGLE final : public QORAssistant {
 
   std::pair<std::vector<std::string>, std::string> obtainAvailableModels() override;
   std::pair<IQORMessage*, std::string> addMessage(std::string text) override;
+  std::pair<std::vector<QORModelEntry>, std::string> obtainModelCatalogue() override;
 
   // The string at error.message, else empty: this service's raw body is never shown.
   static std::string obtainErrorMessage(const YLRestResourceResponse* response);
@@ -20,4 +21,8 @@ class QORAssistant_GOOGLE final : public QORAssistant {
   static bool readModel(const YLJsonValue* item, QORExchange::ModelEntry& entry);
 
   std::string apiKey;
+
+ private:
+  // The request of the listing and of the catalogue, with the key.
+  QORExchange::ListingRules listingRules() const;
 };

@@ -12,19 +12,30 @@ const ListingRules& listingRules() {
       // A failed listing shows the exchange's text only; the body is not read.
       .gate = ListingRules::Gate::ExchangeFirst,
       .arrayKey = "models",
-      .readItem = [](const YLJsonValue* item, ModelEntry& entry) {
-        const YLJsonValue* name = member(item, "name", YLJsonValueType::String);
-        if (name == nullptr) return false;
-        entry.name = name->obtainStringValue();
-        return true;
-      }};
+      .readItem =
+          [](const YLJsonValue* item, ModelEntry& entry) {
+            const YLJsonValue* name = member(item, "name", YLJsonValueType::String);
+            if (name == nullptr) return false;
+            entry.name = name->obtainStringValue();
+            return true;
+          },
+      .nameKey = "name",
+      .capabilitiesKey = "capabilities"};
   return rules;
 }
+
+// How a reply ended: "done_reason", and the token counts at the top level.
+constexpr EndWord kDoneReasons[] = {{"stop", QORReplyEnd::Complete},
+                                    {"length", QORReplyEnd::LengthLimit}};
 
 const ChatRules& chatRules() {
   static const ChatRules rules = {.pathSegments = {"api", "chat"},
                                   .errorReader = obtainErrorMessage,
-                                  .readReply = QORAssistant_OLLAMA::readMessage};
+                                  .readReply = QORAssistant_OLLAMA::readMessage,
+                                  .details = {.endKey = "done_reason",
+                                              .endWords = kDoneReasons,
+                                              .inputKey = "prompt_eval_count",
+                                              .outputKey = "eval_count"}};
   return rules;
 }
 
@@ -36,6 +47,10 @@ QORAssistant_OLLAMA::QORAssistant_OLLAMA(IYLHTTPPoolCenter* pool, const std::str
 
 std::pair<std::vector<std::string>, std::string> QORAssistant_OLLAMA::obtainAvailableModels() {
   return listModels(*this, listingRules());
+}
+
+std::pair<std::vector<QORModelEntry>, std::string> QORAssistant_OLLAMA::obtainModelCatalogue() {
+  return listCatalogue(*this, listingRules());
 }
 
 std::pair<IQORMessage*, std::string> QORAssistant_OLLAMA::addMessage(std::string text) {

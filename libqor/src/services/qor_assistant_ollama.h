@@ -16,6 +16,7 @@ class QORAssistant_OLLAMA final : public QORAssistant {
 
   std::pair<std::vector<std::string>, std::string> obtainAvailableModels() override;
   std::pair<IQORMessage*, std::string> addMessage(std::string text) override;
+  std::pair<std::vector<QORModelEntry>, std::string> obtainModelCatalogue() override;
 
   static bool readMessage(const YLJsonValue& reply, std::string& text);
 };

@@ -5,6 +5,17 @@ using namespace QORExchange;
 
 namespace {
 
+// How a reply of the family ended: choices[0].finish_reason, and the usage's token counts.
+constexpr EndWord kFinishReasons[] = {{"stop", QORReplyEnd::Complete},
+                                      {"length", QORReplyEnd::LengthLimit},
+                                      {"content_filter", QORReplyEnd::Filtered}};
+constexpr DetailsRules kFamilyDetails = {.endList = "choices",
+                                         .endKey = "finish_reason",
+                                         .endWords = kFinishReasons,
+                                         .usageObject = "usage",
+                                         .inputKey = "prompt_tokens",
+                                         .outputKey = "completion_tokens"};
+
 const QORAssistantChatCompletions::Profile kOpenAI = {
     .defaultHost = "api.openai.com",
     .temperatureRule = QORAssistant::TemperatureRule::ZeroToTwo,
@@ -13,10 +24,12 @@ const QORAssistantChatCompletions::Profile kOpenAI = {
                 .gate = ListingRules::Gate::ReplyFirst,
                 .errorKey = ListingRules::ErrorKey::ObjectWithMessage,
                 .readItem = QORAssistantChatCompletions::readDatedModel,
-                .newestFirst = true},
+                .newestFirst = true,
+                .createdKey = "created"},
     .chat = {.pathSegments = {"v1", "chat", "completions"},
              .errorReader = obtainErrorMessage,
-             .readReply = QORAssistantChatCompletions::readChoices},
+             .readReply = QORAssistantChatCompletions::readChoices,
+             .details = kFamilyDetails},
 };
 
 const QORAssistantChatCompletions::Profile kDeepSeek = {
@@ -26,10 +39,12 @@ const QORAssistantChatCompletions::Profile kDeepSeek = {
     .listing = {.pathSegments = {"models"},
                 .gate = ListingRules::Gate::ExchangeFirst,
                 .errorReader = obtainErrorMessage,
-                .readItem = QORAssistantChatCompletions::readUndatedModel},
+                .readItem = QORAssistantChatCompletions::readUndatedModel,
+                .createdKey = "created"},
     .chat = {.pathSegments = {"chat", "completions"},
              .errorReader = obtainErrorMessage,
-             .readReply = QORAssistantChatCompletions::readChoices},
+             .readReply = QORAssistantChatCompletions::readChoices,
+             .details = kFamilyDetails},
 };
 
 const QORAssistantChatCompletions::Profile kX = {
@@ -41,10 +56,12 @@ const QORAssistantChatCompletions::Profile kX = {
                 .errorKey = ListingRules::ErrorKey::AnyType,
                 .errorReader = QORAssistant_X::obtainErrorMessage,
                 .readItem = QORAssistantChatCompletions::readDatedModel,
-                .newestFirst = true},
+                .newestFirst = true,
+                .createdKey = "created"},
     .chat = {.pathSegments = {"v1", "chat", "completions"},
              .errorReader = QORAssistant_X::obtainErrorMessage,
-             .readReply = QORAssistantChatCompletions::readChoices},
+             .readReply = QORAssistantChatCompletions::readChoices,
+             .details = kFamilyDetails},
 };
 
 const QORAssistantChatCompletions::Profile kAlibaba = {
@@ -56,10 +73,12 @@ const QORAssistantChatCompletions::Profile kAlibaba = {
                 .errorKey = ListingRules::ErrorKey::AnyType,
                 .errorReader = obtainErrorMessage,
                 .readItem = QORAssistantChatCompletions::readDatedModel,
-                .newestFirst = true},
+                .newestFirst = true,
+                .createdKey = "created"},
     .chat = {.pathSegments = {"compatible-mode", "v1", "chat", "completions"},
              .errorReader = obtainErrorMessage,
-             .readReply = QORAssistantChatCompletions::readChoices},
+             .readReply = QORAssistantChatCompletions::readChoices,
+             .details = kFamilyDetails},
 };
 
 }  // namespace

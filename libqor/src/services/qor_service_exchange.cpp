@@ -1,6 +1,8 @@
 #include "qor_service_exchange.h"
 
 #include <algorithm>
+#include <cmath>
+#include <optional>
 
 #include "qor_http.h"
 #include "qor_library.h"
@@ -28,6 +30,118 @@ std::string urlFor(const QORAssistant& assistant, const std::vector<std::string>
 std::string failedExchangeText(ErrorReader reader, const HTTP::Result& result) {
   std::string text = reader != nullptr ? reader(result.first.get()) : std::string();
   return text.empty() ? result.second : text;
+}
+
+// A listing's array of items, or null and the text the listing ends with (empty after a success
+// without usable JSON). The reply the items live in is kept with them.
+struct Listing {
+  HTTP::Result result;
+  const YLJsonValue* items = nullptr;
+  std::string failure{};
+};
+
+Listing fetchListing(QORAssistant& assistant, const ListingRules& rules) {
+  Listing listing{HTTP::Get(assistant.session.get(), urlFor(assistant, rules.pathSegments),
+                            rules.queryParams, YLParamList()),
+                  nullptr, std::string()};
+  const HTTP::Result& result = listing.result;
+  const YLRestResourceResponse& response = *result.first;
+
+  if (rules.gate == ListingRules::Gate::ExchangeFirst) {
+    if (!result.second.empty()) {
+      listing.failure = failedExchangeText(rules.errorReader, result);
+      return listing;
+    }
+    if (!hasUsableJson(response)) {
+      listing.failure = failure(kInvalidResponse, failureTail(Method::Get, rules.pathSegments));
+      return listing;
+    }
+  } else {
+    if (!hasUsableJson(response)) {
+      listing.failure = result.second;
+      return listing;
+    }
+    const YLJsonValue* error = response.responseJson->obtainKeyValue("error");
+    if (error != nullptr) {
+      if (rules.errorKey == ListingRules::ErrorKey::AnyType) {
+        listing.failure = rules.errorReader(&response);
+        return listing;
+      }
+      if (error->obtainType() == YLJsonValueType::Object) {
+        listing.failure = errorMessageOr(response, result.second);
+        return listing;
+      }
+    }
+  }
+
+  listing.items = member(response.responseJson, rules.arrayKey, YLJsonValueType::Array);
+  if (listing.items == nullptr) {
+    listing.failure = failure(kUnsupportedDataFormat, failureTail(Method::Get, rules.pathSegments));
+  }
+  return listing;
+}
+
+// A whole number that a double holds exactly, or nothing.
+std::optional<std::int64_t> wholeNumber(const YLJsonValue* value) {
+  if (value == nullptr || value->obtainType() != YLJsonValueType::Number) return std::nullopt;
+  const double number = value->obtainDoubleValue();
+  constexpr double kExactLimit = 9007199254740992.0;  // 2^53
+  if (!(std::fabs(number) < kExactLimit) || number != std::trunc(number)) return std::nullopt;
+  return static_cast<std::int64_t>(number);
+}
+
+std::int64_t tokenCount(const YLJsonValue* usage, const char* key) {
+  if (key == nullptr) return -1;
+  const std::optional<std::int64_t> count =
+      wholeNumber(member(usage, key, YLJsonValueType::Number));
+  return count.value_or(-1) >= 0 ? *count : -1;
+}
+
+void readDetails(const YLJsonValue& reply, const DetailsRules& rules, QORMessage& message) {
+  const YLJsonValue* ending = &reply;
+  if (rules.endList != nullptr) {
+    const YLJsonValue* list = member(&reply, rules.endList, YLJsonValueType::Array);
+    ending = list != nullptr ? list->obtainArrayItem(0) : nullptr;
+  }
+  const YLJsonValue* word =
+      rules.endKey != nullptr ? member(ending, rules.endKey, YLJsonValueType::String) : nullptr;
+  if (word != nullptr) {
+    message.replyEndText = word->obtainStringValue();
+    for (const EndWord& known : rules.endWords) {
+      if (known.word == message.replyEndText) message.replyEnd = known.end;
+    }
+  }
+  const YLJsonValue* usage = rules.usageObject != nullptr
+                                 ? member(&reply, rules.usageObject, YLJsonValueType::Object)
+                                 : &reply;
+  message.usage = {tokenCount(usage, rules.inputKey), tokenCount(usage, rules.outputKey)};
+}
+
+// Seconds since the epoch from a number, or from UTC text as "2025-02-19T00:00:00Z"; else -1.
+std::int64_t creationTime(const YLJsonValue* value,
+                          std::unique_ptr<YLDateTimeConverter>& converter) {
+  if (value == nullptr || value->obtainType() != YLJsonValueType::String) {
+    return wholeNumber(value).value_or(-1);
+  }
+  const std::unique_ptr<YLDateTime> date(
+      YLDateTime::dateTimeFromString(value->obtainStringValue(), "%Y-%m-%dT%H:%M:%SZ"));
+  if (!date->isValid()) return -1;
+  if (!converter) {
+    converter.reset(YL::obtainAppFactory()->obtainDateTimeFactory()->createDateTimeConverter());
+  }
+  return converter->timestampFromDateTime(date.get(), 0);
+}
+
+std::vector<std::string> capabilitiesOf(const YLJsonValue* item, const char* key) {
+  std::vector<std::string> capabilities;
+  const YLJsonValue* list = key != nullptr ? member(item, key, YLJsonValueType::Array) : nullptr;
+  const std::size_t count = list != nullptr ? list->obtainArraySize() : 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    const YLJsonValue* word = list->obtainArrayItem(i);
+    if (word->obtainType() == YLJsonValueType::String)
+      capabilities.push_back(word->obtainStringValue());
+  }
+  return capabilities;
 }
 
 }  // namespace
@@ -78,33 +192,9 @@ std::vector<QORHistoryEntry> obtainRecentHistory(QORAssistant& assistant) {
 
 std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assistant,
                                                             const ListingRules& rules) {
-  const HTTP::Result result =
-      HTTP::Get(assistant.session.get(), urlFor(assistant, rules.pathSegments), rules.queryParams,
-                YLParamList());
-  const YLRestResourceResponse& response = *result.first;
-
-  if (rules.gate == ListingRules::Gate::ExchangeFirst) {
-    if (!result.second.empty()) return {{}, failedExchangeText(rules.errorReader, result)};
-    if (!hasUsableJson(response)) {
-      return {{}, failure(kInvalidResponse, failureTail(Method::Get, rules.pathSegments))};
-    }
-  } else {
-    if (!hasUsableJson(response)) return {{}, result.second};
-    const YLJsonValue* error = response.responseJson->obtainKeyValue("error");
-    if (error != nullptr) {
-      if (rules.errorKey == ListingRules::ErrorKey::AnyType) {
-        return {{}, rules.errorReader(&response)};
-      }
-      if (error->obtainType() == YLJsonValueType::Object) {
-        return {{}, errorMessageOr(response, result.second)};
-      }
-    }
-  }
-
-  const YLJsonValue* items = member(response.responseJson, rules.arrayKey, YLJsonValueType::Array);
-  if (items == nullptr) {
-    return {{}, failure(kUnsupportedDataFormat, failureTail(Method::Get, rules.pathSegments))};
-  }
+  const Listing listing = fetchListing(assistant, rules);
+  if (listing.items == nullptr) return {{}, listing.failure};
+  const YLJsonValue* items = listing.items;
 
   std::vector<ModelEntry> entries;
   const std::size_t count = items->obtainArraySize();
@@ -124,6 +214,29 @@ std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assist
   for (ModelEntry& entry : entries)
     names.push_back(std::move(entry.name));
   return {std::move(names), std::string()};
+}
+
+std::pair<std::vector<QORModelEntry>, std::string> listCatalogue(QORAssistant& assistant,
+                                                                 const ListingRules& rules) {
+  const Listing listing = fetchListing(assistant, rules);
+  if (listing.items == nullptr) return {{}, listing.failure};
+  std::unique_ptr<YLDateTimeConverter> converter;  // made for the first date
+  std::vector<QORModelEntry> entries;
+  const std::size_t count = listing.items->obtainArraySize();
+  for (std::size_t i = 0; i < count; ++i) {
+    const YLJsonValue* item = listing.items->obtainArrayItem(i);
+    const YLJsonValue* name = member(item, rules.nameKey, YLJsonValueType::String);
+    if (name == nullptr) continue;
+    std::string_view text = name->obtainStringView();
+    if (!rules.namePrefix.empty() && text.starts_with(rules.namePrefix)) {
+      text.remove_prefix(rules.namePrefix.size());
+    }
+    const YLJsonValue* created =
+        rules.createdKey != nullptr ? item->obtainKeyValue(rules.createdKey) : nullptr;
+    entries.push_back({std::string(text), creationTime(created, converter),
+                       capabilitiesOf(item, rules.capabilitiesKey)});
+  }
+  return {std::move(entries), std::string()};
 }
 
 std::pair<IQORMessage*, std::string> chat(QORAssistant& assistant, const ChatRules& rules,
@@ -159,6 +272,7 @@ std::pair<IQORMessage*, std::string> exchangeChat(QORAssistant& assistant, const
   }
 
   std::unique_ptr<QORMessage> message(QORMessage::makeTextReply(reply));
+  readDetails(*response.responseJson, rules.details, *message);
   assistant.memory->addHistoryEntry(kChatRoleUser, text);
   assistant.memory->addHistoryEntry(kChatRoleAssistant, reply);
   return {message.release(), std::string()};

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -53,6 +54,32 @@ struct ListingRules {
   std::function<bool(const YLJsonValue* item, ModelEntry& entry)> readItem{};
   // Newest first by ModelEntry::created, models of equal age in reply order; else reply order.
   bool newestFirst = false;
+
+  // The model catalogue reads every item with a string under nameKey, cut of namePrefix when it
+  // starts with it; the date under createdKey (a number of seconds, or RFC 3339 text in UTC
+  // such as "2025-02-19T00:00:00Z"); the strings of the array under capabilitiesKey. A null key
+  // reads nothing.
+  const char* nameKey = "id";
+  std::string_view namePrefix{};
+  const char* createdKey = nullptr;
+  const char* capabilitiesKey = nullptr;
+};
+
+// A service's word for how a reply ended, and what it means.
+struct EndWord {
+  std::string_view word;
+  QORReplyEnd end;
+};
+
+// Where a reply says how it ended and what it cost. A null key reads nothing; a null container
+// means the top level of the reply. A missing or mistyped field leaves its default.
+struct DetailsRules {
+  const char* endList = nullptr;  // the end is read from the first item of this array
+  const char* endKey = nullptr;
+  std::span<const EndWord> endWords{};  // a word not listed gives QORReplyEnd::Unknown
+  const char* usageObject = nullptr;
+  const char* inputKey = nullptr;
+  const char* outputKey = nullptr;
 };
 
 struct ChatRules {
@@ -61,6 +88,8 @@ struct ChatRules {
   ErrorReader errorReader = nullptr;
   // Reads the reply's text; false when the reply has not the service's shape.
   bool (*readReply)(const YLJsonValue& reply, std::string& text) = nullptr;
+  // Read only after readReply succeeded; never a reason to fail.
+  DetailsRules details{};
 };
 
 // The library's own failure sentence, translated by the host, with its untranslated tail.
@@ -77,6 +106,9 @@ inline constexpr std::string_view kInvalidResponse = "Invalid response";
 
 std::pair<std::vector<std::string>, std::string> listModels(QORAssistant& assistant,
                                                             const ListingRules& rules);
+// The same request and failures as listModels; every item with a name, in the listing's order.
+std::pair<std::vector<QORModelEntry>, std::string> listCatalogue(QORAssistant& assistant,
+                                                                 const ListingRules& rules);
 
 // The shared parts of one chat, handed to the service that composes its body.
 struct ChatTurn {
