@@ -289,13 +289,13 @@ TEST_F(QorchatRun, RunShowsTheRowsOfTheLastReplysBlocks) {
   EXPECT_TRUE(has(
       run.out, "[2] WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n …  (/run 2)\n"))
       << run.out;
-  // Widths by characters from the data, NULL as such, the wide value cut at 40 characters.
-  EXPECT_TRUE(has(run.out, "id | name | note\n---+------+-" + std::string(40, '-') +
-                               "\n1  | Zoë  | NULL\n2  | Bob  | " + std::string(30, 'x') +
-                               repeated("é", 9) + "…\n3  | NULL | short\n(3 rows)\n"))
+  // Through a pipe nothing is cut; NULL as the --null text, numbers to the right.
+  EXPECT_TRUE(has(run.out, "id | name   | note\n---+--------+" + std::string(61, '-') +
+                               "\n 1 | Zoë    | <null>\n 2 | Bob    | " + std::string(30, 'x') +
+                               repeated("é", 30) + "\n 3 | <null> | short\n(3 rows)\n"))
       << run.out;
-  // At most 100 rows, and how many more there were.
-  EXPECT_TRUE(has(run.out, "\n99\n100\n(50 more rows not shown; 150 in all)\n")) << run.out;
+  // At most 100 rows, and how many there were.
+  EXPECT_TRUE(has(run.out, "\n 99\n100\n(first 100 of 150 rows)\n")) << run.out;
   EXPECT_FALSE(has(run.out, "\n101\n"));
   EXPECT_TRUE(has(run.err, "there is no block 3: the last reply has 2 (/run 1 to /run 2)"));
   EXPECT_TRUE(has(run.err, "'x' is not a block number")) << run.err;

@@ -12,6 +12,8 @@
 
 #include "instructions.h"
 #include "model_choice.h"
+#include "output_format.h"
+#include "pager.h"
 #include "result_table.h"
 #include "setup.h"
 #include "structure_text.h"
@@ -338,26 +340,39 @@ Status Conversation::runStatements(const std::string& sql, std::string_view what
     display_.note(std::string(what) + " holds no statement");
     return Status::invalidInput("no statement");
   }
+  std::string shown;
   for (StatementResult& result : *results) {
     // The database may report Ctrl-C as its own error ("canceling statement due to user
     // request"): it is still the user's stop, with nothing to fix.
     if (!result.status && interrupted)
       result.status = Status::cancelled(result.status.message());
     if (!result.status) {
+      showPaged(shown, pagerSettingsForStandardOutput(options_.pager), display_.out(),
+                display_.err());
       reportStatementFailure(result);
       return result.status;
     }
-    printResult(result, results->size() > 1);
+    shown += formatted(result, results->size() > 1);
   }
+  showPaged(shown, pagerSettingsForStandardOutput(options_.pager), display_.out(), display_.err());
   if (timing) display_.err() << "Time: " << text::milliseconds(took.count()) << "\n";
   display_.out().flush();
   return Status::ok();
 }
 
-void Conversation::printResult(const StatementResult& result, bool labelled) {
+std::string Conversation::formatted(const StatementResult& result, bool labelled) const {
+  const std::optional<TerminalSize> terminal = terminalSizeOf(STDOUT_FILENO);
+  const char* noColor = std::getenv("NO_COLOR");
+  const OutputSettings settings{format, nullText, terminal ? terminal->columns : 0,
+                                terminal && options_.color && (noColor == nullptr || !*noColor)};
+  std::string text;
   // Several statements: each result says which statement it belongs to.
-  if (labelled) display_.out() << "-- " << summary(result.statement) << "\n";
-  display_.out() << ResultTable(result).render();
+  if (labelled && format == OutputFormat::Table) text += "-- " + summary(result.statement) + "\n";
+  text += formatResult(result, settings);
+  // Other programs read CSV and JSON whole; the count is for the person watching.
+  if (format == OutputFormat::Csv || format == OutputFormat::Json)
+    display_.err() << rowCountFooter(result) << "\n";
+  return text;
 }
 
 void Conversation::reportStatementFailure(const StatementResult& result) {

@@ -128,7 +128,8 @@ class Conversation {
   // Tells the user when the reply did not end as a complete answer.
   void noteReplyEnd(const IQORMessage& reply);
   Status runStatements(const std::string& sql, std::string_view what);
-  void printResult(const StatementResult& result, bool labelled);
+  // A result in the chosen format, for standard output; a count goes to standard error.
+  std::string formatted(const StatementResult& result, bool labelled) const;
   std::chrono::milliseconds questionDeadline() const;
 
   const Options& options_;
