@@ -20,13 +20,15 @@ using Args = std::vector<std::string>;
 constexpr const char* kKey = "sk-test-4f9a0c1d2e3b";
 
 // A reply of the Ollama service whose text may hold anything: quotes, line breaks, backticks.
-ScriptedReply ollamaReply(const std::string& text, milliseconds delay = milliseconds(0)) {
+ScriptedReply ollamaReply(const std::string& text, milliseconds delay = milliseconds(0),
+                          const std::string& doneReason = "stop") {
   YLJson reply;
   reply.addKeyValue("model")->setStringValue("m");
   IYLJsonValue* message = reply.addKeyValue("message");
   message->addKeyValue("role")->setStringValue("assistant");
   message->addKeyValue("content")->setStringValue(text);
   reply.addKeyValue("done")->setBoolValue(true);
+  reply.addKeyValue("done_reason")->setStringValue(doneReason);
   ScriptedReply scripted{200, reply.obtainJsonString()};
   scripted.delay = delay;
   return scripted;
@@ -89,6 +91,7 @@ TEST_F(QorchatProgram, PrintRequestShowsWhatARealRunSendsForEveryService) {
     EXPECT_EQ(printed.out, "POST " + server_.baseUrl() + sent.path +
                                (query.empty() ? "" : "?" + query) + "\n" + sent.body + "\n");
     EXPECT_TRUE(has(sent.body, "CREATE TABLE `order_items`"));
+    EXPECT_TRUE(has(sent.body, "The database is SQLite 3.")) << sent.body;
     EXPECT_FALSE(has(printed.out + printed.err, kKey));
   }
 }
@@ -104,6 +107,68 @@ TEST_F(QorchatProgram, AskPrintsTheReplyAndTakesTheFirstListedModel) {
   EXPECT_EQ(run.out, "SELECT name FROM customers;\n");
   EXPECT_TRUE(has(run.err, "using model " + first + " ")) << run.err;
   EXPECT_TRUE(has(server_.lastRequest().body, "\"model\":\"" + first + "\""));
+}
+
+// Without --model: the newest chat model, never an embedding one, undated listings included; the
+// choice is remembered, so the next run lists nothing.
+TEST_F(QorchatProgram, TheDefaultModelIsAChatModelAndIsRemembered) {
+  const std::pair<const char*, const char*> listings[] = {
+      {R"({"object":"list","data":[
+          {"id":"text-embedding-3-large","object":"model","created":1705953180},
+          {"id":"gpt-4o","object":"model","created":1715367049},
+          {"id":"omni-moderation-latest","object":"model","created":1731689265}]})",
+       "gpt-4o"},
+      {R"({"object":"list","data":[{"id":"tts-1","object":"model"},{"id":"local-chat"}]})",
+       "local-chat"},
+  };
+  for (const auto& [listing, chosen] : listings) {
+    SCOPED_TRACE(chosen);
+    const TempDir state;
+    auto vars = env({{"OPENAI_API_KEY", kKey}});
+    vars["XDG_STATE_HOME"] = state.path.string();
+    server_.answer("GET", "/v1/models", {200, listing});
+    const Args args{"--service", "openai", "--host", server_.baseUrl()};
+    const Outcome first = runQorchat(args, vars, "/model\n");
+    ASSERT_EQ(first.status, 0) << first.err;
+    EXPECT_TRUE(has(first.out, std::string("model: ") + chosen + "\n")) << first.out;
+    const std::size_t before = server_.requestCount();
+    const Outcome again = runQorchat(args, vars, "/model\n");
+    EXPECT_TRUE(has(again.out, std::string("model: ") + chosen + "\n")) << again.err;
+    EXPECT_EQ(server_.requestCount(), before);
+    // A name the service doesn't list is refused with the near ones.
+    const Outcome typo = runQorchat(args, vars, std::string("/model ") + chosen + "x\n");
+    EXPECT_TRUE(has(typo.err, std::string("did you mean ") + chosen + "?")) << typo.err;
+  }
+}
+
+// --timeout bounds the whole question, retries included, and says it timed out; a service that
+// keeps failing is asked three times in all.
+TEST_F(QorchatProgram, TimeoutBoundsTheWholeQuestionWithItsRetries) {
+  const std::tuple<ScriptedReply, const char*, std::size_t> cases[] = {
+      {ollamaReply("late", milliseconds(8000)), "no reply within 2 s (--timeout)", 1},
+      {{503, R"({"error":"busy"})"}, "busy", 3},
+  };
+  for (const auto& [scripted, message, requests] : cases) {
+    server_.answer("POST", "/api/chat", scripted);
+    const std::size_t before = server_.requestCount();
+    const auto started = std::chrono::steady_clock::now();
+    const Outcome run = runQorchat(ollama({"--timeout", "2", "--ask", "Hi"}), env());
+    EXPECT_LT(std::chrono::steady_clock::now() - started, milliseconds(3500));
+    EXPECT_EQ(run.status, 1);
+    EXPECT_TRUE(has(run.err, message)) << run.err;
+    EXPECT_FALSE(has(run.err, "Nothing answered")) << run.err;
+    EXPECT_EQ(server_.requestCount() - before, requests);
+  }
+}
+
+// A reply cut at the length limit says so, and its SQL is not run without asking.
+TEST_F(QorchatProgram, ACutOffReplyIsFlaggedAndItsSqlNotRun) {
+  server_.answer("POST", "/api/chat",
+                 ollamaReply("```sql\nSELECT name FROM customers WHERE", milliseconds(0), "length"));
+  const Outcome run = runQorchat(ollama({"--ask", "Who?", "--run"}), env());
+  EXPECT_EQ(run.status, 1);
+  EXPECT_TRUE(has(run.err, "the reply was cut at the service's length limit")) << run.err;
+  EXPECT_TRUE(has(run.err, "not run: the reply was cut off")) << run.err;
 }
 
 // Each failure is one line: status 1 when the service says no, 2 for what is wrong before
