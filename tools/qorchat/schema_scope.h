@@ -70,6 +70,7 @@ class SchemaScope {
 
   void indexNames();
   void indexWords();
+  void indexWordsOfRelations();
   void linkForeignKeys();
   // Adds the links a column such as host_id or hostid makes to a table host or hosts.
   void linkByColumnNames(std::vector<std::pair<std::uint32_t, std::uint32_t>>& links) const;
@@ -109,6 +110,9 @@ class SchemaScope {
   std::unordered_map<std::string, std::vector<std::uint32_t>> byKey_;
   std::unordered_map<std::string, std::vector<std::uint32_t>> byColumnKey_;
   std::unordered_map<std::string, std::vector<std::uint32_t>> byGroupWord_;
+  // The beginnings and ends of core keys, three bytes or longer, hashed: a question's phrase finds
+  // the names it starts or ends without a look at every name.
+  std::vector<NameKey> byKeyPart_;
 };
 
 }  // namespace qorchat

@@ -61,6 +61,10 @@ std::size_t wordsFrom(const std::vector<std::string>& words, std::string_view pr
   return words.size() > 1 && (words.front() == prefix || isGenericPrefix(words.front())) ? 1 : 0;
 }
 
+std::uint64_t partHash(std::string_view part) {
+  return std::hash<std::string_view>()(part);
+}
+
 void addOnce(std::vector<std::uint32_t>& ids, std::uint32_t id) {
   if (ids.empty() || ids.back() != id) ids.push_back(id);
 }
@@ -112,6 +116,16 @@ std::vector<Phrase> phrasesOf(std::string_view text) {
 }  // namespace
 
 void SchemaScope::indexWords() {
+  indexWordsOfRelations();
+  std::sort(byKeyPart_.begin(), byKeyPart_.end());
+  byKeyPart_.erase(std::unique(byKeyPart_.begin(), byKeyPart_.end(),
+                               [](const NameKey& a, const NameKey& b) {
+                                 return a.hash == b.hash && a.relation == b.relation;
+                               }),
+                   byKeyPart_.end());
+}
+
+void SchemaScope::indexWordsOfRelations() {
   const std::size_t count = places_.size();
   coreKeys_.resize(count);
   fullKeys_.resize(count);
@@ -140,6 +154,11 @@ void SchemaScope::indexWords() {
     coreKeys_[id] = words::nameKey(nameWords, wordsFrom(nameWords, prefix));
     fullKeys_[id] = words::nameKey(nameWords);
     addOnce(byKey_[coreKeys_[id]], id);
+    const std::string_view core = coreKeys_[id];
+    for (std::size_t length = 3; length < core.size(); ++length) {
+      byKeyPart_.push_back(NameKey{partHash(core.substr(0, length)), id});
+      byKeyPart_.push_back(NameKey{partHash(core.substr(core.size() - length)), id});
+    }
     if (fullKeys_[id] != coreKeys_[id]) addOnce(byKey_[fullKeys_[id]], id);
     for (const std::string& group :
          {words::stem(prefix), words::nameKey(words::splitName(schema.name))}) {
@@ -216,27 +235,25 @@ void SchemaScope::scoreText(std::string_view text, double weight,
     }
   }
 
-  // Parts of names: a phrase inside a name's key, at its start or end, or long enough to mean
-  // something anywhere ("customfield" in objectcustomfieldvalues). A part that many names share
+  // Parts of names: a phrase that begins or ends a name's key. A part that many names share
   // counts less.
   std::vector<std::uint32_t> partial;
   for (const Phrase& phrase : phrases) {
     if (phrase.key.size() < 3) continue;
     partial.clear();
-    for (std::uint32_t id = 0; id < scores.size(); ++id) {
-      const std::string& key = coreKeys_[id];
-      if (key.size() <= phrase.key.size()) continue;
-      const std::size_t at = key.find(phrase.key);
-      if (at == std::string::npos) continue;
-      if (phrase.key.size() < 5 && at != 0 && at + phrase.key.size() != key.size()) continue;
-      partial.push_back(id);
+    const std::uint64_t hash = partHash(phrase.key);
+    for (auto at = std::lower_bound(byKeyPart_.begin(), byKeyPart_.end(), NameKey{hash, 0});
+         at != byKeyPart_.end() && at->hash == hash; ++at) {
+      const std::string_view key = coreKeys_[at->relation];
+      if (key.size() > phrase.key.size() &&
+          (key.substr(0, phrase.key.size()) == phrase.key ||
+           key.substr(key.size() - phrase.key.size()) == phrase.key))
+        partial.push_back(at->relation);
     }
     const double share = std::sqrt(std::max(1.0, static_cast<double>(partial.size()) / 4));
     for (const std::uint32_t id : partial)
-      scores[id] += weight * kNamePart *
-                    std::min(1.0, static_cast<double>(phrase.key.size()) /
-                                      static_cast<double>(coreKeys_[id].size())) /
-                    share;
+      scores[id] += weight * kNamePart * static_cast<double>(phrase.key.size()) /
+                    static_cast<double>(coreKeys_[id].size()) / share;
   }
   for (std::uint32_t id = 0; id < scores.size(); ++id)
     scores[id] += weight * (nameKeys[id] + std::min(columns[id], kColumnsAtMost));
