@@ -69,6 +69,47 @@ void addOnce(std::vector<std::uint32_t>& ids, std::uint32_t id) {
   if (ids.empty() || ids.back() != id) ids.push_back(id);
 }
 
+std::string schemaPrefix(const Schema& schema) {
+  std::vector<std::string_view> names;
+  for (const auto& kind : schema.relations)
+    for (const Relation& each : kind)
+      names.push_back(each.name);
+  return sharedFirstWord(
+      names, [](std::string_view name) { return name; }, 0.5);
+}
+
+std::string columnPrefixOf(const Relation& relation) {
+  return sharedFirstWord(
+      relation.columns, [](const Column& column) { return column.name; }, 0.6);
+}
+
+// Each column's key, with and without the prefix its table's columns share.
+void indexColumns(const Relation& relation, std::uint32_t id,
+                  std::unordered_map<std::string, std::vector<std::uint32_t>>& byColumnKey) {
+  const std::string columnPrefix = columnPrefixOf(relation);
+  for (const Column& column : relation.columns) {
+    const std::vector<std::string> columnWords = words::splitName(column.name);
+    addOnce(byColumnKey[words::nameKey(columnWords)], id);
+    const std::size_t from = wordsFrom(columnWords, columnPrefix);
+    if (from > 0) addOnce(byColumnKey[words::nameKey(columnWords, from)], id);
+  }
+}
+
+// The words of the table a column refers to by its name, or none: host_id, hostid; or a number
+// column named as a table, as rev_page and queue are.
+std::vector<std::string> referenceWords(const Column& column, const std::string& columnPrefix) {
+  std::vector<std::string> columnWords = words::splitName(column.name);
+  if (columnWords.empty()) return {};
+  std::string& last = columnWords.back();
+  const bool endsInId = last.size() >= 2 && last.compare(last.size() - 2, 2, "id") == 0;
+  if (!endsInId && !holdsNumbers(column.type)) return {};
+  if (endsInId) last.resize(last.size() - 2);
+  if (last.empty()) columnWords.pop_back();
+  const std::size_t from = wordsFrom(columnWords, columnPrefix);
+  if (columnWords.size() <= from) return {};
+  return {columnWords.begin() + static_cast<std::ptrdiff_t>(from), columnWords.end()};
+}
+
 // The phrases of a text: each content word's stem, and up to kLongestPhrase adjacent ones run
 // together, with how many words each holds.
 struct Phrase {
@@ -137,12 +178,7 @@ void SchemaScope::indexWordsOfRelations() {
                            places_[id].schema != places_[id - 1].schema;
     const Schema& schema = schemaOf(id);
     if (newSchema) {
-      std::vector<std::string_view> names;
-      for (const auto& kind : schema.relations)
-        for (const Relation& each : kind)
-          names.push_back(each.name);
-      prefix = sharedFirstWord(
-          names, [](std::string_view name) { return name; }, 0.5);
+      prefix = schemaPrefix(schema);
       if (!prefix.empty()) byGroupWord_[words::stem(prefix)];
       if (!schema.name.empty()) byGroupWord_[words::nameKey(words::splitName(schema.name))];
     }
@@ -165,14 +201,7 @@ void SchemaScope::indexWordsOfRelations() {
       const auto found = byGroupWord_.find(group);
       if (!group.empty() && found != byGroupWord_.end()) addOnce(found->second, id);
     }
-    const std::string columnPrefix = sharedFirstWord(
-        named.columns, [](const Column& column) { return column.name; }, 0.6);
-    for (const Column& column : named.columns) {
-      const std::vector<std::string> columnWords = words::splitName(column.name);
-      addOnce(byColumnKey_[words::nameKey(columnWords)], id);
-      const std::size_t from = wordsFrom(columnWords, columnPrefix);
-      if (from > 0) addOnce(byColumnKey_[words::nameKey(columnWords, from)], id);
-    }
+    indexColumns(named, id, byColumnKey_);
   }
 }
 
@@ -187,21 +216,12 @@ void SchemaScope::linkByColumnNames(
   };
   for (std::uint32_t id = 0; id < places_.size(); ++id) {
     const Relation& named = relation(id);
-    const std::string columnPrefix = sharedFirstWord(
-        named.columns, [](const Column& column) { return column.name; }, 0.6);
+    const std::string columnPrefix = columnPrefixOf(named);
     for (const Column& column : named.columns) {
-      std::vector<std::string> columnWords = words::splitName(column.name);
-      if (columnWords.empty()) continue;
-      // host_id, hostid; or a number column named as a table, as rev_page and queue are.
-      std::string& last = columnWords.back();
-      const bool endsInId = last.size() >= 2 && last.compare(last.size() - 2, 2, "id") == 0;
-      if (!endsInId && !holdsNumbers(column.type)) continue;
-      if (endsInId) last.resize(last.size() - 2);
-      if (last.empty()) columnWords.pop_back();
-      const std::size_t from = wordsFrom(columnWords, columnPrefix);
-      if (columnWords.size() <= from) continue;
-      link(id, words::nameKey(columnWords, from));
-      if (columnWords.size() > from + 1) link(id, words::stem(columnWords.back()));
+      const std::vector<std::string> reference = referenceWords(column, columnPrefix);
+      if (reference.empty()) continue;
+      link(id, words::nameKey(reference));
+      if (reference.size() > 1) link(id, words::stem(reference.back()));
     }
   }
 }
