@@ -2,6 +2,8 @@
 // text the library really makes of the chosen structure.
 #include "schema_scope.h"
 
+#include <algorithm>
+
 #include "helpers.h"
 
 namespace {
@@ -111,6 +113,67 @@ TEST(SchemaScope, NamedTablesComeFirstThenTheirNeighboursThenTheRest) {
   EXPECT_EQ(listedIn(structure, both), (Names{"z4", "z5", "z9"}));
   EXPECT_EQ(both.listed, 3u);
   EXPECT_EQ(both.total, 20u);
+}
+
+// Fillers first, so that creation order alone would choose them; then tables that only a rule of
+// the ranking finds.
+Structure applications() {
+  Structure structure;
+  auto& tables = structure.catalogs.emplace_back(Catalog{"main", {}})
+                     .schemas.emplace_back()
+                     .relations[static_cast<int>(RelationKind::kTable)];
+  for (int i = 0; i < 6; ++i)
+    tables.push_back(table("filler" + std::to_string(i), {{"id", "TEXT"}}));
+  tables.push_back(table("page", {{"page_id", "INTEGER"}, {"page_title", "TEXT"}}));
+  tables.push_back(table("category", {{"cat_title", "TEXT"}}));
+  tables.push_back(table("statuses", {{"code", "INTEGER"}}));
+  tables.push_back(table("app_alerts", {{"raised", "TEXT"}}));
+  tables.push_back(table("OrderItems", {{"sku", "TEXT"}}));
+  tables.push_back(table("radacct", {{"username", "TEXT"}, {"acctstarttime", "TEXT"}}));
+  tables.push_back(table("hosts", {{"id", "INTEGER"}}));
+  tables.push_back(table("checks", {{"hostid", "INTEGER"}, {"result", "TEXT"}}));
+  tables.push_back(table("revision", {{"rev_page", "INTEGER"}, {"rev_note", "TEXT"}}));
+  tables.push_back(table("mon_a", {{"x", "TEXT"}}));
+  tables.push_back(table("mon_b", {{"x", "TEXT"}}));
+  return structure;
+}
+
+TEST(SchemaScope, RanksByTheWordsOfNamesAndColumnsThenNeighboursThenWhatIsNear) {
+  const Structure structure = applications();
+  const DigestSizes sizes = measureDigest(structure);
+  const std::vector<RelationPlace> places = relationPlaces(structure);
+  const auto lineOf = [&](const std::string& name) {
+    for (std::size_t i = 0; i < places.size(); ++i)
+      if (relationAt(structure, places[i]).name == name) return sizes.relationLines[i];
+    return std::size_t{0};
+  };
+  struct Case {
+    const char* question;
+    Names expected;  // exactly what fits a budget of their lines
+  };
+  const Case cases[] = {
+      {"How many pages are there?", {"page"}},
+      {"list all categories", {"category"}},
+      {"which status codes exist", {"statuses"}},
+      {"show the alerts raised today", {"app_alerts"}},
+      {"the order items of last week", {"OrderItems"}},
+      {"acctstarttime of username joe", {"radacct"}},
+      // Neighbours by column name: hostid and rev_page point to hosts and page.
+      {"failed checks", {"checks", "hosts"}},
+      {"the latest revision", {"page", "revision"}},
+      // What is near comes before the rest: the same name prefix.
+      {"mon_a", {"mon_a", "mon_b"}},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.question);
+    std::size_t budget = sizes.catalogLines[0];
+    for (const std::string& name : each.expected)
+      budget += lineOf(name);
+    const SchemaScope scope(structure, budget);
+    Names listed = listedIn(structure, scope.choose({each.question}));
+    std::sort(listed.begin(), listed.end());
+    EXPECT_EQ(listed, each.expected);
+  }
 }
 
 TEST(SchemaScope, TheInstructionGivesBothCounts) {

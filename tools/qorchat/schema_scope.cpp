@@ -2,12 +2,14 @@
 #include "schema_scope.h"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 #include <memory>
 #include <utility>
 
 #include "qor.h"
 #include "text.h"
+#include "word_forms.h"
 
 namespace qorchat {
 namespace {
@@ -207,6 +209,7 @@ SchemaScope::SchemaScope(const Structure& structure, std::size_t budget)
   fitsWhole_ = sizes_.total <= budget_;
   if (fitsWhole_) return;
   indexNames();
+  indexWords();
   linkForeignKeys();
 }
 
@@ -270,6 +273,9 @@ void SchemaScope::linkForeignKeys() {
     }
   }
 
+  linkByColumnNames(links);
+  std::sort(links.begin(), links.end());
+  links.erase(std::unique(links.begin(), links.end()), links.end());
   neighbourStart_.assign(places_.size() + 1, 0);
   for (const auto& [from, to] : links) {
     ++neighbourStart_[from + 1];
@@ -326,6 +332,10 @@ void SchemaScope::findNames(std::string_view text, Found&& found) const {
   }
 }
 
+void SchemaScope::addNamed(std::string_view text, double worth, std::vector<double>& scores) const {
+  findNames(text, [&](std::uint32_t id) { scores[id] += worth; });
+}
+
 SchemaScope::Choice SchemaScope::choose(const std::vector<std::string_view>& texts) const {
   Choice choice;
   choice.total = places_.size();
@@ -336,28 +346,16 @@ SchemaScope::Choice SchemaScope::choose(const std::vector<std::string_view>& tex
     return choice;
   }
 
-  // The named relations in the order they were named, then their neighbours, breadth first.
-  std::vector<char> queued(places_.size(), 0);
-  std::vector<std::uint32_t> order;
-  for (const std::string_view text : texts) {
-    findNames(text, [&](std::uint32_t id) {
-      if (queued[id] != 0) return;
-      queued[id] = 1;
-      order.push_back(id);
-    });
-  }
-  for (std::size_t head = 0; head < order.size(); ++head) {
-    const std::uint32_t id = order[head];
-    for (std::uint32_t n = neighbourStart_[id]; n < neighbourStart_[id + 1]; ++n) {
-      const std::uint32_t neighbour = neighbours_[n];
-      if (queued[neighbour] != 0) continue;
-      queued[neighbour] = 1;
-      order.push_back(neighbour);
-    }
-  }
+  // The relations by score, best first; among equals, in their order.
+  const std::vector<double> scores = score(texts);
+  std::vector<std::uint32_t> order(places_.size());
+  for (std::uint32_t id = 0; id < order.size(); ++id)
+    order[id] = id;
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::uint32_t a, std::uint32_t b) { return scores[a] > scores[b]; });
 
-  // What fits, in that order, then the rest in theirs. A relation too large for what is left
-  // makes way for smaller ones after it.
+  // What fits, in that order. A relation too large for what is left makes way for smaller ones
+  // after it.
   choice.chosen.assign(places_.size(), false);
   std::vector<char> catalogListed(structure_.catalogs.size(), 0);
   std::size_t used = 0;
@@ -374,10 +372,6 @@ SchemaScope::Choice SchemaScope::choose(const std::vector<std::string_view>& tex
   for (const std::uint32_t id : order) {
     if (budget_ - used < smallestLine_) break;
     offer(id);
-  }
-  for (std::uint32_t id = 0; id < places_.size(); ++id) {
-    if (budget_ - used < smallestLine_) break;
-    if (queued[id] == 0) offer(id);
   }
   choice.digestBytes = used;
   return choice;

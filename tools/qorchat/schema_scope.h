@@ -1,8 +1,10 @@
 #pragma once
 // Keeps the structure the model sees within a budget of structure-text bytes. While the whole
-// structure fits, it goes untouched. Past the budget, each question gets a choice: the tables and
-// views it and the recent history name, then their foreign-key neighbours (both directions,
-// breadth first), then the rest in their order, as long as they fit.
+// structure fits, it goes untouched. Past the budget, each question ranks the tables and views:
+// those it and the recent history name (exactly, or by the words of the name in any form: plural,
+// CamelCase, behind an application's prefix, split over adjacent words), those whose columns it
+// names, then their neighbours by foreign key or by a column such as host_id, then what is near
+// them (same schema, same name prefix). The budget takes them in that order, then the rest.
 //
 // The sizes are the library's own: the structure is handed once to a scratch assistant, and the
 // line of each catalog and object is read back from the tree of lines it makes. Nothing here
@@ -12,6 +14,8 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "db/structure.h"
@@ -65,7 +69,16 @@ class SchemaScope {
   };
 
   void indexNames();
+  void indexWords();
+  void indexWordsOfRelations();
   void linkForeignKeys();
+  // Adds the links a column such as host_id or hostid makes to a table host or hosts.
+  void linkByColumnNames(std::vector<std::pair<std::uint32_t, std::uint32_t>>& links) const;
+  // Each relation's score for the texts: what they name, then neighbours and what is near.
+  std::vector<double> score(const std::vector<std::string_view>& texts) const;
+  // Adds worth to every relation the text names exactly.
+  void addNamed(std::string_view text, double worth, std::vector<double>& scores) const;
+  void scoreText(std::string_view text, double weight, std::vector<double>& scores) const;
   const Relation& relation(std::uint32_t id) const { return relationAt(structure_, places_[id]); }
   const Schema& schemaOf(std::uint32_t id) const;
   // Calls found(relation) for every relation the text names, in the order of the text.
@@ -85,6 +98,21 @@ class SchemaScope {
   // neighbourStart_[i + 1]).
   std::vector<std::uint32_t> neighbourStart_;
   std::vector<std::uint32_t> neighbours_;
+  // By relation: the stems of its name run together, without and with an application's prefix
+  // ("icinga_hosts": "host", "icingahost"); its schema, counted over the whole structure; and the
+  // first word of its name.
+  std::vector<std::string> coreKeys_;
+  std::vector<std::string> fullKeys_;
+  std::vector<std::uint32_t> schemaIndex_;
+  std::vector<std::string> firstWords_;
+  // Name keys (core and full) and column keys to the relations that have them; schema names and
+  // application prefixes to their relations.
+  std::unordered_map<std::string, std::vector<std::uint32_t>> byKey_;
+  std::unordered_map<std::string, std::vector<std::uint32_t>> byColumnKey_;
+  std::unordered_map<std::string, std::vector<std::uint32_t>> byGroupWord_;
+  // The beginnings and ends of core keys, three bytes or longer, hashed: a question's phrase finds
+  // the names it starts or ends without a look at every name.
+  std::vector<NameKey> byKeyPart_;
 };
 
 }  // namespace qorchat
