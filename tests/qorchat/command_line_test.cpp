@@ -68,6 +68,7 @@ TEST(CommandLine, RefusesBadInputWithOneLine) {
   const std::vector<Case> cases{
       {{"--temperature", "5"}, "", "out of range: give 0 to 2"},
       {{"--db", ""}, "", "--db is empty: give a file or a connection string"},
+      {{"--db=", "--ask", "hi"}, "", "--db is empty"},
       {{"--max-rows", "0"}, "", "--max-rows"},
       {{"--format", "xml"}, "", "--format"},
       {{"--config", "/nonexistent/qorchat.toml"},

@@ -329,6 +329,14 @@ CommandLine parseCommandLine(int argc, const char* const* argv, std::ostream& ou
   addOutputOptions(app, options);
   addModeOptions(app, options, extras);
 
+  // CLI11 reads "--db=" as --db waiting for a value, and would take the next argument.
+  for (int i = 1; i < argc; ++i) {
+    if (std::string_view(argv[i]) == "--db=") {
+      err << "qorchat: --db is empty: give a file or a connection string\n";
+      result.exitStatus = kUsageError;
+      return result;
+    }
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
