@@ -148,4 +148,12 @@ done
 "$prefix/bin/qorchat" --print-request "Which customers never ordered?" 2>/dev/null |
   grep -q 'CREATE TABLE `order_items`' || fail "installed qorchat cannot read its sample"
 
+# qorchat's manual page and shell completions land where man, bash-completion and zsh look.
+[ -f "$prefix/share/man/man1/qorchat.1" ] || fail "the manual page is not installed"
+man --warnings -l "$prefix/share/man/man1/qorchat.1" 2>&1 >/dev/null | { ! grep .; } ||
+  fail "the manual page has warnings"
+[ -f "$prefix/share/bash-completion/completions/qorchat" ] || fail "the bash completion is not installed"
+[ -f "$prefix/share/zsh/site-functions/_qorchat" ] || fail "the zsh completion is not installed"
+bash -n "$prefix/share/bash-completion/completions/qorchat" || fail "the bash completion does not parse"
+
 echo "install check passed"

@@ -1,18 +1,40 @@
 #!/usr/bin/env bash
-# Installs every Debian package that building and testing need. Idempotent, no input, run as root.
+# Installs the Debian packages that building and running qorchat need; with --tests, also those of
+# the tests, benchmarks, sanitizer and fuzz builds and the lint. Idempotent, run as root.
+#   usage: scripts/setup.sh [--tests]
 set -euo pipefail
 
+tests=false
+case "${1:-}" in
+"") ;;
+--tests) tests=true ;;
+*)
+  echo "usage: $0 [--tests]" >&2
+  exit 2
+  ;;
+esac
+
+# The compiler and build tools, libcurl and RapidJSON under the library, CLI11, libedit, SQLite
+# (and its shell, which builds the sample), libpq and PostgreSQL's parser under qorchat, and the
+# certificates HTTPS needs.
 packages=(
-  build-essential cmake ninja-build pkg-config git clang-format
-  libcurl4-openssl-dev libssl-dev zlib1g-dev libbrotli-dev
-  rapidjson-dev
-  libgtest-dev libgmock-dev libcpp-httplib-dev libbenchmark-dev
-  openssl ca-certificates locales
-  libcli11-dev libedit-dev libsqlite3-dev sqlite3 tmux
-  libpq-dev postgresql-15 libpg-query-dev
-  clang-14 libclang-rt-14-dev clang-format-14 clang-tidy-14
-  libsimdjson-dev
+  build-essential cmake ninja-build pkg-config
+  libcurl4-openssl-dev rapidjson-dev ca-certificates
+  libcli11-dev libedit-dev libsqlite3-dev sqlite3
+  libpq-dev libpg-query-dev
 )
+# GoogleTest and a real HTTP(S) server for the tests (with openssl to make certificates), Google
+# Benchmark and simdjson for the benchmarks, a throwaway PostgreSQL cluster, clang-14 and its
+# sanitizer and fuzzer runtime, the lint, tmux to drive the real program, man to check the manual
+# page, and locales.
+test_packages=(
+  git openssl locales tmux man-db
+  libgtest-dev libgmock-dev libcpp-httplib-dev libssl-dev zlib1g-dev libbrotli-dev
+  libbenchmark-dev libsimdjson-dev
+  postgresql-15
+  clang-14 libclang-rt-14-dev clang-format clang-format-14 clang-tidy-14
+)
+if $tests; then packages+=("${test_packages[@]}"); fi
 
 missing=()
 for p in "${packages[@]}"; do
@@ -26,7 +48,7 @@ if ((${#missing[@]})); then
 fi
 
 # A comma-decimal locale, so that the tests can show numbers are written the same under it.
-if ! locale -a 2>/dev/null | grep -qi '^de_DE\.utf-\?8$'; then
+if $tests && ! locale -a 2>/dev/null | grep -qi '^de_DE\.utf-\?8$'; then
   sed -i 's/^# *de_DE.UTF-8 UTF-8/de_DE.UTF-8 UTF-8/' /etc/locale.gen
   grep -q '^de_DE.UTF-8 UTF-8' /etc/locale.gen || echo 'de_DE.UTF-8 UTF-8' >>/etc/locale.gen
   locale-gen >/dev/null

@@ -37,11 +37,11 @@ struct Options {
   long maxTokens = 8192;              // Anthropic's max_tokens: a long answer with SQL needs
                                       // several thousand
   OutputFormat format = OutputFormat::Table;
-  std::size_t maxRows = 100;         // rows shown of a result; the rest counted
-  std::string nullText = "<null>";   // how a NULL value is shown in a table
-  bool pager = true;                 // long output through $PAGER on a terminal
-  bool timing = false;               // print how long each statement took
-  bool color = true;                 // false with NO_COLOR or --no-color
+  std::size_t maxRows = 100;        // rows shown of a result; the rest counted
+  std::string nullText = "<null>";  // how a NULL value is shown in a table
+  bool pager = true;                // long output through $PAGER on a terminal
+  bool timing = false;              // print how long each statement took
+  bool color = true;                // false with NO_COLOR or --no-color
 };
 
 // Either options to run with, or the status to exit with at once (after --help, --version or a
@@ -57,5 +57,19 @@ CommandLine parseCommandLine(int argc, const char* const* argv, std::ostream& ou
 // True for an http:// or https:// URL with a host, or a bare host[:port] (which the library
 // reaches over HTTPS).
 bool looksLikeHostUrl(const std::string& text);
+
+// A --host as the library wants it, and a line telling the user what was changed, if anything.
+struct NormalisedHost {
+  std::string host;
+  std::optional<std::string> note;
+};
+
+// Drops a trailing /v1 (the library adds its own path), and gives a bare host[:port] on a loopback
+// or private address http://, since the library would try HTTPS. Other hosts are kept as they are.
+NormalisedHost normaliseHost(const std::string& host);
+
+// The config file read when --config is absent: $XDG_CONFIG_HOME/qorchat/config.toml, or
+// ~/.config/qorchat/config.toml; empty when neither variable is set.
+std::string defaultConfigPath();
 
 }  // namespace qorchat

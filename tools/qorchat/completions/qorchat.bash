@@ -1,0 +1,34 @@
+# bash completion for qorchat: its options, --service names, --format values, and files where an
+# option takes a file.
+
+_qorchat() {
+  local cur prev
+  cur=${COMP_WORDS[COMP_CWORD]}
+  prev=${COMP_WORDS[COMP_CWORD - 1]}
+  case $prev in
+  --service)
+    mapfile -t COMPREPLY < <(compgen -W 'openai google deepseek ollama x anthropic alibaba' -- "$cur")
+    return
+    ;;
+  --format)
+    mapfile -t COMPREPLY < <(compgen -W 'table csv json markdown' -- "$cur")
+    return
+    ;;
+  --db | --config | --api-key-file | --ca-file)
+    compopt -o filenames 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+    return
+    ;;
+  --host | --model | --temperature | --max-tokens | --timeout | --proxy | --ask | \
+    --print-request | --statement-timeout | --schema-budget | --conversation | --max-rows | --null)
+    return
+    ;;
+  esac
+  if [[ $cur == -* ]]; then
+    mapfile -t COMPREPLY < <(compgen -W '--help --version --config --db --statement-timeout
+      --schema-budget --conversation --no-history --service --host --model --temperature
+      --max-tokens --timeout --proxy --ca-file --api-key-file --format --max-rows --null
+      --no-pager --timing --no-color --ask --print-request --list-models --run' -- "$cur")
+  fi
+}
+complete -F _qorchat qorchat
