@@ -38,7 +38,9 @@ class QorchatProgram : public ::testing::Test {
  protected:
   // The test's own state folder and no key of the developer's, under these variables.
   std::map<std::string, std::string> env(std::map<std::string, std::string> vars = {}) const {
-    vars.insert({{"XDG_STATE_HOME", state_.path.string()}, {"HOME", state_.path.string()}});
+    vars.insert({{"XDG_STATE_HOME", state_.path.string()},
+                 {"XDG_CONFIG_HOME", state_.path.string()},
+                 {"HOME", state_.path.string()}});
     for (const char* name : {"OPENAI_API_KEY", "GEMINI_API_KEY", "DEEPSEEK_API_KEY", "XAI_API_KEY",
                              "ANTHROPIC_API_KEY", "DASHSCOPE_API_KEY"}) {
       vars.insert({name, ""});
