@@ -17,7 +17,8 @@ using Lines = std::vector<std::string>;
 
 // Where the engines' words differ.
 struct Words {
-  const char* prefix;  // before a relation's name in the structure text
+  const char* prefix;     // before a relation's name in the structure text
+  const char* qualifier;  // before a relation's name in a query
   const char* unknownColumn;
   const char* interrupted;
   const char* endless;   // a statement that runs until it is stopped
@@ -27,13 +28,17 @@ struct Words {
 struct SqliteEngine {
   using Class = qorchat::SqliteDatabase;
   static constexpr Words kWords{
-      "", "no such column: nosuch", "interrupted",
+      "",
+      "",
+      "no such column: nosuch",
+      "interrupted",
       "WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) SELECT count(*) FROM c",
       true};
   SqliteEngine() { qortest::sqlite(path, ""); }
   std::string catalog() const { return "main"; }
   std::string target() const { return path.string(); }
   std::string scalar(const std::string& sql) const { return qortest::sqlite(path, sql); }
+  std::string engine() const { return "SQLite " + scalar("SELECT sqlite_version()"); }
 
   qortest::TempDir dir;
   std::filesystem::path path = dir.path / "test.db";
@@ -42,14 +47,21 @@ struct SqliteEngine {
 struct PostgresEngine {
   using Class = qorchat::PostgresDatabase;
   static constexpr Words kWords{
-      "`public`.", R"(column "nosuch" does not exist)", "canceling statement due to user request",
-      "SELECT count(*) FROM generate_series(1, 100000) a, generate_series(1, 100000) b", false};
+      "`public`.",
+      "public.",
+      R"(column "nosuch" does not exist)",
+      "canceling statement due to user request",
+      "SELECT count(*) FROM generate_series(1, 100000) a, generate_series(1, 100000) b",
+      false};
   std::string catalog() const { return database; }
   // A superuser runs nothing: the role is one fit for qorchat.
   std::string target() { return cluster.readerConninfo(database); }
   std::string scalar(const std::string& sql) const {
     const auto rows = cluster.query(sql, database);
     return rows.empty() ? "" : rows[0].at(0);
+  }
+  std::string engine() const {
+    return "PostgreSQL " + scalar("SELECT split_part(current_setting('server_version'), ' ', 1)");
   }
 
   qortest::PostgresCluster& cluster = qortest::PostgresCluster::shared();
@@ -79,19 +91,22 @@ TYPED_TEST_SUITE(DatabaseContract, Engines);
 TYPED_TEST(DatabaseContract, DescribesTablesViewsAndKeysInOrder) {
   const auto database = this->open(R"(
     CREATE TABLE owners (a bigint, b date, PRIMARY KEY (b, a));
-    CREATE TABLE pets (id bigint PRIMARY KEY, oa bigint, ob date,
-                       FOREIGN KEY (ob, oa) REFERENCES owners (b, a));
+    CREATE TABLE pets (id bigint PRIMARY KEY, oa bigint NOT NULL, ob date, code bigint UNIQUE,
+                       FOREIGN KEY (ob, oa) REFERENCES owners (b, a), UNIQUE (oa, ob, id));
     CREATE VIEW tags AS SELECT b, id FROM pets JOIN owners ON oa = a;)");
-  const std::string prefix = this->kWords.prefix;
+  const std::string prefix = this->kWords.prefix, qualifier = this->kWords.qualifier;
   EXPECT_EQ(
       qortest::describedLines(*database),
       (Lines{"USE CATALOG `" + this->engine_.catalog() + "`",
              "CREATE TABLE " + prefix + "`owners` (`a` bigint, `b` date, PRIMARY KEY(`b`, `a`))",
              "CREATE TABLE " + prefix +
-                 "`pets` (`id` bigint, `oa` bigint, `ob` date, PRIMARY KEY(`id`), "
-                 "FOREIGN KEY(`ob`, `oa`) REFERENCES " +
+                 "`pets` (`id` bigint, `oa` bigint NOT NULL, `ob` date, `code` bigint, "
+                 "PRIMARY KEY(`id`), FOREIGN KEY(`ob`, `oa`) REFERENCES " +
                  prefix + "`owners`(`b`, `a`))",
              "CREATE VIEW " + prefix + "`tags` (`b` date, `id` bigint)"}));
+  EXPECT_EQ(qorchat::uniqueKeysInstruction(*database->describe()),
+            "Unique keys: " + qualifier + "pets(code); " + qualifier + "pets(oa, ob, id).");
+  EXPECT_EQ(database->engineDescription(), this->engine_.engine());
 }
 
 TYPED_TEST(DatabaseContract, RunsStatementsInOrderUntilOneFails) {

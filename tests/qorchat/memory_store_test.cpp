@@ -14,8 +14,14 @@ using qorchat::MemoryStore;
 using Kind = qorchat::Status::Kind;
 using Texts = std::vector<std::string>;
 
-std::unique_ptr<MemoryStore> open(const std::string& path, const std::string& key) {
-  return qortest::opened(MemoryStore::open(path, key));
+// The conversation called name about the database called database.db.
+qorchat::ConversationKey keyOf(const std::string& database, const std::string& name = "") {
+  return {"ollama", "/data/" + database + ".db", database + ".db", name};
+}
+
+std::unique_ptr<MemoryStore> open(const std::string& path, const std::string& database,
+                                  const std::string& name = "") {
+  return qortest::opened(MemoryStore::open(path, keyOf(database, name)));
 }
 
 Texts textsOf(const std::vector<QORHistoryEntry>& entries) {
@@ -69,6 +75,67 @@ TEST_F(MemoryStoreTest, ConversationsAreResumedPerKeyUntilANewOneStarts) {
   EXPECT_FALSE(fs::exists(":memory:"));
 }
 
+// Several conversations per database, told apart by name; listed, forgotten and taken up again.
+TEST_F(MemoryStoreTest, NamedConversationsAreListedForgottenAndResumed) {
+  const auto listed = [](MemoryStore& store, std::size_t limit = qorchat::kListedConversations) {
+    Texts rows;
+    const auto conversations = store.storedConversations(limit);
+    for (const qorchat::StoredConversation& c : conversations.value()) {
+      EXPECT_LE(std::time(nullptr) - c.lastEntryAt, 60) << c.lastEntryAt;
+      rows.push_back(c.databaseName + "|" + c.service + "|" + c.name + "|" + c.firstQuestion + "|" +
+                     std::to_string(c.entryCount) + (c.current ? "|current" : ""));
+    }
+    return rows;
+  };
+  {
+    auto shop = open(path_, "shop"), q3 = open(path_, "shop", "q3"), crm = open(path_, "crm", "q3");
+    shop->addHistoryEntry(kChatRoleUser, "how many?");
+    shop->addHistoryEntry(kChatRoleAssistant, "```sql\nSELECT 1\n```");
+    q3->addHistoryEntry(kChatRoleUser, "revenue?");
+    for (const char* text : {"leads?", "these", "and more?"})
+      crm->addHistoryEntry(text[0] == 't' ? kChatRoleAssistant : kChatRoleUser, text);
+    q3->addHistoryEntry(kChatRoleAssistant, "by month");
+    open(path_, "empty", "new");                     // holds nothing, so not listed
+    EXPECT_EQ(crm->lastExchange()->reply, "these");  // the last question has no reply yet
+  }
+  auto q3 = open(path_, "shop", "q3");
+  EXPECT_EQ(q3->resumedEntryCount(), 2u);
+  EXPECT_EQ(q3->lastExchange()->question + "/" + q3->lastExchange()->reply, "revenue?/by month");
+  EXPECT_EQ(listed(*q3), (Texts{"shop.db|ollama|q3|revenue?|2|current", "crm.db|ollama|q3|leads?|3",
+                                "shop.db|ollama||how many?|2"}));
+  EXPECT_EQ(listed(*q3, 1).size(), 1u);
+
+  EXPECT_TRUE(q3->forgetConversation().isOk());
+  EXPECT_TRUE(q3->obtainHistory(0).empty() && !q3->lastExchange());
+  EXPECT_EQ(open(path_, "shop", "q3")->resumedEntryCount(), 0u);
+  EXPECT_EQ(open(path_, "shop")->resumedEntryCount(), 2u);
+  EXPECT_EQ(listed(*q3).size(), 2u);
+}
+
+// A file an earlier qorchat wrote, one conversation per key, is brought up to date in place.
+TEST_F(MemoryStoreTest, AnEarlierFileIsUpgradedInPlace) {
+  qortest::sqlite(path_, R"(
+    CREATE TABLE conversations (id INTEGER PRIMARY KEY, "key" TEXT NOT NULL,
+      started_at INTEGER NOT NULL, structure TEXT NOT NULL DEFAULT '');
+    CREATE INDEX conversations_by_key ON conversations ("key", id);
+    CREATE TABLE entries (id INTEGER PRIMARY KEY, conversation_id INTEGER NOT NULL
+      REFERENCES conversations (id), role INTEGER NOT NULL, text TEXT NOT NULL,
+      created_at INTEGER NOT NULL);
+    CREATE INDEX entries_by_conversation ON entries (conversation_id, id);
+    INSERT INTO conversations VALUES (1, 'ollama' || char(10) || '/data/shop.db', 0, '[1]'),
+      (2, 'ollama' || char(10) || '/data/crm.db', 0, '');
+    INSERT INTO entries VALUES (1, 1, 0, 'old question', 0), (2, 1, 1, 'old reply', 0),
+      (3, 2, 0, 'crm question', 0);
+    PRAGMA user_version = 1;)");
+  auto store = open(path_, "shop");
+  EXPECT_EQ(textsOf(store->obtainHistory(0)), (Texts{"u:old question", "a:old reply"}));
+  EXPECT_EQ(store->obtainDatabaseStructure(), "[1]");
+  EXPECT_EQ(qortest::sqlite(path_, "PRAGMA user_version"), "2");
+  const auto listed = store->storedConversations().value();
+  ASSERT_EQ(listed.size(), 2u);
+  EXPECT_EQ(listed[0].databaseName + " " + listed[1].databaseName, "/data/crm.db shop.db");
+}
+
 // A new file, and one of ours left readable by others, end up owner-only, with SQLite's beside.
 TEST_F(MemoryStoreTest, FilesArePrivateWhateverTheUmask) {
   struct Umask {
@@ -91,7 +158,7 @@ TEST_F(MemoryStoreTest, FilesItCannotUseAreRefusedAndLeftAlone) {
   chmod(own.c_str(), 0644);
   qortest::sqlite(path_,
                   "CREATE TABLE conversations (id); CREATE TABLE entries (id);"
-                  "PRAGMA user_version = 2");
+                  "PRAGMA user_version = 3");
   const std::tuple<std::string, Kind, const char*> cases[] = {
       {(dir_.path / "no such folder" / "history.db").string(), Kind::kIoError, "cannot open"},
       {text, Kind::kInvalidInput, "is not an SQLite database"},
@@ -99,7 +166,7 @@ TEST_F(MemoryStoreTest, FilesItCannotUseAreRefusedAndLeftAlone) {
       {path_, Kind::kInvalidInput, "was written by a newer qorchat"},
   };
   for (const auto& [path, kind, says] : cases) {
-    const qorchat::Status failure = MemoryStore::open(path, "k").status();
+    const qorchat::Status failure = MemoryStore::open(path, keyOf("k")).status();
     EXPECT_EQ(failure.kind(), kind) << path;
     EXPECT_TRUE(qortest::has(failure.message(), says) && qortest::has(failure.message(), path))
         << failure.message();
@@ -127,7 +194,7 @@ TEST_F(MemoryStoreTest, AWriteFailureIsReportedOnceAndTheSessionGoesOnInMemory) 
 TEST_F(MemoryStoreTest, ConcurrentWritersAndAKilledProcessLoseNothing) {
   std::latch opened(2);
   const auto write = [&] {
-    auto store = MemoryStore::open(path_, "same key");
+    auto store = MemoryStore::open(path_, keyOf("same key"));
     opened.arrive_and_wait();
     ASSERT_TRUE(store) << store.status().message();
     for (int i = 0; i < 200; ++i) {
@@ -142,7 +209,7 @@ TEST_F(MemoryStoreTest, ConcurrentWritersAndAKilledProcessLoseNothing) {
   EXPECT_EQ(qortest::sqlite(path_, "SELECT count(*) FROM entries"), "400");
 
   if (fork() == 0) {  // only the way it ends leaves the child: the test is the parent's
-    if (auto store = MemoryStore::open(path_, "killed")) {
+    if (auto store = MemoryStore::open(path_, keyOf("killed"))) {
       (*store)->setDatabaseStructure("[]");
       for (const char* text : {"0", "1", "2"})
         (*store)->addHistoryEntry(kChatRoleUser, text);

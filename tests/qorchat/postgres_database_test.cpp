@@ -16,14 +16,16 @@ using qortest::Rows;
 using Lines = std::vector<std::string>;
 
 // Several schemas (one empty, one only the superuser may use), keys across them, a partitioned
-// table, a view and a materialized view, domain, enum and array types, and a dropped column.
+// table, a view and a materialized view, domain, enum and array types, a dropped column, and unique
+// keys of every kind (a partial one, one over an expression, one that repeats the primary key).
 constexpr const char* kShop = R"(
   CREATE SCHEMA sales; CREATE SCHEMA inventory; CREATE SCHEMA hidden; CREATE SCHEMA archive;
   CREATE TYPE sales.status AS ENUM ('open', 'closed'); CREATE TABLE hidden.secrets (id integer);
   CREATE DOMAIN money2 AS numeric(12, 2) CHECK (VALUE > 0);
   CREATE TABLE inventory.products (sku text, warehouse integer, tags text[], price money2,
     PRIMARY KEY (warehouse, sku));
-  CREATE TABLE sales.customers (id bigint PRIMARY KEY, obsolete integer, email varchar(255));
+  CREATE TABLE sales.customers (id bigint PRIMARY KEY, obsolete integer,
+    email varchar(255) NOT NULL);
   ALTER TABLE sales.customers DROP COLUMN obsolete;
   CREATE TABLE sales.orders (id serial PRIMARY KEY, customer_id bigint REFERENCES sales.customers,
     total numeric(10, 2), state sales.status);
@@ -35,7 +37,12 @@ constexpr const char* kShop = R"(
   CREATE TABLE readings_2024 PARTITION OF readings FOR VALUES FROM ('2024-01-01') TO ('2025-01-01');
   CREATE VIEW sales.big_orders AS SELECT id, total FROM sales.orders WHERE total > 100;
   CREATE MATERIALIZED VIEW inventory.stock AS SELECT warehouse, sum(price) FROM inventory.products
-    GROUP BY warehouse;)";
+    GROUP BY warehouse;
+  CREATE UNIQUE INDEX ON sales.customers (email) INCLUDE (id);
+  CREATE UNIQUE INDEX ON sales.customers (lower(email)); CREATE UNIQUE INDEX ON sales.orders (id);
+  CREATE UNIQUE INDEX ON sales.orders (state) WHERE state = 'open';
+  ALTER TABLE sales.orders ADD UNIQUE (customer_id, total);
+  ALTER TABLE readings ADD UNIQUE (taken, device); CREATE UNIQUE INDEX ON inventory.stock (warehouse);)";
 
 // The CREATE lines the model is told of, then the schemas, for the superuser and for a role that
 // may use part of it.
@@ -44,21 +51,24 @@ constexpr const char* kShopLines =
     "text, `warehouse` integer, `tags` text[], `price` money2, PRIMARY KEY(`warehouse`, `sku`))\n"
     "CREATE MATERIALIZED VIEW `inventory`.`stock` (`warehouse` integer, `sum` numeric)\nCREATE "
     "TABLE `public`.`readings` (`taken` date, `device` integer, PRIMARY KEY(`device`, `taken`))\n"
-    "CREATE TABLE `sales`.`customers` (`id` bigint, `email` character varying(255), PRIMARY "
-    "KEY(`id`))\nCREATE TABLE `sales`.`order_lines` (`order_id` integer, `line` smallint, "
+    "CREATE TABLE `sales`.`customers` (`id` bigint, `email` character varying(255) NOT NULL, "
+    "PRIMARY KEY(`id`))\nCREATE TABLE `sales`.`order_lines` (`order_id` integer, `line` smallint, "
     "`warehouse` integer, `sku` text, PRIMARY KEY(`order_id`, `line`), FOREIGN KEY(`order_id`) "
     "REFERENCES `sales`.`orders`(`id`), FOREIGN KEY(`sku`, `warehouse`) REFERENCES "
     "`inventory`.`products`(`sku`, `warehouse`))\nCREATE TABLE `sales`.`orders` (`id` integer, "
     "`customer_id` bigint, `total` numeric(10,2), `state` sales.status, PRIMARY KEY(`id`), "
     "FOREIGN KEY(`customer_id`) REFERENCES `sales`.`customers`(`id`))\nCREATE VIEW "
     "`sales`.`big_orders` (`id` integer, `total` numeric(10,2))\n"
-    "schemas: archive hidden inventory public sales";
+    "schemas: archive hidden inventory public sales\nUnique keys: inventory.stock(warehouse); "
+    "public.readings(taken, device); sales.customers(email); sales.orders(customer_id, total).";
 constexpr const char* kReaderLines =
     "CREATE TABLE `public`.`readings` (`taken` date, `device` integer, PRIMARY KEY(`device`, "
-    "`taken`))\nCREATE TABLE `sales`.`customers` (`email` character varying(255))\nCREATE TABLE "
-    "`sales`.`order_lines` (`order_id` integer, `warehouse` integer, `sku` text, FOREIGN "
+    "`taken`))\nCREATE TABLE `sales`.`customers` (`email` character varying(255) NOT NULL)\n"
+    "CREATE TABLE `sales`.`order_lines` (`order_id` integer NOT NULL, `warehouse` integer, `sku` "
+    "text, FOREIGN "
     "KEY(`order_id`) REFERENCES `sales`.`orders`(`id`))\nCREATE TABLE `sales`.`orders` (`id` "
-    "integer, `total` numeric(10,2), PRIMARY KEY(`id`))\nschemas: public sales";
+    "integer, `total` numeric(10,2), PRIMARY KEY(`id`))\nschemas: public sales\nUnique keys: "
+    "public.readings(taken, device); sales.customers(email).";
 
 class PostgresDatabaseTest : public ::testing::Test {
  protected:
@@ -76,7 +86,7 @@ class PostgresDatabaseTest : public ::testing::Test {
     const auto structure = database.describe();
     for (const qorchat::Schema& schema : structure->catalogs.at(0).schemas)
       text += " " + schema.name;
-    return text;
+    return text + "\n" + qorchat::uniqueKeysInstruction(*structure);
   }
 
   qortest::PostgresCluster* cluster_ = nullptr;

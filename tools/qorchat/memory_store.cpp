@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -16,14 +17,17 @@ namespace qorchat {
 namespace {
 
 // The layout of the file, kept in its user_version so that a later layout can recognise it.
-constexpr int kFormatVersion = 1;
+constexpr int kFormatVersion = 2;
 // How long a write waits for another process that is writing the same file.
 constexpr int kBusyTimeoutMs = 5000;
 // The conversations quote the user's questions and data: only their owner may read them.
 constexpr mode_t kPrivateMode = 0600;
 constexpr const char* kInMemory = ":memory:";
 
-constexpr const char* kCreateTables =
+// What brings the layout of each version to the next; a new file takes every step. The key is the
+// service and the database's identity on two lines.
+constexpr const char* kUpgrades[kFormatVersion] = {
+    // 1: one conversation after another per key.
     "CREATE TABLE conversations ("
     " id INTEGER PRIMARY KEY,"
     " \"key\" TEXT NOT NULL,"
@@ -36,8 +40,25 @@ constexpr const char* kCreateTables =
     " role INTEGER NOT NULL,"
     " text TEXT NOT NULL,"
     " created_at INTEGER NOT NULL);"
-    "CREATE INDEX entries_by_conversation ON entries (conversation_id, id);"
-    "PRAGMA user_version = 1;";
+    "CREATE INDEX entries_by_conversation ON entries (conversation_id, id);",
+    // 2: conversations told apart by a name, and the database's name for listings (until the
+    // database is opened again, its identity).
+    "ALTER TABLE conversations ADD COLUMN name TEXT NOT NULL DEFAULT '';"
+    "ALTER TABLE conversations ADD COLUMN database_name TEXT NOT NULL DEFAULT '';"
+    "UPDATE conversations SET database_name = substr(\"key\", instr(\"key\", char(10)) + 1);"
+    "DROP INDEX conversations_by_key;"
+    "CREATE INDEX conversations_by_name ON conversations (\"key\", name, id);",
+};
+
+// For each key and name, the conversation that name takes up, if it holds entries.
+constexpr const char* kListQuery =
+    "SELECT c.id, c.\"key\", c.name, c.database_name, max(e.created_at), count(*), "
+    "(SELECT f.text FROM entries f WHERE f.conversation_id = c.id AND f.role = ?2 "
+    "ORDER BY f.id LIMIT 1) "
+    "FROM conversations c JOIN entries e ON e.conversation_id = c.id "
+    "WHERE c.id = (SELECT max(l.id) FROM conversations l WHERE l.\"key\" = c.\"key\" AND "
+    "l.name = c.name) "
+    "GROUP BY c.id ORDER BY max(e.id) DESC LIMIT ?1";
 
 std::string quoted(const std::string& path) {
   return "'" + path + "'";
@@ -117,27 +138,40 @@ struct MemoryStore::Statements {
   sqlite3_stmt* addEntry = nullptr;
   sqlite3_stmt* setStructure = nullptr;
   sqlite3_stmt* addConversation = nullptr;
+  sqlite3_stmt* forgetEntries = nullptr;
 
   ~Statements() {
     sqlite3_finalize(addEntry);
     sqlite3_finalize(setStructure);
     sqlite3_finalize(addConversation);
+    sqlite3_finalize(forgetEntries);
   }
 };
 
-MemoryStore::MemoryStore(std::string path, std::string key)
-    : statements_(std::make_unique<Statements>()), path_(std::move(path)), key_(std::move(key)) {}
+MemoryStore::MemoryStore(std::string path, ConversationKey key)
+    : statements_(std::make_unique<Statements>()),
+      path_(std::move(path)),
+      key_(key.service + "\n" + key.database),
+      parts_(std::move(key)) {}
 
 MemoryStore::~MemoryStore() {
   statements_.reset();
   sqlite3_close_v2(db_);
 }
 
-Result<std::unique_ptr<MemoryStore>> MemoryStore::open(const std::string& path, std::string key) {
+Result<std::unique_ptr<MemoryStore>> MemoryStore::open(const std::string& path,
+                                                       ConversationKey key) {
   // Not make_unique: the constructor is private so that no store exists unopened.
   std::unique_ptr<MemoryStore> store(new MemoryStore(path, std::move(key)));
   if (Status status = store->load(); !status) return status;
   return store;
+}
+
+Result<std::unique_ptr<MemoryStore>> MemoryStore::open(const std::string& path,
+                                                       const std::string& key) {
+  const std::size_t split = std::min(key.find('\n'), key.size());
+  const std::string database = key.substr(std::min(split + 1, key.size()));
+  return open(path, ConversationKey{key.substr(0, split), database, database, ""});
 }
 
 Status MemoryStore::load() {
@@ -160,6 +194,7 @@ Status MemoryStore::load() {
   Status status = prepareLayout();
   if (status && inFile) status = keepPrivate(path_);
   if (status) status = useWriteAheadLog();
+  if (status) status = nameDatabase();
   if (status) status = resumeLatest();
   if (status) status = prepareStatements();
   if (status && conversationId_ == 0) {
@@ -188,13 +223,27 @@ Status MemoryStore::useWriteAheadLog() {
   return Status::ok();
 }
 
+// The database's name as it is now, for the listings: it may have been its identity, or the file
+// may have been reached by another name.
+Status MemoryStore::nameDatabase() {
+  Query rename(db_,
+               "UPDATE conversations SET database_name = ?1 WHERE \"key\" = ?2 AND "
+               "database_name <> ?1");
+  if (!rename.ok()) return openFailure();
+  bindText(rename.get(), 1, parts_.databaseName);
+  bindText(rename.get(), 2, key_);
+  if (sqlite3_step(rename.get()) != SQLITE_DONE) return openFailure();
+  return Status::ok();
+}
+
 Status MemoryStore::resumeLatest() {
   Query latest(db_,
-               "SELECT id, structure FROM conversations WHERE \"key\" = ?1 ORDER BY id DESC "
-               "LIMIT 1");
+               "SELECT id, structure FROM conversations WHERE \"key\" = ?1 AND name = ?2 "
+               "ORDER BY id DESC LIMIT 1");
   Query entries(db_, "SELECT role, text FROM entries WHERE conversation_id = ?1 ORDER BY id");
   if (!latest.ok() || !entries.ok()) return openFailure();
   bindText(latest.get(), 1, key_);
+  bindText(latest.get(), 2, parts_.name);
   int rc = sqlite3_step(latest.get());
   if (rc == SQLITE_DONE) return Status::ok();
   if (rc != SQLITE_ROW) return openFailure();
@@ -215,8 +264,10 @@ Status MemoryStore::prepareStatements() {
       {"INSERT INTO entries (conversation_id, role, text, created_at) VALUES (?1, ?2, ?3, ?4)",
        &statements_->addEntry},
       {"UPDATE conversations SET structure = ?1 WHERE id = ?2", &statements_->setStructure},
-      {"INSERT INTO conversations (\"key\", started_at, structure) VALUES (?1, ?2, ?3)",
+      {"INSERT INTO conversations (\"key\", started_at, structure, name, database_name) "
+       "VALUES (?1, ?2, ?3, ?4, ?5)",
        &statements_->addConversation},
+      {"DELETE FROM entries WHERE conversation_id = ?1", &statements_->forgetEntries},
   };
   for (const auto& [sql, statement] : statements) {
     if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr) !=
@@ -227,14 +278,18 @@ Status MemoryStore::prepareStatements() {
   return Status::ok();
 }
 
-Status MemoryStore::prepareLayout() {
+namespace {
+
+// What the file holds before anything is changed.
+struct LayoutState {
   int objects = 0;
   int version = 0;
   bool hasTables = false;
-  const auto readState = [&] {
-    Query count(db_, "SELECT count(*) FROM sqlite_master");
-    Query userVersion(db_, "PRAGMA user_version");
-    Query ours(db_,
+
+  bool read(sqlite3* db) {
+    Query count(db, "SELECT count(*) FROM sqlite_master");
+    Query userVersion(db, "PRAGMA user_version");
+    Query ours(db,
                "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name IN "
                "('conversations', 'entries')");
     if (!count.ok() || !userVersion.ok() || !ours.ok() || sqlite3_step(count.get()) != SQLITE_ROW ||
@@ -245,33 +300,58 @@ Status MemoryStore::prepareLayout() {
     version = sqlite3_column_int(userVersion.get(), 0);
     hasTables = sqlite3_column_int(ours.get(), 0) == 2;
     return true;
-  };
-
-  if (!readState()) return openFailure();
-  if (objects == 0) {
-    // Another process may be creating the same new file: decide again under the write lock.
-    if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK ||
-        !readState()) {
-      return openFailure();
-    }
-    if (objects == 0 && sqlite3_exec(db_, kCreateTables, nullptr, nullptr, nullptr) != SQLITE_OK) {
-      const std::string reason = sqlite3_errmsg(db_);
-      sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-      return Status::ioError("cannot create the history file " + quoted(path_) + ": " + reason);
-    }
-    if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK || !readState()) {
-      return openFailure();
-    }
   }
-  if (version > kFormatVersion) {
+  // A new file, or one of ours of an earlier layout.
+  bool needsUpgrade() const {
+    return objects == 0 || (version >= 1 && version < kFormatVersion && hasTables);
+  }
+};
+
+}  // namespace
+
+Status MemoryStore::prepareLayout() {
+  LayoutState state;
+  if (!state.read(db_)) return openFailure();
+  if (state.needsUpgrade()) {
+    // Another process may be creating or upgrading the same file: decide again under the write
+    // lock.
+    if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK ||
+        !state.read(db_)) {
+      sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+      return openFailure();
+    }
+    if (state.needsUpgrade()) {
+      if (Status upgraded = upgradeLayout(state.objects == 0 ? 0 : state.version); !upgraded) {
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        return upgraded;
+      }
+    }
+    if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK || !state.read(db_))
+      return openFailure();
+  }
+  if (state.version > kFormatVersion) {
     return Status::invalidInput("the history file " + quoted(path_) +
                                 " was written by a newer qorchat (format " +
-                                std::to_string(version) + ")");
+                                std::to_string(state.version) + ")");
   }
   // Anything else is somebody's database, handed over by mistake: it is not ours to add to.
-  if (version != kFormatVersion || !hasTables) {
+  if (state.version != kFormatVersion || !state.hasTables) {
     return Status::invalidInput(quoted(path_) + " is not a qorchat history file");
   }
+  return Status::ok();
+}
+
+// Takes the steps from fromVersion to the current layout, inside the caller's transaction.
+Status MemoryStore::upgradeLayout(int fromVersion) {
+  for (int version = fromVersion; version < kFormatVersion; ++version) {
+    if (sqlite3_exec(db_, kUpgrades[version], nullptr, nullptr, nullptr) != SQLITE_OK) {
+      return Status::ioError("cannot " + std::string(fromVersion == 0 ? "create" : "upgrade") +
+                             " the history file " + quoted(path_) + ": " + sqlite3_errmsg(db_));
+    }
+  }
+  const std::string setVersion = "PRAGMA user_version = " + std::to_string(kFormatVersion);
+  if (sqlite3_exec(db_, setVersion.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK)
+    return openFailure();
   return Status::ok();
 }
 
@@ -314,6 +394,8 @@ sqlite3_stmt* MemoryStore::bindConversation() {
   bindText(statement, 1, key_);
   sqlite3_bind_int64(statement, 2, static_cast<sqlite3_int64>(std::time(nullptr)));
   bindText(statement, 3, structure_);
+  bindText(statement, 4, parts_.name);
+  bindText(statement, 5, parts_.databaseName);
   return statement;
 }
 
@@ -322,6 +404,52 @@ void MemoryStore::startNewConversation() {
   resumedEntries_ = 0;
   // The structure stays: it describes the same database, which the new conversation is about.
   if (run(bindConversation())) conversationId_ = sqlite3_last_insert_rowid(db_);
+}
+
+Status MemoryStore::forgetConversation() {
+  entries_.clear();
+  resumedEntries_ = 0;
+  if (!writable_) {
+    return Status::ioError("the history file " + quoted(path_) +
+                           " stopped taking writes: the conversation's entries stay in it");
+  }
+  sqlite3_stmt* statement = statements_->forgetEntries;
+  sqlite3_bind_int64(statement, 1, conversationId_);
+  return run(statement) ? Status::ok() : takeWriteFailure();
+}
+
+Result<std::vector<StoredConversation>> MemoryStore::storedConversations(std::size_t limit) const {
+  Query list(db_, kListQuery);
+  if (!list.ok())
+    return Status::ioError("cannot read " + quoted(path_) + ": " + sqlite3_errmsg(db_));
+  sqlite3_bind_int64(list.get(), 1, static_cast<sqlite3_int64>(limit));
+  sqlite3_bind_int(list.get(), 2, kChatRoleUser);
+  std::vector<StoredConversation> conversations;
+  int rc = SQLITE_ROW;
+  while ((rc = sqlite3_step(list.get())) == SQLITE_ROW) {
+    const std::string key = columnText(list.get(), 1);
+    StoredConversation& conversation = conversations.emplace_back();
+    conversation.current = sqlite3_column_int64(list.get(), 0) == conversationId_;
+    conversation.service = key.substr(0, key.find('\n'));
+    conversation.name = columnText(list.get(), 2);
+    conversation.databaseName = columnText(list.get(), 3);
+    conversation.lastEntryAt = sqlite3_column_int64(list.get(), 4);
+    conversation.entryCount = static_cast<std::size_t>(sqlite3_column_int64(list.get(), 5));
+    conversation.firstQuestion = columnText(list.get(), 6);
+  }
+  if (rc != SQLITE_DONE)
+    return Status::ioError("cannot read " + quoted(path_) + ": " + sqlite3_errmsg(db_));
+  return conversations;
+}
+
+std::optional<Exchange> MemoryStore::lastExchange() const {
+  for (std::size_t i = entries_.size(); i >= 2; --i) {
+    const QORHistoryEntry& reply = entries_[i - 1];
+    const QORHistoryEntry& question = entries_[i - 2];
+    if (reply.role == kChatRoleAssistant && question.role == kChatRoleUser)
+      return Exchange{question.text, reply.text};
+  }
+  return std::nullopt;
 }
 
 Status MemoryStore::takeWriteFailure() {

@@ -1,10 +1,12 @@
 #pragma once
 // The conversation store: the assistant's memory kept in an SQLite file, so that a conversation
-// survives the process. One conversation per key (the database and the service); every entry is
-// committed as it is added, so a process killed at any moment loses nothing already answered.
+// survives the process. Conversations are kept per database and service, told apart by a name;
+// every entry is committed as it is added, so a process killed at any moment loses nothing
+// already answered.
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,12 +26,46 @@ inline constexpr const char* kNoTextReply = "the model returned no text";
 // anything qorchat derives from the history should look at the same ones.
 inline constexpr std::int32_t kHistoryEntries = 20;
 
+// How many conversations a listing gives at most.
+inline constexpr std::size_t kListedConversations = 50;
+
+// Which conversation a store holds.
+struct ConversationKey {
+  std::string service;       // the service's name
+  std::string database;      // the database's identity: the same database across runs
+  std::string databaseName;  // the database's name for people
+  std::string name;          // told apart by the user; empty for the default conversation
+};
+
+// A conversation of the file, as a listing shows it. Every text is stored as it came: the
+// caller makes it safe for a terminal.
+struct StoredConversation {
+  std::string databaseName;
+  std::string service;
+  std::string name;
+  std::int64_t lastEntryAt = 0;  // seconds since the epoch
+  std::string firstQuestion;     // the first user entry; empty when there is none
+  std::size_t entryCount = 0;
+  bool current = false;  // the one this store holds
+};
+
+// A question and the reply that followed it.
+struct Exchange {
+  std::string question;
+  std::string reply;
+};
+
 class MemoryStore final : public IQORAssistantMemory {
  public:
   // Opens (creating if needed) the store at path and takes up the latest conversation under key.
   // The path ":memory:" keeps everything in this process only. The file and SQLite's files beside
-  // it are kept private to their owner (mode 0600). A failure names the path in one line.
-  static Result<std::unique_ptr<MemoryStore>> open(const std::string& path, std::string key);
+  // it are kept private to their owner (mode 0600). A file of an earlier layout is brought up to
+  // date in place. A failure names the path in one line.
+  static Result<std::unique_ptr<MemoryStore>> open(const std::string& path, ConversationKey key);
+  // The default conversation under "service\nidentity", the key callers gave before conversations
+  // had names; the database's name for listings is then its identity. Kept until the callers
+  // give a ConversationKey.
+  static Result<std::unique_ptr<MemoryStore>> open(const std::string& path, const std::string& key);
   ~MemoryStore() override;
   MemoryStore(const MemoryStore&) = delete;
   MemoryStore& operator=(const MemoryStore&) = delete;
@@ -38,6 +74,14 @@ class MemoryStore final : public IQORAssistantMemory {
   std::size_t resumedEntryCount() const { return resumedEntries_; }
   // Starts a new, empty conversation under the same key; the old one stays in the file.
   void startNewConversation();
+  // Deletes the entries of the conversation, in the file too, leaving it empty.
+  Status forgetConversation();
+  // The conversations of the file, of every database and service: for each database, service and
+  // name the one that name takes up, when it holds entries; the latest entry first.
+  Result<std::vector<StoredConversation>> storedConversations(
+      std::size_t limit = kListedConversations) const;
+  // The latest question that has its reply, and that reply; nothing before the first.
+  std::optional<Exchange> lastExchange() const;
   // The first write failure since the last call; ok when there was none. The library records
   // each turn through addHistoryEntry, which returns nothing, so a failure cannot travel back
   // with the call that met it: it waits here to be asked for. The store goes on in memory after
@@ -53,9 +97,11 @@ class MemoryStore final : public IQORAssistantMemory {
 
  private:
   struct Statements;
-  MemoryStore(std::string path, std::string key);
+  MemoryStore(std::string path, ConversationKey key);
   Status load();
   Status prepareLayout();
+  Status upgradeLayout(int fromVersion);
+  Status nameDatabase();
   Status useWriteAheadLog();
   Status resumeLatest();
   Status prepareStatements();
@@ -68,7 +114,8 @@ class MemoryStore final : public IQORAssistantMemory {
   sqlite3* db_ = nullptr;
   std::unique_ptr<Statements> statements_;
   std::string path_;
-  std::string key_;
+  std::string key_;  // the service and the database's identity, on two lines
+  ConversationKey parts_;
   std::int64_t conversationId_ = 0;
   std::size_t resumedEntries_ = 0;
   std::string structure_;

@@ -47,6 +47,9 @@ class Database {
   virtual std::string identity() const = 0;
   // A short name for people, such as the file name.
   virtual std::string displayName() const = 0;
+  // The engine and its version, such as "SQLite 3.40.1" or "PostgreSQL 15.8" (the server's), for
+  // the model to write SQL the engine knows.
+  virtual std::string engineDescription() const = 0;
   // Runs the statements of sql in order, read-only by the database's own means, until one fails;
   // keeps what the limits allow of each. The last result carries the failure, if any. A failure
   // of the connection itself, or a run refused whole, is the Status.

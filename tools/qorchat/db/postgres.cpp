@@ -49,6 +49,15 @@ PgResult begin(PGconn* connection, const std::string& sql, ExecStatusType expect
   return result;
 }
 
+// PostgreSQL's version number as people write it: 150008 is 15.8, and 90624, from before
+// version 10, is 9.6.24.
+std::string versionText(int number) {
+  if (number >= 100000)
+    return std::to_string(number / 10000) + "." + std::to_string(number % 10000);
+  return std::to_string(number / 10000) + "." + std::to_string(number / 100 % 100) + "." +
+         std::to_string(number % 100);
+}
+
 std::string timeoutMs(const DatabaseSettings& settings) {
   const auto ms = settings.statementTimeout.count();
   return std::to_string(std::clamp<decltype(ms)>(ms, 0, INT_MAX));
@@ -90,6 +99,8 @@ Result<std::unique_ptr<PostgresDatabase>> PostgresDatabase::connect(
   PQsetNoticeProcessor(
       connection, [](void*, const char*) {}, nullptr);
 
+  database->engineDescription_ = "PostgreSQL " + versionText(PQserverVersion(connection));
+
   std::string host = orEmpty(PQhost(connection));
   if (host.find(':') != std::string::npos && !text::startsWith(host, "/")) host = "[" + host + "]";
   database->identity_ = std::string(orEmpty(PQuser(connection))) + "@" + host + ":" +
@@ -117,6 +128,10 @@ std::string PostgresDatabase::identity() const {
 
 std::string PostgresDatabase::displayName() const {
   return identity_;
+}
+
+std::string PostgresDatabase::engineDescription() const {
+  return engineDescription_;
 }
 
 std::string PostgresDatabase::failureText(const pg_result* result) const {

@@ -31,6 +31,8 @@ class PostgresDatabase final : public Database {
   // user@host:port/dbname of the live connection.
   std::string identity() const override;
   std::string displayName() const override;
+  // The server's version, as it was when connected.
+  std::string engineDescription() const override;
   // Nothing reaches the server unless every statement of the block only reads, as the parser
   // judges it (postgres_statements.h). The statements then run in a session opened for the run
   // and closed after it (postgres_run.h), inside a READ ONLY transaction, each stopped by
@@ -58,6 +60,7 @@ class PostgresDatabase final : public Database {
   postgres::CancelSlot cancelSlot_;
   postgres::MessageCleaner cleaner_;
   std::string identity_;
+  std::string engineDescription_;
   DatabaseSettings settings_;
 };
 

@@ -1,4 +1,4 @@
-// Reads schemas, relations, columns and keys from PostgreSQL's catalogs, four queries in all,
+// Reads schemas, relations, columns and keys from PostgreSQL's catalogs, five queries in all,
 // leaving out what the role may not read, and fills a Structure with them.
 #include "db/postgres_catalog.h"
 
@@ -44,7 +44,8 @@ std::string relationsQuery() {
 // asked once per relation (OFFSET 0 keeps it there), so the costlier question per column is only
 // asked of tables without it.
 std::string columnsQuery() {
-  return "SELECT c.oid, a.attnum, a.attname, pg_catalog.format_type(a.atttypid, a.atttypmod) "
+  return "SELECT c.oid, a.attnum, a.attname, pg_catalog.format_type(a.atttypid, a.atttypmod), "
+         "a.attnotnull "
          "FROM (SELECT c.oid, pg_catalog.has_table_privilege(c.oid, 'SELECT') AS whole "
          "FROM pg_catalog.pg_class c" +
          std::string(kRelationFrom) + " WHERE " + std::string(kVisibleSchema) + " AND " +
@@ -63,6 +64,16 @@ constexpr const char* kKeysQuery =
     "FROM pg_catalog.pg_constraint con "
     "WHERE con.contype IN ('p', 'f') AND con.conparentid = 0 "
     "ORDER BY con.conrelid, con.conname, con.oid";
+
+// Unique indexes, those behind UNIQUE constraints among them, over plain columns and for every
+// row: not the primary key, not a partial index, not one over an expression, not one left
+// invalid by a failed build. Only the key columns, not those an INCLUDE adds.
+constexpr const char* kUniqueKeysQuery =
+    "SELECT i.indrelid, i.indnkeyatts, i.indkey FROM pg_catalog.pg_index i "
+    "JOIN pg_catalog.pg_class ic ON ic.oid = i.indexrelid "
+    "WHERE i.indisunique AND NOT i.indisprimary AND i.indisvalid "
+    "AND i.indpred IS NULL AND i.indexprs IS NULL "
+    "ORDER BY i.indrelid, ic.relname";
 
 // The numbers of an int2[] as PostgreSQL writes it: {1,2,3}.
 std::vector<int> attributeNumbers(std::string_view text) {
@@ -152,7 +163,8 @@ class CatalogReader {
       RelationRead* read = relationAt(rows, row, 0);
       if (read == nullptr) continue;
       read->attributeNumbers.push_back(numberAt<int>(rows, row, 1));
-      read->relation.columns.push_back(Column{textAt(rows, row, 2), textAt(rows, row, 3)});
+      read->relation.columns.push_back(
+          Column{textAt(rows, row, 2), textAt(rows, row, 3), *PQgetvalue(rows, row, 4) == 't'});
     }
   }
 
@@ -176,6 +188,23 @@ class CatalogReader {
       read->relation.foreignKeys.push_back(
           ForeignKey{std::move(*fields), catalog_.schemas[referenced->schema].name,
                      referenced->relation.name, std::move(*refFields)});
+    }
+  }
+
+  // A key over a column the user may not read is left out, as is one that repeats another.
+  void takeUniqueKeys(const PGresult* rows) {
+    for (int row = 0; row < PQntuples(rows); ++row) {
+      RelationRead* read = relationAt(rows, row, 0);
+      if (read == nullptr) continue;
+      std::vector<int> numbers = attributeNumbers(PQgetvalue(rows, row, 2));
+      numbers.resize(std::min(numbers.size(), numberAt<std::size_t>(rows, row, 1)));
+      std::optional<std::vector<std::string>> fields = read->namesOf(numbers);
+      std::vector<std::vector<std::string>>& keys = read->relation.uniqueKeys;
+      if (!fields || *fields == read->relation.primaryKey ||
+          std::find(keys.begin(), keys.end(), *fields) != keys.end()) {
+        continue;
+      }
+      keys.push_back(std::move(*fields));
     }
   }
 
@@ -211,6 +240,7 @@ Result<Structure> readStructure(const std::string& catalogName, const CatalogQue
       {relationsQuery(), &CatalogReader::takeRelations},
       {columnsQuery(), &CatalogReader::takeColumns},
       {kKeysQuery, &CatalogReader::takeKeys},
+      {kUniqueKeysQuery, &CatalogReader::takeUniqueKeys},
   };
   CatalogReader reader(catalogName);
   for (const auto& [sql, take] : steps) {

@@ -195,6 +195,10 @@ std::string SqliteDatabase::displayName() const {
   return name.empty() ? target_ : name;
 }
 
+std::string SqliteDatabase::engineDescription() const {
+  return std::string("SQLite ") + sqlite3_libversion();
+}
+
 Result<std::vector<StatementResult>> SqliteDatabase::runReadOnly(const std::string& sql,
                                                                  const RunLimits& limits) {
   if (Status fresh = reconnectIfChanged(); !fresh) return fresh;

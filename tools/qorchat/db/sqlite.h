@@ -32,6 +32,8 @@ class SqliteDatabase final : public Database {
   // The file's real path, or the URI as given.
   std::string identity() const override;
   std::string displayName() const override;
+  // The SQLite library this program runs statements with.
+  std::string engineDescription() const override;
   Result<std::vector<StatementResult>> runReadOnly(const std::string& sql,
                                                    const RunLimits& limits) override;
   void interrupt() override;

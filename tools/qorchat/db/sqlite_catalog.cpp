@@ -86,15 +86,25 @@ std::vector<std::string> primaryKey(std::vector<ColumnRead> columns) {
 class ObjectReader {
  public:
   explicit ObjectReader(sqlite3* db)
-      : columns_(db, "SELECT name, type, pk, hidden FROM pragma_table_xinfo(?1, ?2) ORDER BY cid"),
+      : columns_(db,
+                 "SELECT name, type, pk, hidden, \"notnull\" FROM pragma_table_xinfo(?1, ?2) "
+                 "ORDER BY cid"),
         foreignKeys_(db,
                      "SELECT id, \"table\", \"from\", \"to\" FROM pragma_foreign_key_list(?1, ?2) "
-                     "ORDER BY id DESC, seq") {}
+                     "ORDER BY id DESC, seq"),
+        // Newest index first, as SQLite lists them: reversed, in the order they were made. A
+        // column that is an expression has no name.
+        uniqueKeys_(db,
+                    "SELECT l.name, i.name FROM pragma_index_list(?1, ?2) l "
+                    "JOIN pragma_index_info(l.name, ?2) i "
+                    "WHERE l.\"unique\" AND l.origin <> 'pk' AND NOT l.partial "
+                    "ORDER BY l.seq DESC, i.seqno") {}
 
   // SQLite's text of what spoiled the description; empty while nothing did.
   std::string failure() const {
     if (!columns_.prepared()) return columns_.error();
     if (!foreignKeys_.prepared()) return foreignKeys_.error();
+    if (!uniqueKeys_.prepared()) return uniqueKeys_.error();
     return failure_;
   }
 
@@ -113,7 +123,11 @@ class ObjectReader {
       if (!*row) break;
       // Hidden columns of virtual tables are arguments of the module, not data to query.
       if (columns_.integer(3) == 1) continue;
-      columns.push_back(ColumnRead{{columns_.text(0), columns_.text(1)}, columns_.integer(2)});
+      // A column declared without a type takes values of any type.
+      std::string type = columns_.text(1);
+      if (type.empty()) type = "ANY";
+      columns.push_back(ColumnRead{{columns_.text(0), std::move(type), columns_.integer(4) != 0},
+                                   columns_.integer(2)});
     }
     return columns;
   }
@@ -149,6 +163,39 @@ class ObjectReader {
     return keys;
   }
 
+  // The unique keys other than the primary key, each set of columns once.
+  std::vector<std::vector<std::string>> readUniqueKeys(const std::string& database,
+                                                       const std::string& table,
+                                                       const std::vector<std::string>& primaryKey) {
+    struct IndexRead {
+      std::string name;
+      std::vector<std::string> columns;
+      bool overExpression = false;
+    };
+    std::vector<IndexRead> indexes;
+    if (!uniqueKeys_.bind(table, database)) {
+      failure_ = uniqueKeys_.error();
+      return {};
+    }
+    std::optional<bool> row = uniqueKeys_.step();
+    for (; row && *row; row = uniqueKeys_.step()) {
+      if (indexes.empty() || indexes.back().name != uniqueKeys_.text(0))
+        indexes.push_back(IndexRead{uniqueKeys_.text(0), {}, false});
+      indexes.back().overExpression |= uniqueKeys_.isNull(1);
+      indexes.back().columns.push_back(uniqueKeys_.text(1));
+    }
+    if (!row) failure_ = uniqueKeys_.error();
+    std::vector<std::vector<std::string>> keys;
+    for (IndexRead& index : indexes) {
+      if (index.overExpression || index.columns == primaryKey ||
+          std::find(keys.begin(), keys.end(), index.columns) != keys.end()) {
+        continue;
+      }
+      keys.push_back(std::move(index.columns));
+    }
+    return keys;
+  }
+
  private:
   std::vector<std::string> primaryKeyOf(const std::string& database, const std::string& table) {
     std::optional<std::vector<ColumnRead>> columns = readColumns(database, table);
@@ -157,6 +204,7 @@ class ObjectReader {
 
   Query columns_;
   Query foreignKeys_;
+  Query uniqueKeys_;
   std::string failure_;
 };
 
@@ -181,18 +229,26 @@ class ReadTransaction {
   bool begun_ = false;
 };
 
-// The text that lists the tables and views of one database in the order they were made. A
-// schema name cannot be a parameter: it is quoted into the text, its quotes doubled.
-// sqlite_master is the name every version knows for the schema table.
-std::string objectsQuery(const std::string& database) {
-  std::string escaped;
-  for (const char c : database) {
+// The text between quote characters, each within it doubled.
+std::string quoted(const std::string& text, char quote) {
+  std::string escaped(1, quote);
+  for (const char c : text) {
     escaped += c;
-    if (c == '"') escaped += '"';
+    if (c == quote) escaped += quote;
   }
-  return "SELECT type, name FROM \"" + escaped +
-         "\".sqlite_master WHERE type IN ('table', 'view') AND name NOT LIKE 'sqlite\\_%' "
-         "ESCAPE '\\' ORDER BY rowid";
+  return escaped + quote;
+}
+
+// The text that lists the tables and views of one database in the order they were made: not
+// SQLite's own (sqlite_stat1, sqlite_sequence), nor the shadow tables where virtual tables (full
+// text, R*Tree) keep their data, which SQLite itself tells apart. A schema name cannot be a
+// parameter: it is quoted into the text. sqlite_master is the name every version knows for the
+// schema table.
+std::string objectsQuery(const std::string& database) {
+  return "SELECT type, name FROM " + quoted(database, '"') +
+         ".sqlite_master WHERE type IN ('table', 'view') AND name NOT LIKE 'sqlite\\_%' "
+         "ESCAPE '\\' AND name NOT IN (SELECT name FROM pragma_table_list WHERE schema = " +
+         quoted(database, '\'') + " AND type = 'shadow') ORDER BY rowid";
 }
 
 // Fills the one schema of a database's catalog; the failure is SQLite's text.
@@ -216,6 +272,7 @@ Status readCatalog(sqlite3* db, ObjectReader& reader, Catalog& catalog) {
     }
     relation.primaryKey = primaryKey(std::move(*columns));
     relation.foreignKeys = reader.readForeignKeys(catalog.name, name);
+    relation.uniqueKeys = reader.readUniqueKeys(catalog.name, name, relation.primaryKey);
     if (!reader.failure().empty()) return Status::database(reader.failure());
     schema.relations[static_cast<std::size_t>(RelationKind::kTable)].push_back(std::move(relation));
   }

@@ -1,6 +1,7 @@
-// Writes the structure as the library's db_structure JSON.
+// Writes the structure as the library's db_structure JSON, and its unique keys as a sentence.
 #include "db/structure.h"
 
+#include <algorithm>
 #include <string_view>
 
 #include "yl/yl_json.h"
@@ -10,33 +11,57 @@ namespace {
 
 constexpr const char* kKindKeys[kRelationKinds] = {"tables", "views", "mviews"};
 
-void addStrings(IYLJsonValue* array, const std::vector<std::string>& items) {
+// A name as it goes between the library's backticks: each backtick within it doubled, as SQL
+// dialects that quote with backticks write it.
+std::string backticked(const std::string& name) {
+  if (name.find('`') == std::string::npos) return name;
+  std::string doubled;
+  doubled.reserve(name.size() + 2);
+  for (const char c : name) {
+    doubled += c;
+    if (c == '`') doubled += '`';
+  }
+  return doubled;
+}
+
+void setName(IYLJsonValue* value, const std::string& name) {
+  value->setStringValue(backticked(name));
+}
+
+void addNames(IYLJsonValue* array, const std::vector<std::string>& names) {
   array->setArrayType();
-  for (const std::string& item : items)
-    array->addArrayItem()->setStringValue(item);
+  for (const std::string& name : names)
+    setName(array->addArrayItem(), name);
+}
+
+// The type with NOT NULL after it when the column says so; a key column says it already.
+std::string typeText(const Column& column, const Relation& relation) {
+  const auto& key = relation.primaryKey;
+  if (!column.notNull || std::find(key.begin(), key.end(), column.name) != key.end())
+    return column.type;
+  return column.type + " NOT NULL";
 }
 
 void addRelation(YLJsonValue* objects, const Relation& relation) {
   YLJsonValue* object = objects->addArrayItem();
-  object->addKeyValue("name")->setStringValue(relation.name);
+  setName(object->addKeyValue("name"), relation.name);
   YLJsonValue* fields = object->addKeyValue("fields");
   fields->setArrayType();
   for (const Column& column : relation.columns) {
     YLJsonValue* field = fields->addArrayItem();
-    field->addKeyValue("name")->setStringValue(column.name);
-    field->addKeyValue("type")->setStringValue(column.type);
+    setName(field->addKeyValue("name"), column.name);
+    field->addKeyValue("type")->setStringValue(typeText(column, relation));
   }
-  if (!relation.primaryKey.empty()) addStrings(object->addKeyValue("pkeys"), relation.primaryKey);
+  if (!relation.primaryKey.empty()) addNames(object->addKeyValue("pkeys"), relation.primaryKey);
   if (relation.foreignKeys.empty()) return;
   YLJsonValue* keys = object->addKeyValue("fkeys");
   keys->setArrayType();
   for (const ForeignKey& foreignKey : relation.foreignKeys) {
     YLJsonValue* entry = keys->addArrayItem();
-    addStrings(entry->addKeyValue("fields"), foreignKey.fields);
-    if (foreignKey.refSchema)
-      entry->addKeyValue("ref_schema")->setStringValue(*foreignKey.refSchema);
-    entry->addKeyValue("ref_table")->setStringValue(foreignKey.refTable);
-    addStrings(entry->addKeyValue("ref_fields"), foreignKey.refFields);
+    addNames(entry->addKeyValue("fields"), foreignKey.fields);
+    if (foreignKey.refSchema) setName(entry->addKeyValue("ref_schema"), *foreignKey.refSchema);
+    setName(entry->addKeyValue("ref_table"), foreignKey.refTable);
+    addNames(entry->addKeyValue("ref_fields"), foreignKey.refFields);
   }
 }
 
@@ -88,7 +113,7 @@ class StructureWriter {
     if (schemaList_ != nullptr) return;
     YLJsonValue* json = root_.addArrayItem();
     json->addKeyValue("catalog_id")->setStringValue("c" + std::to_string(c));
-    json->addKeyValue("catalog_name")->setStringValue(catalog.name);
+    setName(json->addKeyValue("catalog_name"), catalog.name);
     schemaList_ = json->addKeyValue("schemas");
     schemaList_->setArrayType();
   }
@@ -98,7 +123,7 @@ class StructureWriter {
     YLJsonValue* json = schemaList_->addArrayItem();
     json->addKeyValue("schema_id")->setStringValue(std::to_string(c) + "." + std::to_string(s));
     const std::string& name = catalog.schemas[s].name;
-    if (!name.empty()) json->addKeyValue("schema_name")->setStringValue(name);
+    if (!name.empty()) setName(json->addKeyValue("schema_name"), name);
     return json;
   }
 
@@ -131,6 +156,51 @@ std::string structureJson(const Structure& structure, const std::vector<bool>* c
   for (std::size_t c = 0; c < structure.catalogs.size(); ++c)
     writer.writeCatalog(structure.catalogs[c], c);
   return writer.text();
+}
+
+namespace {
+
+// A name as a query writes it: bare when it is a plain lower-case identifier, else between double
+// quotes (which both engines read), its own double quotes doubled.
+std::string sqlName(const std::string& name) {
+  const auto plain = [](char c) { return (c >= 'a' && c <= 'z') || c == '_' || c == '$'; };
+  const auto digit = [](char c) { return c >= '0' && c <= '9'; };
+  const bool bare =
+      !name.empty() && plain(name.front()) &&
+      std::all_of(name.begin(), name.end(), [&](char c) { return plain(c) || digit(c); });
+  if (bare) return name;
+  std::string quoted = "\"";
+  for (const char c : name) {
+    quoted += c;
+    if (c == '"') quoted += '"';
+  }
+  return quoted + '"';
+}
+
+}  // namespace
+
+std::string uniqueKeysInstruction(const Structure& structure, const std::vector<bool>* chosen) {
+  const std::vector<RelationPlace> places = relationPlaces(structure);
+  std::string text;
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    const Relation& relation = relationAt(structure, places[i]);
+    if ((chosen != nullptr && !(*chosen)[i]) || relation.uniqueKeys.empty()) continue;
+    std::string name;
+    if (structure.catalogs.size() > 1)
+      name = sqlName(structure.catalogs[places[i].catalog].name) + ".";
+    const std::string& schema =
+        structure.catalogs[places[i].catalog].schemas[places[i].schema].name;
+    if (!schema.empty()) name += sqlName(schema) + ".";
+    name += sqlName(relation.name);
+    for (const std::vector<std::string>& key : relation.uniqueKeys) {
+      text += text.empty() ? "Unique keys: " : "; ";
+      text += name + "(";
+      for (std::size_t k = 0; k < key.size(); ++k)
+        text += (k == 0 ? "" : ", ") + sqlName(key[k]);
+      text += ")";
+    }
+  }
+  return text.empty() ? text : text + ".";
 }
 
 }  // namespace qorchat

@@ -19,7 +19,8 @@ struct ForeignKey {
 
 struct Column {
   std::string name;
-  std::string type;  // as the database declares it, written into the structure text unchanged
+  std::string type;      // as the database declares it; never empty
+  bool notNull = false;  // the structure text adds NOT NULL to the type, unless in the primary key
 };
 
 struct Relation {
@@ -27,6 +28,9 @@ struct Relation {
   std::vector<Column> columns;
   std::vector<std::string> primaryKey;  // in key order
   std::vector<ForeignKey> foreignKeys;
+  // Unique constraints and unique indexes over plain columns, each once, in key order: not the
+  // primary key, not a partial index, not one over an expression.
+  std::vector<std::vector<std::string>> uniqueKeys{};
 };
 
 // The three kinds of object, in the order the structure text lists them within a schema.
@@ -64,7 +68,15 @@ const Relation& relationAt(const Structure& structure, const RelationPlace& plac
 // The db_structure JSON of the structure. With chosen (one flag per relation, in the order of
 // relationPlaces), only the chosen relations, and the catalogs and schemas that hold them. Each
 // catalog and schema carries an id ("c0", "s0.1") that the library copies into the tree it hands
-// back and never into the text: the tree's lines can be traced back to the relations.
+// back and never into the text: the tree's lines can be traced back to the relations. The library
+// writes names between backticks as they come, so a backtick within a name is doubled here.
 std::string structureJson(const Structure& structure, const std::vector<bool>* chosen = nullptr);
+
+// One sentence for the model naming the unique keys of the relations (all, or those chosen, as
+// for structureJson), such as "Unique keys: users(email); sales.orders(shop_id, number)." A
+// relation is named as a query names it: with its schema, and with its catalog when there are
+// several. Empty when none has a unique key.
+std::string uniqueKeysInstruction(const Structure& structure,
+                                  const std::vector<bool>* chosen = nullptr);
 
 }  // namespace qorchat
