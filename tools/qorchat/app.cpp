@@ -61,15 +61,16 @@ Status App::setUp() {
   Result<std::unique_ptr<Database>> database = openDatabase(target, settings);
   if (!database) return database.status();
 
-  std::unique_ptr<MemoryStore> memory = openMemory((*database)->identity());
+  std::unique_ptr<MemoryStore> memory = openMemory(**database);
   conversation_ = std::make_unique<Conversation>(options_, *service_, display_);
   QORSetHTTPSettings(httpSettings(options_, conversation_->requestObserver()));
   return conversation_->start(
       Conversation::Parts{std::move(*database), std::move(memory), std::move(*key)});
 }
 
-std::unique_ptr<MemoryStore> App::openMemory(const std::string& identity) {
-  const std::string key = std::string(service_->name) + "\n" + identity;
+std::unique_ptr<MemoryStore> App::openMemory(const Database& database) {
+  const ConversationKey key{std::string(service_->name), database.identity(),
+                            database.displayName(), options_.conversationName};
   // One question, a dry run or a listing stands alone: none of them reads or grows the
   // conversation of the interactive runs.
   if (options_.mode == Mode::Converse && !options_.noHistory) {

@@ -29,7 +29,7 @@ class App {
   Status setUp();
   // The conversation store: a file in the state folder for a conversation, memory otherwise or
   // when the file cannot be had (with a warning).
-  std::unique_ptr<MemoryStore> openMemory(const std::string& identity);
+  std::unique_ptr<MemoryStore> openMemory(const Database& database);
 
   int converse();
   int ask();

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <charconv>
+#include <ctime>
 #include <optional>
 #include <ostream>
 #include <system_error>
@@ -10,6 +11,7 @@
 #include "conversation.h"
 #include "display.h"
 #include "format_names.h"
+#include "result_table.h"
 #include "text.h"
 
 namespace qorchat {
@@ -177,6 +179,33 @@ bool reset(Conversation& conversation, Display& display, std::string_view) {
   return true;
 }
 
+bool history(Conversation& conversation, Display& display, std::string_view) {
+  const Result<std::vector<StoredConversation>> stored = conversation.storedConversations();
+  if (!stored) {
+    display.note(stored.status().message());
+    return true;
+  }
+  if (stored->empty()) display.out() << "No stored conversations yet.\n";
+  for (const StoredConversation& entry : *stored) {
+    char date[32] = "";
+    const std::time_t at = static_cast<std::time_t>(entry.lastEntryAt);
+    std::tm local{};
+    if (localtime_r(&at, &local) != nullptr) std::strftime(date, sizeof date, "%Y-%m-%d %H:%M", &local);
+    std::string line = std::string(entry.current ? "* " : "  ") + date + "  " + entry.databaseName +
+                       "  " + entry.service;
+    if (!entry.name.empty()) line += "  --conversation " + entry.name;
+    line += "  (" + std::to_string(entry.entryCount) + " entries)  " +
+            ResultTable::fitted(text::oneLine(entry.firstQuestion), 50);
+    display.out() << terminalSafe(line) << "\n";
+  }
+  return true;
+}
+
+bool forget(Conversation& conversation, Display& display, std::string_view) {
+  if (conversation.forget()) display.out() << "This conversation is deleted; a new one begins.\n";
+  return true;
+}
+
 bool quit(Conversation&, Display&, std::string_view) {
   return false;
 }
@@ -198,7 +227,10 @@ constexpr std::array kCommands{
     Command{"/limit", "", "N", "show at most N rows of a result", &limit},
     Command{"/null", "", "TEXT", "show NULL values as TEXT", &nullText},
     Command{"/timing", "", "[on|off]", "show how long each statement took", &timing},
-    Command{"/reset", "", "", "start a new conversation", &reset},
+    Command{"/reset", "", "", "start a new conversation (the old one stays stored)", &reset},
+    Command{"/history", "", "", "the stored conversations: database, service, date, first question",
+            &history},
+    Command{"/forget", "", "", "delete the current conversation for good", &forget},
     Command{"/quit", "/exit", "", "leave (Ctrl-D too)", &quit},
 };
 

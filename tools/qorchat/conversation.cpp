@@ -551,12 +551,29 @@ Status Conversation::describe(std::string_view name) {
 }
 
 void Conversation::showResumed() {
-  const std::vector<QORHistoryEntry> history = memory_->obtainHistory(2);
-  if (history.size() < 2 || history[0].role != kChatRoleUser) return;
+  const std::optional<Exchange> last = memory_->lastExchange();
+  if (!last) return;
   display_.out() << "Last time you asked: ";
-  display_.showOutside(text::oneLine(history[0].text));
+  display_.showOutside(text::oneLine(last->question));
   display_.out() << "\n";
-  showReply(history[1].text, true);
+  showReply(last->reply, true);
+}
+
+Status Conversation::forget() {
+  const Status status = memory_->forgetConversation();
+  if (!status) {
+    display_.note(status.message());
+    return status;
+  }
+  blocks_ = SqlBlocks();
+  failure_.reset();
+  lastReplyCut_ = false;
+  applyScope("");
+  return Status::ok();
+}
+
+Result<std::vector<StoredConversation>> Conversation::storedConversations() const {
+  return memory_->storedConversations();
 }
 
 Status Conversation::printRequest(const std::string& question) {

@@ -61,6 +61,10 @@ class Conversation {
   Status printRequest(const std::string& question);
   // Starts an empty conversation; the old one stays stored.
   void reset();
+  // Deletes the current conversation's entries for good and starts it empty.
+  Status forget();
+  // The conversations of the store, newest first, each text as it was stored.
+  Result<std::vector<StoredConversation>> storedConversations() const;
 
   // The service's models, or the failure already reported.
   Result<std::vector<std::string>> models();

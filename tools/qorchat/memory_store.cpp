@@ -167,13 +167,6 @@ Result<std::unique_ptr<MemoryStore>> MemoryStore::open(const std::string& path,
   return store;
 }
 
-Result<std::unique_ptr<MemoryStore>> MemoryStore::open(const std::string& path,
-                                                       const std::string& key) {
-  const std::size_t split = std::min(key.find('\n'), key.size());
-  const std::string database = key.substr(std::min(split + 1, key.size()));
-  return open(path, ConversationKey{key.substr(0, split), database, database, ""});
-}
-
 Status MemoryStore::load() {
   const bool inFile = path_ != kInMemory;
   if (inFile) {

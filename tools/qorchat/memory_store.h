@@ -62,10 +62,6 @@ class MemoryStore final : public IQORAssistantMemory {
   // it are kept private to their owner (mode 0600). A file of an earlier layout is brought up to
   // date in place. A failure names the path in one line.
   static Result<std::unique_ptr<MemoryStore>> open(const std::string& path, ConversationKey key);
-  // The default conversation under "service\nidentity", the key callers gave before conversations
-  // had names; the database's name for listings is then its identity. Kept until the callers
-  // give a ConversationKey.
-  static Result<std::unique_ptr<MemoryStore>> open(const std::string& path, const std::string& key);
   ~MemoryStore() override;
   MemoryStore(const MemoryStore&) = delete;
   MemoryStore& operator=(const MemoryStore&) = delete;
