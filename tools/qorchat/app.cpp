@@ -132,9 +132,9 @@ int App::converse() {
   }
   while (true) {
     display_.out().flush();
-    const std::optional<std::string> line = reader.readLine(interactive ? "qorchat> " : "");
-    if (!line) break;
-    const std::string question(text::trimmed(*line));
+    const std::optional<std::string> asked = reader.readQuestion(interactive ? "qorchat> " : "");
+    if (!asked) break;
+    const std::string question(text::trimmed(*asked));
     if (question.empty()) continue;
     if (question.front() == '/') {
       if (!runCommand(*conversation_, display_, question)) break;

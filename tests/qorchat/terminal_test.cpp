@@ -1,0 +1,134 @@
+// Input on a real terminal: the real program on tmux against the loopback service, with the
+// sample shop beside it. Pastes, continued lines, Tab, Ctrl-C at the prompt and the spinner.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
+#include "helpers.h"
+#include "support/loopback_server.h"
+#include "yl/yl.h"
+
+namespace qortest {
+namespace {
+
+using std::chrono::milliseconds;
+
+class QorchatTerminal : public ::testing::Test {
+ protected:
+  void TearDown() override { tmux("kill-server"); }
+
+  int tmux(const std::string& command) const {
+    const std::string socket = "qorchat-input-" + std::to_string(getpid());
+    return std::system(("tmux -L " + socket + " " + command + " >/dev/null 2>&1").c_str());
+  }
+  // qorchat on a terminal this many columns wide; the model answers after the delay.
+  void start(int columns, milliseconds delay = milliseconds(0)) {
+    YLJson reply;
+    reply.addKeyValue("model")->setStringValue("m");
+    IYLJsonValue* message = reply.addKeyValue("message");
+    message->addKeyValue("role")->setStringValue("assistant");
+    message->addKeyValue("content")->setStringValue("the answer");
+    reply.addKeyValue("done")->setBoolValue(true);
+    ScriptedReply scripted{200, reply.obtainJsonString()};
+    scripted.delay = delay;
+    server_.answer("POST", "/api/chat", scripted);
+    const std::string command = "env HOME=" + state_.path.string() +
+                                " XDG_STATE_HOME=" + state_.path.string() + " " + QORCHAT_BINARY +
+                                " --service ollama --model m --host " + server_.baseUrl() +
+                                "; echo EXIT=$?; sleep 30";
+    ASSERT_EQ(
+        tmux("new-session -d -s q -x " + std::to_string(columns) + " -y 30 '" + command + "'"), 0);
+    ASSERT_TRUE(shows("qorchat>")) << screen();
+  }
+  void keys(const std::string& keys) const { tmux("send-keys -t q " + keys); }
+  void paste(const std::string& text) const {
+    const std::filesystem::path file = state_.path / "paste";
+    std::ofstream(file) << text;
+    tmux("load-buffer " + file.string());
+    tmux("paste-buffer -p -t q");  // bracketed, as a terminal sends a paste
+  }
+  std::string screen() const {
+    const std::filesystem::path file = state_.path / "screen";
+    const std::string socket = "qorchat-input-" + std::to_string(getpid());
+    std::system(("tmux -L " + socket + " capture-pane -p -t q > " + file.string()).c_str());
+    std::ifstream in(file);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+  }
+  bool shows(const std::string& text) const {
+    return Program::waitFor([&] { return has(screen(), text); });
+  }
+  bool requests(std::size_t count) const {
+    return Program::waitFor([&] { return server_.requestCount() == count; });
+  }
+
+  TempDir state_;
+  LoopbackServer server_;
+};
+
+// A paste of several lines, lines continued by a backslash and an open fence each make one
+// question; Ctrl-C abandons what was typed and the program stays; Ctrl-D leaves.
+TEST_F(QorchatTerminal, QuestionsSpanLinesAndCtrlCAbandonsOne) {
+  start(100);
+  paste("Which customers\nordered twice?");
+  ASSERT_TRUE(shows("ordered twice?")) << screen();
+  EXPECT_EQ(server_.requestCount(), 0U);  // the paste waits for Enter
+  keys("Enter");
+  ASSERT_TRUE(requests(1));
+  EXPECT_TRUE(has(server_.lastRequest().body, "Which customers\\nordered twice?"));
+
+  keys("'first \\' Enter second Enter");
+  ASSERT_TRUE(requests(2));
+  EXPECT_TRUE(has(server_.lastRequest().body, "first \\nsecond\"")) << server_.lastRequest().body;
+  EXPECT_TRUE(has(screen(), "    ...> second")) << screen();
+
+  keys("'Explain ```sql' Enter 'SELECT 1' Enter '```' Enter");
+  ASSERT_TRUE(requests(3));
+  EXPECT_TRUE(has(server_.lastRequest().body, "Explain ```sql\\nSELECT 1\\n```\""));
+
+  keys("'abandoned words'");
+  ASSERT_TRUE(shows("qorchat> abandoned words")) << screen();
+  keys("C-c");
+  std::this_thread::sleep_for(milliseconds(200));  // a signal: typing on at once could race it
+  keys("'kept question' Enter");
+  ASSERT_TRUE(requests(4));
+  EXPECT_TRUE(has(server_.lastRequest().body, "kept question"));
+  EXPECT_FALSE(has(server_.lastRequest().body, "abandoned"));
+  ASSERT_TRUE(shows("the answer")) << screen();
+  keys("C-d");
+  EXPECT_TRUE(shows("EXIT=0")) << screen();
+}
+
+// Tab completes a command, a table of the sample shop, and lists what several names share.
+TEST_F(QorchatTerminal, TabCompletesCommandsAndNames) {
+  start(100);
+  keys("/hel Tab");
+  EXPECT_TRUE(shows("qorchat> /help")) << screen();
+  keys("C-u 'How many prod' Tab");
+  EXPECT_TRUE(shows("qorchat> How many products")) << screen();
+  keys("C-u 'Count order_i' Tab");
+  EXPECT_TRUE(shows("qorchat> Count order_item")) << screen();
+  keys("Tab");
+  EXPECT_TRUE(shows("order_item_returns  order_items")) << screen();
+  EXPECT_EQ(server_.requestCount(), 0U);
+}
+
+// At 40 columns the spinner's line is cut to fit and redrawn in place, never a new line a tick.
+TEST_F(QorchatTerminal, SpinnerStaysOnOneLineOfANarrowTerminal) {
+  start(40, milliseconds(1500));
+  keys("'How many orders?' Enter");
+  ASSERT_TRUE(shows("waiting for")) << screen();
+  std::this_thread::sleep_for(milliseconds(700));
+  const std::string during = screen();
+  EXPECT_TRUE(has(during, "(Ctrl-C cancels)")) << during;
+  std::size_t spinnerLines = 0;
+  for (std::size_t at = during.find("waiting"); at != std::string::npos;
+       at = during.find("waiting", at + 1))
+    ++spinnerLines;
+  EXPECT_EQ(spinnerLines, 1U) << during;
+  EXPECT_TRUE(shows("the answer")) << screen();
+}
+
+}  // namespace
+}  // namespace qortest
