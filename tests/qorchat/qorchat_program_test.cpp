@@ -286,8 +286,8 @@ TEST_F(QorchatProgram, CtrlCAbandonsTheExchangeOrEndsTheProgram) {
 }
 
 // On a real terminal: the prompt, line editing with the input history, the spinner while the
-// service stalls, and Ctrl-C at the prompt leaving the program.
-TEST_F(QorchatProgram, OnATerminalItEditsLinesShowsProgressAndLeavesOnCtrlC) {
+// service stalls, and Ctrl-D at the prompt leaving the program.
+TEST_F(QorchatProgram, OnATerminalItEditsLinesShowsProgressAndLeavesOnCtrlD) {
   server_.answer("POST", "/api/chat", ollamaReply("terminal answer", milliseconds(1500)));
   const std::string tmux = "tmux -L qorchat-test-" + std::to_string(getpid()) + " ";
   const auto screen = [&] {
@@ -318,7 +318,10 @@ TEST_F(QorchatProgram, OnATerminalItEditsLinesShowsProgressAndLeavesOnCtrlC) {
   const std::string recalled = screen();
   EXPECT_NE(recalled.rfind("qorchat> How many orders?"), recalled.find("qorchat> How many orders?"))
       << recalled;
+  // Ctrl-C clears the recalled line; Ctrl-D on the empty line leaves.
   keys("C-c");
+  std::this_thread::sleep_for(milliseconds(300));
+  keys("C-d");
   EXPECT_TRUE(shows("EXIT=0")) << screen();
   std::system((tmux + "kill-server >/dev/null 2>&1").c_str());
   std::ifstream history(state_.path / "qorchat" / "input_history");

@@ -100,14 +100,17 @@ TEST_F(QorchatTerminal, QuestionsSpanLinesAndCtrlCAbandonsOne) {
   EXPECT_TRUE(shows("EXIT=0")) << screen();
 }
 
-// Tab completes a command, a table of the sample shop, and lists what several names share.
+// Tab completes a command, a view and a column of the sample shop, and lists what several names
+// share.
 TEST_F(QorchatTerminal, TabCompletesCommandsAndNames) {
   start(100);
   keys("/hel Tab");
   EXPECT_TRUE(shows("qorchat> /help")) << screen();
-  keys("C-u 'How many prod' Tab");
-  EXPECT_TRUE(shows("qorchat> How many products")) << screen();
-  keys("C-u 'Count order_i' Tab");
+  keys("C-u 'Sum customer_t' Tab");
+  EXPECT_TRUE(shows("qorchat> Sum customer_totals")) << screen();
+  keys("C-u 'When retu' Tab");
+  EXPECT_TRUE(shows("qorchat> When returned_on")) << screen();
+  keys("C-u 'Count order_it' Tab");
   EXPECT_TRUE(shows("qorchat> Count order_item")) << screen();
   keys("Tab");
   EXPECT_TRUE(shows("order_item_returns  order_items")) << screen();

@@ -7,6 +7,7 @@
 #include <ostream>
 
 #include "commands.h"
+#include "completion.h"
 #include "db/postgres_connection.h"
 #include "setup.h"
 #include "terminal.h"
@@ -124,9 +125,10 @@ int App::converse() {
     conversation_->showResumed();
   }
   LineReader reader(interactive, inputHistoryFile_);
+  reader.setCompletionWords(completionWords(conversation_->structure()));
   if (interactive) {
     conversation_->setConfirm([&reader](const std::string& question) {
-      const std::optional<std::string> answer = reader.readLine(question + " [y/N] ");
+      const std::optional<std::string> answer = reader.readQuestion(question + " [y/N] ");
       return answer && (text::trimmed(*answer) == "y" || text::trimmed(*answer) == "yes");
     });
   }

@@ -10,6 +10,7 @@
 
 #include "conversation.h"
 #include "display.h"
+#include "external_editor.h"
 #include "format_names.h"
 #include "result_table.h"
 #include "text.h"
@@ -179,6 +180,20 @@ bool reset(Conversation& conversation, Display& display, std::string_view) {
   return true;
 }
 
+bool edit(Conversation& conversation, Display& display, std::string_view start) {
+  std::string problem;
+  const std::optional<std::string> question = editInEditor(std::string(start), &problem);
+  if (!question) {
+    display.note(problem.empty() ? "nothing asked: the editor left no text" : problem);
+    return true;
+  }
+  // What the editor gave is asked as it stands; show it, since it never went through the prompt.
+  display.showOutside(*question);
+  display.out() << "\n";
+  (void)conversation.ask(*question, true);
+  return true;
+}
+
 bool history(Conversation& conversation, Display& display, std::string_view) {
   const Result<std::vector<StoredConversation>> stored = conversation.storedConversations();
   if (!stored) {
@@ -228,6 +243,7 @@ constexpr std::array kCommands{
     Command{"/null", "", "TEXT", "show NULL values as TEXT", &nullText},
     Command{"/timing", "", "[on|off]", "show how long each statement took", &timing},
     Command{"/reset", "", "", "start a new conversation (the old one stays stored)", &reset},
+    Command{"/edit", "", "[TEXT]", "write a question in $VISUAL or $EDITOR, then ask it", &edit},
     Command{"/history", "", "", "the stored conversations: database, service, date, first question",
             &history},
     Command{"/forget", "", "", "delete the current conversation for good", &forget},

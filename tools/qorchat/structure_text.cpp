@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <set>
 
 #include "qor.h"
 #include "text.h"
@@ -72,17 +71,6 @@ std::string relationText(const Structure& structure, std::size_t relation) {
   });
   const std::unique_ptr<IQORProperties, FreeObject> properties(scratch->obtainProperties());
   return treeText(properties->obtainValue("db_structure"));
-}
-
-std::vector<std::string> completionNames(const Structure& structure) {
-  std::set<std::string> names;
-  for (const RelationPlace& place : relationPlaces(structure)) {
-    const Relation& relation = relationAt(structure, place);
-    names.insert(relation.name);
-    for (const Column& column : relation.columns)
-      names.insert(column.name);
-  }
-  return {names.begin(), names.end()};
 }
 
 }  // namespace qorchat

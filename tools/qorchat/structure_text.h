@@ -1,7 +1,6 @@
 #pragma once
 // The structure text as the library writes it, read back from the tree of lines its properties
-// hand out: the whole text the model sees, one relation's text for /describe, and the names a
-// user may complete.
+// hand out: the whole text the model sees, and one relation's text for /describe.
 
 #include <cstddef>
 #include <optional>
@@ -23,8 +22,5 @@ std::optional<std::size_t> findRelation(const Structure& structure, std::string_
 
 // The library's text of one relation, with its catalog's and schema's lines.
 std::string relationText(const Structure& structure, std::size_t relation);
-
-// The names of every table, view and column, each once, for completion.
-std::vector<std::string> completionNames(const Structure& structure);
 
 }  // namespace qorchat
