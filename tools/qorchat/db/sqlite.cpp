@@ -81,6 +81,16 @@ std::optional<std::string> cellText(sqlite3_stmt* statement, int column, std::si
   }
 }
 
+// Where a statement that did not compile ends: at the first semicolon that SQLite's own
+// tokenizer says completes a statement (not one inside a string, a comment or a trigger's body),
+// else at the end of the text. Nothing after it runs, but the user is shown only the statement.
+const char* endOfFailedStatement(const char* start, const char* end) {
+  for (const char* at = std::find(start, end, ';'); at != end; at = std::find(at + 1, end, ';')) {
+    if (sqlite3_complete(std::string(start, at + 1).c_str()) != 0) return at + 1;
+  }
+  return end;
+}
+
 // Runs one prepared statement to its end, its rows counted and what the limits allow of the first
 // kept. False when it failed or was stopped.
 bool collectRows(sqlite3_stmt* statement, const RunLimits& limits, StatementResult& result) {
@@ -213,9 +223,9 @@ Result<std::vector<StatementResult>> SqliteDatabase::runReadOnly(const std::stri
     const int prepared = sqlite3_prepare_v2(db_, next, static_cast<int>(end - next), &raw, &tail);
     const std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> statement(raw,
                                                                                &sqlite3_finalize);
-    // A statement that does not compile has no known end: the rest of the text is shown.
-    const char* const statementEnd =
-        prepared == SQLITE_OK && tail != nullptr && tail > next ? tail : end;
+    const char* const statementEnd = prepared == SQLITE_OK && tail != nullptr && tail > next
+                                         ? tail
+                                         : endOfFailedStatement(next, end);
     const std::string_view statementText =
         text::trimmed(std::string_view(next, static_cast<std::size_t>(statementEnd - next)));
     next = statementEnd;
