@@ -77,7 +77,7 @@ void addServiceOptions(CLI::App& app, Options& options) {
   app.add_option("--host", options.host,
                  "Service URL (default: the service's own; Ollama: http://localhost:11434)")
       ->type_name("URL");
-  app.add_option("--model", options.model, "Model name (default: the first the service lists)")
+  app.add_option("--model", options.model, "Model name (default: the one chosen last time, else the newest chat model the service lists)")
       ->type_name("NAME");
   app.add_option("--temperature", options.temperature,
                  "Sampling temperature, 0 to 2; sent only when given (some services take less: "
@@ -323,7 +323,10 @@ CommandLine parseCommandLine(int argc, const char* const* argv, std::ostream& ou
   app.allow_config_extras(CLI::config_extras_mode::error);
   extras.configOption =
       app.set_config("--config", defaultConfigPath(), "Read option defaults from this TOML file");
-  extras.configOption->type_name("FILE");
+  // Help shows the rule, not this user's own path.
+  extras.configOption->type_name("FILE")->option_text("FILE")->description(
+      "Read option defaults from this TOML file (default: $XDG_CONFIG_HOME/qorchat/config.toml, "
+      "or ~/.config/qorchat/config.toml)");
   addDatabaseOptions(app, options, extras);
   addServiceOptions(app, options);
   addOutputOptions(app, options);
