@@ -93,7 +93,11 @@ TEST_F(QorchatProgram, PrintRequestShowsWhatARealRunSendsForEveryService) {
     EXPECT_EQ(printed.out, "POST " + server_.baseUrl() + sent.path +
                                (query.empty() ? "" : "?" + query) + "\n" + sent.body + "\n");
     EXPECT_TRUE(has(sent.body, "CREATE TABLE `order_items`"));
-    EXPECT_TRUE(has(sent.body, "The database is SQLite 3.")) << sent.body;
+    // The engine, the dialect, NOT NULL in a column's type and the unique keys go along.
+    EXPECT_TRUE(has(sent.body, "The database is SQLite 3.") &&
+                has(sent.body, "`email` TEXT NOT NULL") && has(sent.body, "customers(email)"))
+        << sent.body;
+    EXPECT_EQ(has(sent.body, "\"max_tokens\":8192"), std::string(service) == "anthropic");
     EXPECT_FALSE(has(printed.out + printed.err, kKey));
   }
 }
@@ -215,12 +219,17 @@ TEST_F(QorchatProgram, FailuresGiveOneLineAndTheRightStatus) {
       << run.out;
   run = runQorchat({"--version"}, env());
   EXPECT_TRUE(run.status == 0 && run.out.rfind("qorchat ", 0) == 0) << run.out;
+
+  // Output that never reached its file is a failure.
+  const std::string full = "XDG_CONFIG_HOME=" + state_.path.string() + " " + QORCHAT_BINARY +
+                           " --print-request Hi >/dev/full 2>/dev/null";
+  EXPECT_EQ(WEXITSTATUS(std::system(full.c_str())), 1);
 }
 
 // A conversation through a pipe: commands, history sent along, resumed by the next run even when
 // the first was killed outright.
 TEST_F(QorchatProgram, AConversationThroughAPipeLastsAcrossRuns) {
-  reply("first answer");
+  reply("first answer\n```sql\nSELECT count(*) AS n FROM customers;\n```");
   {
     Program program(ollama(), env());
     program.write("/schema\n/bogus\nFirst question\n");
@@ -232,10 +241,14 @@ TEST_F(QorchatProgram, AConversationThroughAPipeLastsAcrossRuns) {
     EXPECT_TRUE(has(program.err(), "unknown command /bogus: type /help")) << program.err();
   }
   reply("second answer");
-  Outcome run = runQorchat(ollama(), env(), "Second question\n");
+  // Taken up: the last exchange is shown, and its block runs as /run 1.
+  Outcome run = runQorchat(ollama(), env(), "/run 1\nSecond question\n");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_TRUE(has(run.err, "resuming the conversation") && has(run.err, "(2 earlier entries)"))
       << run.err;
+  EXPECT_TRUE(has(run.out, "Last time you asked: First question\nfirst answer") &&
+              has(run.out, "(1 row)"))
+      << run.out;
   const std::string body = server_.lastRequest().body;
   const auto first = body.find("First question");
   const auto answer = body.find("first answer");
