@@ -169,8 +169,9 @@ TEST_F(QorchatProgram, TimeoutBoundsTheWholeQuestionWithItsRetries) {
 
 // A reply cut at the length limit says so, and its SQL is not run without asking.
 TEST_F(QorchatProgram, ACutOffReplyIsFlaggedAndItsSqlNotRun) {
-  server_.answer("POST", "/api/chat",
-                 ollamaReply("```sql\nSELECT name FROM customers WHERE", milliseconds(0), "length"));
+  server_.answer(
+      "POST", "/api/chat",
+      ollamaReply("```sql\nSELECT name FROM customers WHERE", milliseconds(0), "length"));
   const Outcome run = runQorchat(ollama({"--ask", "Who?", "--run"}), env());
   EXPECT_EQ(run.status, 1);
   EXPECT_TRUE(has(run.err, "the reply was cut at the service's length limit")) << run.err;

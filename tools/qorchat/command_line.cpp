@@ -77,7 +77,9 @@ void addServiceOptions(CLI::App& app, Options& options) {
   app.add_option("--host", options.host,
                  "Service URL (default: the service's own; Ollama: http://localhost:11434)")
       ->type_name("URL");
-  app.add_option("--model", options.model, "Model name (default: the one chosen last time, else the newest chat model the service lists)")
+  app.add_option("--model", options.model,
+                 "Model name (default: the one chosen last time, else the newest chat model the "
+                 "service lists)")
       ->type_name("NAME");
   app.add_option("--temperature", options.temperature,
                  "Sampling temperature, 0 to 2; sent only when given (some services take less: "

@@ -140,7 +140,8 @@ bool format(Conversation& conversation, Display& display, std::string_view value
   if (!value.empty()) {
     const std::optional<OutputFormat> chosen = parseOutputFormat(value);
     if (!chosen) {
-      display.note("unknown format '" + std::string(value) + "': choose table, csv, json or markdown");
+      display.note("unknown format '" + std::string(value) +
+                   "': choose table, csv, json or markdown");
       return true;
     }
     conversation.format = *chosen;
@@ -205,7 +206,8 @@ bool history(Conversation& conversation, Display& display, std::string_view) {
     char date[32] = "";
     const std::time_t at = static_cast<std::time_t>(entry.lastEntryAt);
     std::tm local{};
-    if (localtime_r(&at, &local) != nullptr) std::strftime(date, sizeof date, "%Y-%m-%d %H:%M", &local);
+    if (localtime_r(&at, &local) != nullptr)
+      std::strftime(date, sizeof date, "%Y-%m-%d %H:%M", &local);
     std::string line = std::string(entry.current ? "* " : "  ") + date + "  " + entry.databaseName +
                        "  " + entry.service;
     if (!entry.name.empty()) line += "  --conversation " + entry.name;

@@ -238,10 +238,10 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
   const std::unique_ptr<IQORMessage, FreeObject> reply(result.first);
   reportWriteFailure();
   if (!reply) {
-    Status status = timedOut ? Status::timedOut("no reply within " +
-                                                std::to_string(options_.timeoutSeconds) +
-                                                " s (--timeout), retries included")
-                             : failureOf(result.second, before, interrupted);
+    Status status =
+        timedOut ? Status::timedOut("no reply within " + std::to_string(options_.timeoutSeconds) +
+                                    " s (--timeout), retries included")
+                 : failureOf(result.second, before, interrupted);
     if (status.kind() == Status::Kind::kCancelled) {
       display_.note("cancelled; the conversation is as it was");
     } else {
@@ -280,9 +280,8 @@ void Conversation::noteReplyEnd(const IQORMessage& reply) {
     case QORReplyEnd::LengthLimit:
       lastReplyCut_ = true;
       display_.warn(std::string("the reply was cut at the service's length limit") +
-                    (service_.type == QORAssistantType::ANTHROPIC
-                         ? "; --max-tokens raises it"
-                         : "; ask for a shorter answer") +
+                    (service_.type == QORAssistantType::ANTHROPIC ? "; --max-tokens raises it"
+                                                                  : "; ask for a shorter answer") +
                     (blocks_.empty() ? "" : ". Its SQL may be incomplete: /run asks first"));
       break;
     case QORReplyEnd::Filtered:
@@ -344,8 +343,7 @@ Status Conversation::runStatements(const std::string& sql, std::string_view what
   for (StatementResult& result : *results) {
     // The database may report Ctrl-C as its own error ("canceling statement due to user
     // request"): it is still the user's stop, with nothing to fix.
-    if (!result.status && interrupted)
-      result.status = Status::cancelled(result.status.message());
+    if (!result.status && interrupted) result.status = Status::cancelled(result.status.message());
     if (!result.status) {
       showPaged(shown, pagerSettingsForStandardOutput(options_.pager), display_.out(),
                 display_.err());
@@ -401,8 +399,7 @@ Status Conversation::explainError() {
   // The database's own words and the statement, as the user would have typed them.
   const FailedStatement failed = *failure_;
   return ask("This statement failed on the " + engine_ + " database:\n\n```sql\n" +
-                 failed.statement +
-                 "\n```\n\nThe database's error: " + failed.error +
+                 failed.statement + "\n```\n\nThe database's error: " + failed.error +
                  "\n\nExplain the error briefly and give a corrected statement.",
              true);
 }
@@ -466,10 +463,10 @@ Status Conversation::chooseModel() {
   if (!listed) return listed.status();
   const std::vector<std::string> chat = chatModels(*listed);
   if (chat.empty()) {
-    Status none = Status::service(std::string(service_.name) + " lists no chat model" +
-                                  (listed->empty() ? "" : " among its " +
-                                                              std::to_string(listed->size())) +
-                                  "; pass --model NAME");
+    Status none =
+        Status::service(std::string(service_.name) + " lists no chat model" +
+                        (listed->empty() ? "" : " among its " + std::to_string(listed->size())) +
+                        "; pass --model NAME");
     display_.note(none.message());
     return none;
   }
@@ -519,9 +516,8 @@ std::optional<double> Conversation::temperature() {
 
 Status Conversation::setTemperature(double wanted) {
   temperatureSet_ = true;
-  assistant_->updateProperties([&](IQORProperties* properties) {
-    properties->setValue("temperature", YLVariant(wanted));
-  });
+  assistant_->updateProperties(
+      [&](IQORProperties* properties) { properties->setValue("temperature", YLVariant(wanted)); });
   // The library brings a value into the service's range; say so rather than change it unseen.
   if (const std::optional<double> now = temperature(); now && std::abs(*now - wanted) > 1e-9) {
     display_.warn(std::string(service_.name) + " takes temperatures in a narrower range: using " +
@@ -538,8 +534,8 @@ std::string Conversation::schemaText() {
 Status Conversation::describe(std::string_view name) {
   const std::optional<std::size_t> relation = findRelation(structure_, name);
   if (!relation) {
-    const Status status = Status::invalidInput("no table or view '" + std::string(name) +
-                                               "': /schema lists what the model sees");
+    Status status = Status::invalidInput("no table or view '" + std::string(name) +
+                                         "': /schema lists what the model sees");
     display_.note(status.message());
     return status;
   }
@@ -560,7 +556,7 @@ void Conversation::showResumed() {
 }
 
 Status Conversation::forget() {
-  const Status status = memory_->forgetConversation();
+  Status status = memory_->forgetConversation();
   if (!status) {
     display_.note(status.message());
     return status;

@@ -18,14 +18,14 @@ namespace qorchat {
 namespace {
 
 // Capabilities that mean a model answers a conversation, in the services' own words.
-constexpr std::array<std::string_view, 4> kChatCapabilities{"generateContent", "completion",
-                                                            "chat", "chat.completions"};
+constexpr std::array<std::string_view, 4> kChatCapabilities{"generateContent", "completion", "chat",
+                                                            "chat.completions"};
 
 // Parts of names that mark a model that cannot hold a conversation, for listings that give no
 // capabilities. Chat models rarely carry them; the cost of a miss is only a worse default.
 constexpr std::array<std::string_view, 14> kNotChatNames{
-    "embed", "tts",    "whisper",   "transcribe", "dall-e",   "image", "moderation",
-    "audio", "speech", "realtime",  "rerank",     "davinci",  "babbage", "sora"};
+    "embed", "tts",    "whisper",  "transcribe", "dall-e",  "image",   "moderation",
+    "audio", "speech", "realtime", "rerank",     "davinci", "babbage", "sora"};
 
 std::string lowered(std::string_view text) {
   std::string lower(text);
@@ -55,25 +55,23 @@ constexpr const char* kModelsFile = "/models";
 
 bool isChatModel(const QORModelEntry& entry) {
   if (!entry.capabilities.empty()) {
-    return std::any_of(entry.capabilities.begin(), entry.capabilities.end(),
-                       [](const std::string& capability) {
-                         return std::find(kChatCapabilities.begin(), kChatCapabilities.end(),
-                                          capability) != kChatCapabilities.end();
-                       });
+    return std::any_of(
+        entry.capabilities.begin(), entry.capabilities.end(), [](const std::string& capability) {
+          return std::find(kChatCapabilities.begin(), kChatCapabilities.end(), capability) !=
+                 kChatCapabilities.end();
+        });
   }
   const std::string name = lowered(entry.name);
-  return std::none_of(kNotChatNames.begin(), kNotChatNames.end(), [&](std::string_view part) {
-    return name.find(part) != std::string::npos;
-  });
+  return std::none_of(kNotChatNames.begin(), kNotChatNames.end(),
+                      [&](std::string_view part) { return name.find(part) != std::string::npos; });
 }
 
 std::vector<std::string> chatModels(std::vector<QORModelEntry> entries) {
   std::erase_if(entries, [](const QORModelEntry& entry) { return !isChatModel(entry); });
   // Undated entries sort as oldest; stable, so they keep the listing's order among themselves.
-  std::stable_sort(entries.begin(), entries.end(),
-                   [](const QORModelEntry& a, const QORModelEntry& b) {
-                     return a.created > b.created;
-                   });
+  std::stable_sort(
+      entries.begin(), entries.end(),
+      [](const QORModelEntry& a, const QORModelEntry& b) { return a.created > b.created; });
   std::vector<std::string> names;
   names.reserve(entries.size());
   for (QORModelEntry& entry : entries)
@@ -104,8 +102,7 @@ std::string rememberedModel(const std::string& folder, std::string_view service)
   std::string line;
   while (std::getline(file, line)) {
     const std::size_t tab = line.find('\t');
-    if (tab != std::string::npos && line.compare(0, tab, service) == 0)
-      return line.substr(tab + 1);
+    if (tab != std::string::npos && line.compare(0, tab, service) == 0) return line.substr(tab + 1);
   }
   return {};
 }
@@ -125,14 +122,14 @@ Status rememberModel(const std::string& folder, std::string_view service,
   choices[std::string(service)] = model;
   std::string content;
   for (const auto& [name, chosen] : choices)
-    content += name + "\t" + chosen + "\n";
+    content.append(name).append("\t").append(chosen).append("\n");
   // Written beside and renamed over, so that a crash leaves the old file or the new one.
   const std::string path = folder + kModelsFile;
   const std::string temporary = path + ".new";
   const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return Status::ioError("cannot write '" + temporary + "': " + std::strerror(errno));
-  const bool written = ::write(fd, content.data(), content.size()) ==
-                       static_cast<ssize_t>(content.size());
+  const bool written =
+      ::write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
   const bool closed = ::close(fd) == 0;
   if (!written || !closed || ::rename(temporary.c_str(), path.c_str()) != 0) {
     const std::string reason = std::strerror(errno);

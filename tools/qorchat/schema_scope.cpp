@@ -2,6 +2,7 @@
 #include "schema_scope.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -327,6 +328,13 @@ void SchemaScope::findNames(std::string_view text, Found&& found) const {
       }
     }
     if (qualified[t]) continue;
+    // A plain word ("hosts") that happens to be a whole name is no sign that the user means that
+    // table rather than another application's icinga_hosts: only a name typed as an identifier
+    // (with an underscore, a digit or a qualifier) is taken as naming the table itself.
+    const bool plainWord = std::all_of(token.text.begin(), token.text.end(), [](char c) {
+      return std::isalpha(static_cast<unsigned char>(c)) != 0;
+    });
+    if (plainWord) continue;
     report(byName_, NameHash().add(token.text).value(),
            [&](std::uint32_t id) { return sameName(relation(id).name, token.text); });
   }

@@ -82,6 +82,9 @@ class SchemaScope {
   const Relation& relation(std::uint32_t id) const { return relationAt(structure_, places_[id]); }
   const Schema& schemaOf(std::uint32_t id) const;
   // Calls found(relation) for every relation the text names, in the order of the text.
+  // Raises the relations within two links of two or more found ones: a many-to-many table, the
+  // chain between two tables the question names.
+  void addBridges(const std::vector<double>& own, std::vector<double>& scores) const;
   template <typename Found>
   void findNames(std::string_view text, Found&& found) const;
 

@@ -2,7 +2,10 @@
 // neighbours by column names where no foreign keys are declared, and the scores.
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <limits>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "schema_scope.h"
@@ -24,6 +27,7 @@ constexpr double kGroupWord = 5;
 constexpr double kFound = 50;  // from here a relation counts as found: its neighbours rise too
 constexpr double kNeighbour = 0.4;
 constexpr double kSecondNeighbour = 0.05;
+constexpr double kBridge = 25;  // within two links of two found relations: what joins them
 constexpr double kSameSchema = 0.5;
 constexpr double kSamePrefix = 1;
 constexpr std::size_t kLongestPhrase = 3;  // adjacent question words joined: "order items"
@@ -279,6 +283,29 @@ void SchemaScope::scoreText(std::string_view text, double weight,
     scores[id] += weight * (nameKeys[id] + std::min(columns[id], kColumnsAtMost));
 }
 
+void SchemaScope::addBridges(const std::vector<double>& own, std::vector<double>& scores) const {
+  constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+  std::vector<std::uint32_t> lastFrom(own.size(), kNone);
+  std::vector<std::uint8_t> from(own.size(), 0);
+  for (std::uint32_t id = 0; id < own.size(); ++id) {
+    if (own[id] < kFound) continue;
+    const auto mark = [&](std::uint32_t n) {
+      if (n == id || lastFrom[n] == id) return;
+      lastFrom[n] = id;
+      if (from[n] < 2) ++from[n];
+    };
+    for (std::uint32_t a = neighbourStart_[id]; a < neighbourStart_[id + 1]; ++a) {
+      const std::uint32_t near = neighbours_[a];
+      mark(near);
+      for (std::uint32_t b = neighbourStart_[near]; b < neighbourStart_[near + 1]; ++b)
+        mark(neighbours_[b]);
+    }
+  }
+  for (std::uint32_t id = 0; id < own.size(); ++id) {
+    if (from[id] >= 2 && own[id] < kFound) scores[id] += kBridge;
+  }
+}
+
 std::vector<double> SchemaScope::score(const std::vector<std::string_view>& texts) const {
   std::vector<double> own(places_.size(), 0);
   for (std::size_t t = 0; t < texts.size(); ++t)
@@ -287,10 +314,23 @@ std::vector<double> SchemaScope::score(const std::vector<std::string_view>& text
   // Neighbours of what was found, and theirs; then what shares a schema or a name prefix with it.
   std::vector<double> scores = own;
   std::vector<double> reached(places_.size(), 0);
+  // The schema the question says most about is most likely the application it means: what is
+  // found in a schema the question barely touches passes on less to its neighbours.
+  std::unordered_map<std::uint32_t, double> evidence;
+  double strongest = 0;
+  for (std::uint32_t id = 0; id < own.size(); ++id) {
+    if (own[id] <= 0) continue;
+    strongest = std::max(strongest, evidence[schemaIndex_[id]] += own[id]);
+  }
   for (std::uint32_t id = 0; id < own.size(); ++id) {
     if (own[id] < kFound) continue;
+    const double likely = evidence[schemaIndex_[id]] / strongest;
+    // A hub (a users or hosts table that dozens reference) says little about each of its
+    // neighbours: what it passes on is shared out, so that it cannot flood the budget.
+    const double degree = neighbourStart_[id + 1] - neighbourStart_[id];
+    const double share = kNeighbour * own[id] * likely / std::max(1.0, std::log2(degree));
     for (std::uint32_t n = neighbourStart_[id]; n < neighbourStart_[id + 1]; ++n)
-      reached[neighbours_[n]] += kNeighbour * own[id];
+      reached[neighbours_[n]] += share;
   }
   for (std::uint32_t id = 0; id < own.size(); ++id) {
     scores[id] += reached[id];
@@ -298,6 +338,7 @@ std::vector<double> SchemaScope::score(const std::vector<std::string_view>& text
     for (std::uint32_t n = neighbourStart_[id]; n < neighbourStart_[id + 1]; ++n)
       scores[neighbours_[n]] += kSecondNeighbour * reached[id];
   }
+  addBridges(own, scores);
   std::unordered_set<std::uint32_t> schemas;
   std::unordered_set<std::string> prefixes;
   for (std::uint32_t id = 0; id < own.size(); ++id) {

@@ -48,7 +48,8 @@ std::optional<std::size_t> findRelation(const Structure& structure, std::string_
   std::optional<std::size_t> caseless;
   for (std::size_t i = 0; i < places.size(); ++i) {
     const Relation& relation = relationAt(structure, places[i]);
-    const std::string& schemaName = structure.catalogs[places[i].catalog].schemas[places[i].schema].name;
+    const std::string& schemaName =
+        structure.catalogs[places[i].catalog].schemas[places[i].schema].name;
     const bool schemaFits = schema.empty() || schemaName == schema;
     if (schemaFits && relation.name == table) return i;
     if (!caseless && (schema.empty() || text::equalsIgnoringCase(schemaName, schema)) &&
