@@ -21,16 +21,13 @@ struct Words {
   const char* qualifier;  // before a relation's name in a query
   const char* unknownColumn;
   const char* interrupted;
-  const char* endless;   // a statement that runs until it is stopped
+  const char* endless;  // a statement that runs until it is stopped
 };
 
 struct SqliteEngine {
   using Class = qorchat::SqliteDatabase;
   static constexpr Words kWords{
-      "",
-      "",
-      "no such column: nosuch",
-      "interrupted",
+      "", "", "no such column: nosuch", "interrupted",
       "WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) SELECT count(*) FROM c"};
   SqliteEngine() { qortest::sqlite(path, ""); }
   std::string catalog() const { return "main"; }
@@ -45,9 +42,7 @@ struct SqliteEngine {
 struct PostgresEngine {
   using Class = qorchat::PostgresDatabase;
   static constexpr Words kWords{
-      "`public`.",
-      "public.",
-      R"(column "nosuch" does not exist)",
+      "`public`.", "public.", R"(column "nosuch" does not exist)",
       "canceling statement due to user request",
       "SELECT count(*) FROM generate_series(1, 100000) a, generate_series(1, 100000) b"};
   std::string catalog() const { return database; }

@@ -90,6 +90,8 @@ std::unique_ptr<MemoryStore> App::openMemory(const Database& database) {
 
 int App::ask() {
   if (!conversation_->chooseModel()) return kExchangeFailed;
+  conversation_->replyOnStandardError =
+      options_.runFirstBlock && options_.format != OutputFormat::Table;
   if (!conversation_->ask(options_.question, false)) return kExchangeFailed;
   if (!options_.runFirstBlock) return 0;
   if (conversation_->blocks().empty()) {
@@ -109,6 +111,16 @@ int App::listModels() {
   for (const std::string& name : *models)
     display_.out() << terminalSafe(name) << "\n";
   return 0;
+}
+
+// A psql user's backslash commands, as qorchat's own: \d NAME, \?, \timing, \x.
+std::string App::psqlHabit(const std::string& line) {
+  static const std::pair<std::string_view, std::string_view> kHabits[] = {
+      {"\\d ", "/describe "}, {"\\?", "/help"}, {"\\timing", "/timing"}, {"\\h", "/help"}};
+  for (const auto& [habit, command] : kHabits) {
+    if (text::startsWith(line, habit)) return std::string(command) + line.substr(habit.size());
+  }
+  return line;
 }
 
 int App::converse() {
@@ -136,8 +148,10 @@ int App::converse() {
     display_.out().flush();
     const std::optional<std::string> asked = reader.readQuestion(interactive ? "qorchat> " : "");
     if (!asked) break;
-    const std::string question(text::trimmed(*asked));
+    std::string question(text::trimmed(*asked));
     if (question.empty()) continue;
+    if (question == "\\q" || question == "exit" || question == "quit") break;
+    question = psqlHabit(question);
     if (question.front() == '/') {
       if (!runCommand(*conversation_, display_, question)) break;
       continue;

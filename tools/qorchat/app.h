@@ -32,6 +32,7 @@ class App {
   std::unique_ptr<MemoryStore> openMemory(const Database& database);
 
   int converse();
+  static std::string psqlHabit(const std::string& line);
   int ask();
   int printRequest();
   int listModels();

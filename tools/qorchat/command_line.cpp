@@ -215,6 +215,9 @@ bool onCommandLine(const std::string& key, int argc, const char* const* argv) {
 std::string describeParseError(const CLI::ParseError& error, const std::string& configFile,
                                int argc, const char* const* argv) {
   const std::string what = error.what();
+  // psql and sqlite3 take the database as a plain argument.
+  if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)
+    return what + " (the database goes after --db: qorchat --db FILE)";
   if (dynamic_cast<const CLI::FileError*>(&error) != nullptr)
     return "--config " + configFile + ": no such file";
   if (configFile.empty()) return what + " (see qorchat --help)";

@@ -41,9 +41,10 @@ bool temperature(Conversation& conversation, Display& display, std::string_view 
   if (!value.empty()) {
     double wanted = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), wanted);
-    if (error != std::errc() || end != value.data() + value.size()) {
+    if (error != std::errc() || end != value.data() + value.size() || !(wanted >= 0) ||
+        wanted > 2) {
       display.note("temperature '" + std::string(value) +
-                   "' is not a number: write e.g. /temperature 0.2");
+                   "' is not a number from 0 to 2: write e.g. /temperature 0.2");
       return true;
     }
     (void)conversation.setTemperature(wanted);

@@ -29,6 +29,10 @@ constexpr const char* kModelPlaceholder = "MODEL";
 constexpr std::size_t kSummaryWidth = 64;
 // How many requests one question may make: the first and the retries of the HTTP settings.
 constexpr int kAttempts = kHttpRetries + 1;
+// The longest value a result in CSV, JSON or Markdown carries: what a statement may make at all.
+constexpr std::size_t kWholeValueBytes = std::size_t{16} * 1024 * 1024;
+// How much of a question taken up again is shown.
+constexpr std::size_t kResumedQuestionWidth = 200;
 
 std::string replyText(const IQORMessage& reply) {
   std::string text;
@@ -207,6 +211,9 @@ Status Conversation::failureOf(const std::string& failure, std::uint64_t exchang
         break;
     }
   }
+  // The service's own words come first; its status says what kind of refusal it was.
+  if (code >= 100 && code < 600)
+    return Status::service("HTTP " + std::to_string(code) + ": " + failure);
   if (code == YLErrorCode::kResponseTooLarge) {
     return Status::service("the reply was larger than the " +
                            std::to_string(kMaxReplyBytes / (std::size_t{1024} * 1024)) +
@@ -257,19 +264,20 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
 }
 
 void Conversation::showReply(const std::string& text, bool listBlocks) {
+  // When the rows that follow are for another program, the reply goes to the person instead.
+  std::ostream& where = replyOnStandardError ? display_.err() : display_.out();
   if (text::trimmed(text).empty()) {
-    display_.out() << "(" << kNoTextReply << ")\n";
+    where << "(" << kNoTextReply << ")\n";
   } else {
-    display_.showOutside(text);
-    display_.out() << "\n";
+    where << terminalSafe(display_.masked(text)) << "\n";
   }
   blocks_ = SqlBlocks(text);
   lastReplyCut_ = false;
   if (!listBlocks) return;
   for (std::size_t i = 0; i < blocks_.size(); ++i) {
     const std::string number = std::to_string(i + 1);
-    display_.out() << "[" << number << "] " << summary(display_.masked(blocks_[i])) << "  (/run "
-                   << number << ")\n";
+    where << "[" << number << "] " << summary(display_.masked(blocks_[i])) << "  (/run " << number
+          << ")\n";
   }
 }
 
@@ -282,7 +290,10 @@ void Conversation::noteReplyEnd(const IQORMessage& reply) {
       display_.warn(std::string("the reply was cut at the service's length limit") +
                     (service_.type == QORAssistantType::ANTHROPIC ? "; --max-tokens raises it"
                                                                   : "; ask for a shorter answer") +
-                    (blocks_.empty() ? "" : ". Its SQL may be incomplete: /run asks first"));
+                    (blocks_.empty() ? ""
+                     : options_.mode == Mode::Converse
+                         ? ". Its SQL may be incomplete: /run asks first"
+                         : ". Its SQL may be incomplete and is not run"));
       break;
     case QORReplyEnd::Filtered:
       display_.warn("the service's content filter stopped the reply (" +
@@ -319,7 +330,11 @@ Status Conversation::runStatements(const std::string& sql, std::string_view what
   {
     ExchangeWatch watch(
         nullptr, spinnerWanted(), [this] { database_->interrupt(); }, "running the statement");
-    results = database_->runReadOnly(sql, RunLimits{maxRows});
+    // A table cuts long values to the screen anyway; the other formats are for programs, which
+    // get values whole (up to what a statement may make at all).
+    const std::size_t valueBytes =
+        format == OutputFormat::Table ? RunLimits().maxValueBytes : kWholeValueBytes;
+    results = database_->runReadOnly(sql, RunLimits{maxRows, valueBytes});
     interrupted = watch.interrupted();
   }
   const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - began;
@@ -340,6 +355,7 @@ Status Conversation::runStatements(const std::string& sql, std::string_view what
     return Status::invalidInput("no statement");
   }
   std::string shown;
+  std::string counts;  // after the rows, so that they never come out above them
   for (StatementResult& result : *results) {
     // The database may report Ctrl-C as its own error ("canceling statement due to user
     // request"): it is still the user's stop, with nothing to fix.
@@ -351,8 +367,12 @@ Status Conversation::runStatements(const std::string& sql, std::string_view what
       return result.status;
     }
     shown += formatted(result, results->size() > 1);
+    if (format == OutputFormat::Csv || format == OutputFormat::Json)
+      counts += rowCountFooter(result) + "\n";
   }
   showPaged(shown, pagerSettingsForStandardOutput(options_.pager), display_.out(), display_.err());
+  display_.out().flush();
+  display_.err() << counts;
   if (timing) display_.err() << "Time: " << text::milliseconds(took.count()) << "\n";
   display_.out().flush();
   return Status::ok();
@@ -367,9 +387,6 @@ std::string Conversation::formatted(const StatementResult& result, bool labelled
   // Several statements: each result says which statement it belongs to.
   if (labelled && format == OutputFormat::Table) text += "-- " + summary(result.statement) + "\n";
   text += formatResult(result, settings);
-  // Other programs read CSV and JSON whole; the count is for the person watching.
-  if (format == OutputFormat::Csv || format == OutputFormat::Json)
-    display_.err() << rowCountFooter(result) << "\n";
   return text;
 }
 
@@ -398,6 +415,7 @@ Status Conversation::explainError() {
   }
   // The database's own words and the statement, as the user would have typed them.
   const FailedStatement failed = *failure_;
+  failure_.reset();  // asked once; the model's fix is the next thing to run
   return ask("This statement failed on the " + engine_ + " database:\n\n```sql\n" +
                  failed.statement + "\n```\n\nThe database's error: " + failed.error +
                  "\n\nExplain the error briefly and give a corrected statement.",
@@ -472,7 +490,9 @@ Status Conversation::chooseModel() {
   }
   setModel(chat.front());
   display_.note("using model " + model_ + " (the newest chat model " + std::string(service_.name) +
-                " lists; /models lists the others, /model NAME switches)");
+                (options_.mode == Mode::Converse
+                     ? " lists; /models lists the others, /model NAME switches)"
+                     : " lists; --model NAME chooses another)"));
   remember();
   return Status::ok();
 }
@@ -487,6 +507,11 @@ void Conversation::remember() {
 
 Status Conversation::switchModel(const std::string& name) {
   const Result<std::vector<std::string>> listed = models();
+  // Ollama lists a model pulled as "llama3.2" under "llama3.2:latest".
+  if (listed && std::find(listed->begin(), listed->end(), name) == listed->end() &&
+      std::find(listed->begin(), listed->end(), name + ":latest") != listed->end()) {
+    return switchModel(name + ":latest");
+  }
   if (listed && std::find(listed->begin(), listed->end(), name) == listed->end()) {
     std::string message = std::string(service_.name) + " lists no model '" + name + "'";
     const std::vector<std::string> near = nearNames(name, *listed);
@@ -550,7 +575,7 @@ void Conversation::showResumed() {
   const std::optional<Exchange> last = memory_->lastExchange();
   if (!last) return;
   display_.out() << "Last time you asked: ";
-  display_.showOutside(text::oneLine(last->question));
+  display_.showOutside(ResultTable::fitted(text::oneLine(last->question), kResumedQuestionWidth));
   display_.out() << "\n";
   showReply(last->reply, true);
 }

@@ -94,6 +94,8 @@ class Conversation {
   std::size_t maxRows = 100;
   std::string nullText;
   bool timing = false;
+  // The reply and its blocks go to standard error: --ask --run whose rows are CSV or JSON.
+  bool replyOnStandardError = false;
   const std::string& scopeInstruction() const { return scopeInstruction_; }
 
   const SqlBlocks& blocks() const { return blocks_; }

@@ -23,9 +23,10 @@ constexpr std::array<std::string_view, 4> kChatCapabilities{"generateContent", "
 
 // Parts of names that mark a model that cannot hold a conversation, for listings that give no
 // capabilities. Chat models rarely carry them; the cost of a miss is only a worse default.
-constexpr std::array<std::string_view, 14> kNotChatNames{
-    "embed", "tts",    "whisper",  "transcribe", "dall-e",  "image",   "moderation",
-    "audio", "speech", "realtime", "rerank",     "davinci", "babbage", "sora"};
+constexpr std::array<std::string_view, 17> kNotChatNames{
+    "embed",      "tts",   "whisper", "transcribe", "dall-e",      "image",
+    "moderation", "audio", "speech",  "realtime",   "rerank",      "davinci",
+    "babbage",    "sora",  "codex",   "search",     "computer-use"};
 
 std::string lowered(std::string_view text) {
   std::string lower(text);

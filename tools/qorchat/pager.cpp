@@ -109,6 +109,9 @@ Result<RunningPager> startPager(const std::string& command) {
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
 
   pid_t pid = 0;
+  // A NULL is dimmed with an escape sequence: a less the user names without options would show
+  // it raw. Options of the user's own win, as with other programs that page.
+  ::setenv("LESS", "FRSX", 0);
   const int error = ::posix_spawnp(&pid, argv[0], &actions, &attributes, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attributes);
