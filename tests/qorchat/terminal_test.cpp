@@ -110,6 +110,8 @@ TEST_F(QorchatTerminal, TabCompletesCommandsAndNames) {
   EXPECT_TRUE(shows("qorchat> Sum customer_totals")) << screen();
   keys("C-u 'When retu' Tab");
   EXPECT_TRUE(shows("qorchat> When returned_on")) << screen();
+  keys("C-u '/format c' Tab");
+  EXPECT_TRUE(shows("qorchat> /format csv")) << screen();
   keys("C-u 'Count order_it' Tab");
   EXPECT_TRUE(shows("qorchat> Count order_item")) << screen();
   keys("Tab");

@@ -63,6 +63,8 @@ bool schema(Conversation& conversation, Display& display, std::string_view) {
   const std::string text = conversation.schemaText();
   display.showOutside(text);
   // About four bytes a token for this kind of text; a model's own tokenizer decides.
+  if (const std::string keys = conversation.uniqueKeysText(); !keys.empty())
+    display.showOutside("-- " + keys + "\n");
   display.out() << "-- " << text.size() << " bytes, about " << (text.size() + 3) / 4 << " tokens\n";
   if (!conversation.scopeInstruction().empty()) {
     display.out() << "-- " << conversation.scopeInstruction() << " (--schema-budget "
@@ -241,7 +243,7 @@ constexpr std::array kCommands{
     Command{"/sql", "", "STATEMENT", "run your own statement, read-only like the model's", &sql},
     Command{"/describe", "/d", "NAME", "one table or view as the model sees it", &describe},
     Command{"/schema", "", "", "the database text the model sees, with its size", &schema},
-    Command{"/format", "", "FORMAT", "show rows as table, csv, json or markdown", &format},
+    Command{"/format", "", "table|csv|json|markdown", "how rows are shown", &format},
     Command{"/limit", "", "N", "show at most N rows of a result", &limit},
     Command{"/null", "", "TEXT", "show NULL values as TEXT", &nullText},
     Command{"/timing", "", "[on|off]", "show how long each statement took", &timing},
@@ -265,8 +267,10 @@ std::string commandHelp() {
   for (const Command& command : kCommands) {
     std::string usage(command.name);
     if (!command.argument.empty()) usage += " " + std::string(command.argument);
-    text += "  " + usage + std::string(usage.size() < kColumn ? kColumn - usage.size() : 1, ' ') +
-            std::string(command.help) + "\n";
+    // A usage too long for the column gets a line of its own.
+    const std::string gap = usage.size() < kColumn ? std::string(kColumn - usage.size(), ' ')
+                                                   : "\n" + std::string(kColumn + 2, ' ');
+    text += "  " + usage + gap + std::string(command.help) + "\n";
   }
   text += "Anything else is a question for the model. Ctrl-C cancels a question in flight.\n";
   return text;

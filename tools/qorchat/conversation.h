@@ -97,6 +97,10 @@ class Conversation {
   // The reply and its blocks go to standard error: --ask --run whose rows are CSV or JSON.
   bool replyOnStandardError = false;
   const std::string& scopeInstruction() const { return scopeInstruction_; }
+  // The unique keys the model is told of, for the relations it sees.
+  std::string uniqueKeysText() const {
+    return uniqueKeysInstruction(structure_, appliedChoice_.empty() ? nullptr : &appliedChoice_);
+  }
 
   const SqlBlocks& blocks() const { return blocks_; }
   const Options& options() const { return options_; }

@@ -24,6 +24,29 @@
 namespace qorchat {
 namespace {
 
+// The words a command's argument may be, where the command table spells them out
+// ("table|csv|json|markdown", "[on|off]"); none for a free argument such as NAME.
+std::vector<std::string> argumentChoices(std::string_view line) {
+  const std::size_t blank = line.find(' ');
+  if (line.empty() || line.front() != '/' || blank == std::string_view::npos) return {};
+  const std::string_view name = line.substr(0, blank);
+  for (const Command& command : allCommands()) {
+    if (name != command.name && name != command.alias) continue;
+    std::string_view argument = command.argument;
+    if (argument.find('|') == std::string_view::npos) return {};
+    if (argument.size() > 2 && argument.front() == '[')
+      argument = argument.substr(1, argument.size() - 2);
+    std::vector<std::string> choices;
+    for (std::size_t from = 0; from <= argument.size();) {
+      const std::size_t bar = std::min(argument.find('|', from), argument.size());
+      choices.emplace_back(argument.substr(from, bar - from));
+      from = bar + 1;
+    }
+    return choices;
+  }
+  return {};
+}
+
 constexpr wchar_t kCtrlC = L'\x03';
 constexpr std::string_view kPasteOn = "\033[?2004h";
 constexpr std::string_view kPasteOff = "\033[?2004l";
@@ -224,7 +247,9 @@ unsigned char LineEditor::onTab(EditLine* editLine, int) {
   LineEditor& self = of(editLine);
   const LineInfo* line = el_line(editLine);
   const std::string before(line->buffer, line->cursor);
-  const Completion completion = completeAt(before, self.commands_, self.words_);
+  const std::vector<std::string> choices = argumentChoices(before);
+  const Completion completion = choices.empty() ? completeAt(before, self.commands_, self.words_)
+                                                : completeAt(before, {}, choices);
   if (completion.matches.empty()) return CC_REFRESH_BEEP;
   const std::string typed = before.substr(completion.from);
   const std::string replacement = completion.matches.size() == 1 ? completion.matches.front() + " "
