@@ -24,7 +24,7 @@ class QorchatTerminal : public ::testing::Test {
     return std::system(("tmux -L " + socket + " " + command + " >/dev/null 2>&1").c_str());
   }
   // qorchat on a terminal this many columns wide; the model answers after the delay.
-  void start(int columns, milliseconds delay = milliseconds(0)) {
+  void start(int columns, milliseconds delay = milliseconds(0), const std::string& env = "") {
     YLJson reply;
     reply.addKeyValue("model")->setStringValue("m");
     IYLJsonValue* message = reply.addKeyValue("message");
@@ -34,7 +34,7 @@ class QorchatTerminal : public ::testing::Test {
     ScriptedReply scripted{200, reply.obtainJsonString()};
     scripted.delay = delay;
     server_.answer("POST", "/api/chat", scripted);
-    const std::string command = "env HOME=" + state_.path.string() +
+    const std::string command = "env " + env + " HOME=" + state_.path.string() +
                                 " XDG_STATE_HOME=" + state_.path.string() + " " + QORCHAT_BINARY +
                                 " --service ollama --model m --host " + server_.baseUrl() +
                                 "; echo EXIT=$?; sleep 30";
@@ -133,6 +133,25 @@ TEST_F(QorchatTerminal, SpinnerStaysOnOneLineOfANarrowTerminal) {
     ++spinnerLines;
   EXPECT_EQ(spinnerLines, 1U) << during;
   EXPECT_TRUE(shows("the answer")) << screen();
+}
+
+// Rows on a real terminal: a row too wide for 40 columns turns vertical, and what is taller than
+// the terminal goes through $PAGER, here a script that keeps what it is given.
+TEST_F(QorchatTerminal, WideRowsTurnVerticalAndLongOutputIsPaged) {
+  const std::filesystem::path pager = state_.path / "pager.sh", paged = state_.path / "paged";
+  std::ofstream(pager) << "#!/bin/sh\ncat > " << paged.string() << "\n";
+  std::filesystem::permissions(pager, std::filesystem::perms::owner_all);
+  start(40, milliseconds(0), "PAGER=" + pager.string());
+  keys("'/sql SELECT * FROM customers WHERE id = 1' Enter");
+  EXPECT_TRUE(shows("-[ RECORD 1 ]")) << screen();
+  keys(
+      "'/sql WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 60) "
+      "SELECT i FROM n' Enter");
+  EXPECT_TRUE(Program::waitFor([&] {
+    std::ifstream in(paged);
+    return has(std::string(std::istreambuf_iterator<char>(in), {}), "\n60\n(60 rows)\n");
+  }));
+  EXPECT_FALSE(has(screen(), "(60 rows)")) << screen();
 }
 
 }  // namespace
