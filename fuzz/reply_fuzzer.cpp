@@ -10,6 +10,7 @@
 // - a listing that fails gives no names;
 // - a failure text is at most the body and one of the library's sentences.
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -123,11 +124,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     after.push_back({kChatRoleUser, "question"});
     after.push_back({kChatRoleAssistant, text});
     check(sameHistory(service.memory.history, after), "a success adds the question and reply");
+    const auto* details = dynamic_cast<const IQORReplyDetails*>(message);
+    check(details != nullptr, "a reply says how it ended");
+    const QORTokenUsage usage = details->obtainUsage();
+    check(usage.inputTokens >= -1 && usage.outputTokens >= -1, "a token count or -1");
     QORFreeObject(message);
   } else {
     const auto [names, failure] = service.assistant->obtainAvailableModels();
     check(failure.empty() || names.empty(), "a failed listing gives no names", failure);
     check(failure.size() <= longestFailure, "a failure text is the body or a sentence", failure);
+    // The whole catalogue fails as the listing does, and holds every name the listing gives.
+    auto* catalogue = dynamic_cast<IQORModelCatalogue*>(service.assistant.get());
+    check(catalogue != nullptr, "an assistant has a catalogue");
+    const auto [entries, catalogueFailure] = catalogue->obtainModelCatalogue();
+    check(catalogueFailure == failure, "the catalogue fails as the listing does", catalogueFailure);
+    for (const std::string& name : names) {
+      check(std::any_of(entries.begin(), entries.end(),
+                        [&](const QORModelEntry& entry) { return entry.name == name; }),
+            "a listed name is in the catalogue", name);
+    }
   }
   return 0;
 }
