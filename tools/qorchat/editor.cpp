@@ -131,9 +131,10 @@ LineEditor::LineEditor(std::atomic<bool>& interrupted, std::string historyFile)
   el_set(editLine_, EL_HIST, history, history_);
   el_set(editLine_, EL_PROMPT, &LineEditor::promptOf);
   el_set(editLine_, EL_GETCFN, &LineEditor::readCharacter);
-  el_set(editLine_, EL_ADDFN, "qorchat-interrupt", "abandon the line", &LineEditor::onInterrupt);
-  el_set(editLine_, EL_ADDFN, "qorchat-paste", "take a bracketed paste", &LineEditor::onPaste);
-  el_set(editLine_, EL_ADDFN, "qorchat-complete", "complete a name", &LineEditor::onTab);
+  // The wide form keeps our own strings: the narrow one copies them and never frees the copies.
+  el_wset(editLine_, EL_ADDFN, L"qorchat-interrupt", L"abandon the line", &LineEditor::onInterrupt);
+  el_wset(editLine_, EL_ADDFN, L"qorchat-paste", L"take a bracketed paste", &LineEditor::onPaste);
+  el_wset(editLine_, EL_ADDFN, L"qorchat-complete", L"complete a name", &LineEditor::onTab);
   el_source(editLine_, nullptr);
   // After the user's editrc: these keys are qorchat's.
   el_set(editLine_, EL_BIND, "^C", "qorchat-interrupt", nullptr);
