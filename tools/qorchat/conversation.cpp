@@ -155,6 +155,18 @@ YLVariantMap Conversation::systemInstructions(const std::vector<bool>* chosen) c
   };
 }
 
+std::string Conversation::reachedThrough() const {
+  // With a proxy, the proxy may be what did not answer. Its user and password are never shown.
+  if (options_.proxy.empty()) return effectiveHost();
+  std::string proxy = options_.proxy;
+  const std::size_t scheme = proxy.find("://");
+  const std::size_t hostStart = scheme == std::string::npos ? 0 : scheme + 3;
+  const std::size_t at = proxy.find('@', hostStart);
+  if (at != std::string::npos && at < proxy.find('/', hostStart))
+    proxy.replace(hostStart, at - hostStart, "****");
+  return effectiveHost() + " (through the proxy " + proxy + ")";
+}
+
 std::chrono::milliseconds Conversation::questionDeadline() const {
   return std::chrono::seconds(options_.timeoutSeconds);
 }
@@ -253,7 +265,7 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
       display_.note("cancelled; the conversation is as it was");
     } else {
       reportExchangeFailure(display_, std::string(service_.name) + " failed", status, service_,
-                            effectiveHost());
+                            reachedThrough());
     }
     return status;
   }
@@ -455,7 +467,7 @@ Result<std::vector<QORModelEntry>> Conversation::catalogue() {
                                   " s (--timeout)")
                : failureOf(listing.second, before, interrupted);
   reportExchangeFailure(display_, "cannot list the models of " + std::string(service_.name), status,
-                        service_, effectiveHost());
+                        service_, reachedThrough());
   return status;
 }
 

@@ -127,6 +127,8 @@ class Conversation {
   void reportStatementFailure(const StatementResult& result);
   bool spinnerWanted() const;
   std::string effectiveHost() const;
+  // The host, and the proxy when one stands between.
+  std::string reachedThrough() const;
   // The whole listing, undated models included; a failure is reported.
   Result<std::vector<QORModelEntry>> catalogue();
   // Keeps the model for this service's next run.
