@@ -270,7 +270,7 @@ std::string commandHelp() {
     // A usage too long for the column gets a line of its own.
     const std::string gap = usage.size() < kColumn ? std::string(kColumn - usage.size(), ' ')
                                                    : "\n" + std::string(kColumn + 2, ' ');
-    text += "  " + usage + gap + std::string(command.help) + "\n";
+    text.append("  ").append(usage).append(gap).append(command.help).append("\n");
   }
   text += "Anything else is a question for the model. Ctrl-C cancels a question in flight.\n";
   return text;
