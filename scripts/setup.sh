@@ -15,13 +15,13 @@ case "${1:-}" in
 esac
 
 # The compiler and build tools, libcurl and RapidJSON under the library, CLI11, libedit, SQLite
-# (and its shell, which builds the sample), libpq and PostgreSQL's parser under qorchat, and the
-# certificates HTTPS needs.
+# (and its shell, which builds the sample), libpq, PostgreSQL's parser and md4c under qorchat, and
+# the certificates HTTPS needs.
 packages=(
   build-essential cmake ninja-build pkg-config
   libcurl4-openssl-dev rapidjson-dev ca-certificates
   libcli11-dev libedit-dev libsqlite3-dev sqlite3
-  libpq-dev libpg-query-dev
+  libpq-dev libpg-query-dev libmd4c-dev
 )
 # GoogleTest and a real HTTP(S) server for the tests (with openssl to make certificates), Google
 # Benchmark and simdjson for the benchmarks, a throwaway PostgreSQL cluster, clang-14 and its
