@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "instructions.h"
+#include "markdown.h"
 #include "model_choice.h"
 #include "output_format.h"
 #include "pager.h"
@@ -167,6 +168,11 @@ std::string Conversation::reachedThrough() const {
   return effectiveHost() + " (through the proxy " + proxy + ")";
 }
 
+bool Conversation::colorWanted() const {
+  const char* noColor = std::getenv("NO_COLOR");
+  return options_.color && (noColor == nullptr || *noColor == '\0');
+}
+
 std::chrono::milliseconds Conversation::questionDeadline() const {
   return std::chrono::seconds(options_.timeoutSeconds);
 }
@@ -280,6 +286,11 @@ void Conversation::showReply(const std::string& text, bool listBlocks) {
   std::ostream& where = replyOnStandardError ? display_.err() : display_.out();
   if (text::trimmed(text).empty()) {
     where << "(" << kNoTextReply << ")\n";
+  } else if (const std::optional<TerminalSize> terminal = terminalSizeOf(STDOUT_FILENO);
+             terminal && !replyOnStandardError && colorWanted()) {
+    // On a terminal the reply's Markdown is laid out for it; the renderer makes every piece of
+    // the text safe and adds only its own styling.
+    where << renderMarkdown(display_.masked(text), MarkdownStyle{terminal->columns, true});
   } else {
     where << terminalSafe(display_.masked(text)) << "\n";
   }
@@ -392,9 +403,8 @@ Status Conversation::runStatements(const std::string& sql, std::string_view what
 
 std::string Conversation::formatted(const StatementResult& result, bool labelled) const {
   const std::optional<TerminalSize> terminal = terminalSizeOf(STDOUT_FILENO);
-  const char* noColor = std::getenv("NO_COLOR");
   const OutputSettings settings{format, nullText, terminal ? terminal->columns : 0,
-                                terminal && options_.color && (noColor == nullptr || !*noColor)};
+                                terminal && colorWanted()};
   std::string text;
   // Several statements: each result says which statement it belongs to.
   if (labelled && format == OutputFormat::Table) text += "-- " + summary(result.statement) + "\n";

@@ -143,6 +143,8 @@ class Conversation {
   // A result in the chosen format, for standard output; a count goes to standard error.
   std::string formatted(const StatementResult& result, bool labelled) const;
   std::chrono::milliseconds questionDeadline() const;
+  // Colour unless --no-color or NO_COLOR says otherwise; the caller checks for a terminal.
+  bool colorWanted() const;
 
   const Options& options_;
   const Service& service_;
