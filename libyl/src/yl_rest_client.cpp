@@ -265,6 +265,8 @@ Attempt YLCurlRestClient::send(const YLRestRequest& request, const std::string& 
   Exchange exchange;
   exchange.easy = easy_;
   exchange.maxBodyBytes = settings_->maxResponseBytes;
+  exchange.pieceHandler = &request.bodyPieceHandler();
+  exchange.inFlight = &inFlight;
 
   CurlOptions options(easy_);
   options.set(CURLOPT_URL, url)
@@ -300,7 +302,8 @@ Attempt YLCurlRestClient::send(const YLRestRequest& request, const std::string& 
     }
     if (standIn) {
       if (inFlight.cancelRequested()) return {YLErrorCode::kCancelled};
-      return acceptStandIn(std::move(*standIn), settings_->maxResponseBytes, response);
+      return acceptStandIn(std::move(*standIn), settings_->maxResponseBytes,
+                           &request.bodyPieceHandler(), response);
     }
   }
   return receive(exchange, response, inFlight);
@@ -333,8 +336,9 @@ Attempt YLCurlRestClient::receive(Exchange& exchange, YLRestResourceResponse& re
     return {acceptReply(status, std::move(exchange.headers), {}, true, response)};
   }
   if (result != CURLE_OK) {
+    // Pieces already handed on cannot be taken back: such a request is never sent again.
     return {YLErrorCode::kCurlCodeBase + result,
-            isRetryableTransport(result, exchange.replyStarted)};
+            exchange.streamedBytes == 0 && isRetryableTransport(result, exchange.replyStarted)};
   }
   return replyAttempt(
       acceptReply(status, std::move(exchange.headers), std::move(exchange.body), false, response),

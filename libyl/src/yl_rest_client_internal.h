@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <random>
@@ -120,11 +121,19 @@ std::chrono::milliseconds retryDelay(const YLRestGlobalSettings& settings, int r
 
 // --- The reply (yl_rest_reply.cpp) ---
 
+// The request's body-piece function, or null when the whole body is kept.
+using BodyPieceHandler = std::function<void(std::string_view piece)>;
+
 // What the callbacks of one exchange collect.
 struct Exchange {
   CURL* easy = nullptr;
   std::size_t maxBodyBytes = 0;
   std::string body;
+  // A 2xx body goes to the handler instead of body; streamedBytes counts it against the limit.
+  const BodyPieceHandler* pieceHandler = nullptr;
+  const YLPoolExchange* inFlight = nullptr;
+  bool streaming = false;
+  std::size_t streamedBytes = 0;
   YLParamList headers;
   std::size_t headerBytes = 0;
   // Any byte of a reply, its status line included: a request that timed out before that may be
@@ -138,6 +147,9 @@ struct Exchange {
   bool isIdentityCoded() const;
   // Runs once, at the first bytes of the final reply's body.
   bool acceptBodyStart();
+  // Whether the final reply's body goes to the piece handler: there is one, and the status is 2xx.
+  bool startsStream() const;
+  bool handOn(std::string_view piece);
 };
 
 // curl's write and header callbacks; their user pointer is the Exchange.
@@ -151,8 +163,9 @@ std::int32_t acceptReply(long status, YLParamList headers, std::string body, boo
                          YLRestResourceResponse& response);
 // A request hook's reply, held to the limits of a real one; its header lines are counted as they
 // would arrive.
+// A 2xx stand-in body goes to the piece handler, when there is one, as a single piece.
 Attempt acceptStandIn(YLStandInReply standIn, std::size_t maxBodyBytes,
-                      YLRestResourceResponse& response);
+                      const BodyPieceHandler* pieceHandler, YLRestResourceResponse& response);
 // A response as a new one is: each attempt and each redirect hop starts from nothing, so that a
 // failure never shows what an earlier one received.
 void clearResponse(YLRestResourceResponse& response);

@@ -10,6 +10,7 @@
 
 #include "yl/yl_util.h"
 #include "yl_rest_client_internal.h"
+#include "yl_rest_internal.h"
 
 namespace ylrest {
 namespace {
@@ -42,6 +43,31 @@ bool Exchange::acceptBodyStart() {
   return true;
 }
 
+bool Exchange::startsStream() const {
+  if (pieceHandler == nullptr || !*pieceHandler) return false;
+  long status = 0;
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+  return status >= 200 && status <= 299;
+}
+
+// A piece of a streamed body, handed on within the limit; false ends the transfer.
+bool Exchange::handOn(std::string_view piece) {
+  // A cancel stops the pieces at once rather than at the transfer's next turn.
+  if (inFlight != nullptr && inFlight->cancelRequested()) return false;
+  if (piece.size() > maxBodyBytes - streamedBytes) {
+    tooLarge = true;
+    return false;
+  }
+  streamedBytes += piece.size();
+  try {
+    (*pieceHandler)(piece);
+  } catch (...) {
+    // An exception must not unwind through curl.
+    return false;
+  }
+  return true;
+}
+
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
   auto* exchange = static_cast<Exchange*>(user);
   const std::size_t bytes = size * count;
@@ -51,7 +77,9 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) 
       exchange->tooLarge = true;
       return 0;
     }
+    exchange->streaming = exchange->startsStream();
   }
+  if (exchange->streaming) return exchange->handOn(std::string_view(data, bytes)) ? bytes : 0;
   // The bytes are decoded already; the body never grows past the limit, so this cannot underflow.
   if (bytes > exchange->maxBodyBytes - exchange->body.size()) {
     exchange->tooLarge = true;
@@ -76,6 +104,7 @@ std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user
     exchange->headerBytes = 0;
     exchange->body.clear();
     exchange->bodyStarted = false;
+    exchange->streaming = false;
     return bytes;
   }
   if (line.empty()) return bytes;
@@ -113,11 +142,21 @@ std::int32_t acceptReply(long status, YLParamList headers, std::string body, boo
 }
 
 Attempt acceptStandIn(YLStandInReply standIn, std::size_t maxBodyBytes,
-                      YLRestResourceResponse& response) {
+                      const BodyPieceHandler* pieceHandler, YLRestResourceResponse& response) {
   std::size_t headerBytes = 0;
   for (const auto& [name, value] : standIn.headers)
     headerBytes += name.size() + value.size() + 4;
   const bool tooLarge = headerBytes > kMaxHeaderBytes || standIn.body.size() > maxBodyBytes;
+  const bool success = standIn.statusCode >= 200 && standIn.statusCode <= 299;
+  if (!tooLarge && success && pieceHandler != nullptr && *pieceHandler) {
+    try {
+      if (!standIn.body.empty()) (*pieceHandler)(standIn.body);
+    } catch (...) {
+      clearResponse(response);
+      return {YLErrorCode::kCurlCodeBase + CURLE_WRITE_ERROR};
+    }
+    standIn.body.clear();
+  }
   return replyAttempt(acceptReply(standIn.statusCode, std::move(standIn.headers),
                                   std::move(standIn.body), tooLarge, response),
                       response);

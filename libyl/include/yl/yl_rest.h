@@ -203,12 +203,26 @@ class YL_EXPORT YLRestRequest {
   // Sent after the session's headers.
   virtual void addHeaderParams(const YLParamList& params);
 
+  // A reply read as it arrives: the body of a 2xx reply goes to this function piece by piece, on
+  // the exchange's thread, and not into the response, whose body stays empty. The pieces count
+  // against the settings' reply-size limit, the time limits still apply, and a cancel ends the
+  // exchange between two pieces. Another status keeps its whole body as usual. A request that has
+  // handed over a piece is never sent again. The function must not throw: an exception ends the
+  // exchange with a write failure. Empty (the default) keeps the whole body.
+  void setBodyPieceHandler(std::function<void(std::string_view piece)> handler) {
+    bodyPieceHandler_ = std::move(handler);
+  }
+
   const std::string& url() const { return url_; }
   const YLParamList& queryParams() const { return query_; }
   const YLParamList& headerParams() const { return headers_; }
+  const std::function<void(std::string_view piece)>& bodyPieceHandler() const {
+    return bodyPieceHandler_;
+  }
 
  private:
   std::string url_;
+  std::function<void(std::string_view piece)> bodyPieceHandler_;
   YLParamList query_;
   YLParamList headers_;
 };
