@@ -166,6 +166,21 @@ class IQORReplyDetails {
   virtual QORTokenUsage obtainUsage() const = 0;
 };
 
+// Replies read as the service writes them: assistants implement it.
+class IQORStreamingAssistant {
+ public:
+  virtual ~IQORStreamingAssistant() = default;
+  // Sends one user text as addMessage does and hands each fragment of the reply's text to
+  // onFragment as it arrives, on the calling thread (thinking is not reply text; an empty
+  // function receives nothing). Gives what addMessage gives for the same exchange: the message with
+  // the whole text and, through IQORReplyDetails, the end and the usage the stream reported; or
+  // null and the text of what failed, the stream's own error or cut included. The history grows
+  // only after a successful exchange. A cancel of the pool ends it with the usual cancelled
+  // failure; fragments handed over stay handed over. onFragment must not throw.
+  virtual std::pair<IQORMessage*, std::string> addMessageStreaming(
+      std::string text, std::function<void(std::string_view fragment)> onFragment) = 0;
+};
+
 // One model as the service lists it.
 struct QORModelEntry {
   std::string name;

@@ -9,8 +9,11 @@
 
 // The base of the service adapters: it owns the memory it made, the pool, the REST session and the
 // live property record, and implements what does not depend on the service. Every adapter also
-// gives the model catalogue, the optional interface a host asks for with dynamic_cast.
-class QORAssistant : public IQORAssistant, public IQORModelCatalogue {
+// gives the model catalogue and the streamed chat, optional interfaces a host asks for with
+// dynamic_cast.
+class QORAssistant : public IQORAssistant,
+                     public IQORModelCatalogue,
+                     public IQORStreamingAssistant {
  public:
   // How a service narrows a set temperature after the general range of 0.0 to 2.0.
   enum class TemperatureRule {

@@ -1,6 +1,7 @@
 #include "qor_http.h"
 
 #include <type_traits>
+#include <utility>
 
 #include "qor_library.h"
 
@@ -49,8 +50,10 @@ Result Get(YLRestSession* session, const std::string& url, const YLParamList& qu
 }
 
 Result Post(YLRestSession* session, const std::string& url, const IYLJsonValue* json,
-            const YLParamList& queryParams, const YLParamList& headerParams) {
+            const YLParamList& queryParams, const YLParamList& headerParams,
+            std::function<void(std::string_view piece)> onBodyPiece) {
   YLRestPostRequest request;
+  request.setBodyPieceHandler(std::move(onBodyPiece));
   return exchange(session, request, url, json, queryParams, headerParams,
                   [](IYLRestClient& client, YLRestPostRequest* r, YLRestResourceResponse** out) {
                     return client.executePost(r, out);

@@ -94,6 +94,26 @@ RawBehaviour httpReply(int status, std::string body, std::string contentType) {
   };
 }
 
+RawBehaviour piecewiseReply(int status, std::vector<std::string> pieces, long declaredLength,
+                            std::chrono::microseconds gap) {
+  return [=](RawConnection& connection, const RawRequest&) {
+    std::size_t size = 0;
+    for (const std::string& piece : pieces)
+      size += piece.size();
+    const long length = declaredLength < 0 ? static_cast<long>(size) : declaredLength;
+    const std::string framing =
+        length == 0 ? "Connection: close" : "Content-Length: " + std::to_string(length);
+    if (!connection.send("HTTP/1.1 " + std::to_string(status) + " Reply\r\n" + framing +
+                         "\r\n\r\n")) {
+      return;
+    }
+    for (const std::string& piece : pieces) {
+      std::this_thread::sleep_for(gap);
+      if (!connection.send(piece)) return;
+    }
+  };
+}
+
 struct RawServer::Impl {
   int listenFd = -1;
   std::atomic<bool> stopping{false};

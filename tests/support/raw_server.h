@@ -4,11 +4,13 @@
 // in the test's process on an ephemeral port; stopping with the object ends every behaviour.
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qortest {
 
@@ -41,6 +43,12 @@ using RawBehaviour = std::function<void(RawConnection& connection, const RawRequ
 
 // A well-formed HTTP/1.1 reply with a Content-Length; the connection stays open for the next one.
 RawBehaviour httpReply(int status, std::string body, std::string contentType = "application/json");
+
+// A reply whose body is written in the given pieces, gap apart; the head announces
+// declaredLength bytes (the body's own length when negative, none when 0: the close ends it), and
+// the connection closes after the last piece.
+RawBehaviour piecewiseReply(int status, std::vector<std::string> pieces, long declaredLength = -1,
+                            std::chrono::microseconds gap = std::chrono::milliseconds(30));
 
 class RawServer {
  public:

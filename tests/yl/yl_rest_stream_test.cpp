@@ -1,8 +1,6 @@
 // A reply read as it arrives: a 2xx body goes to the request's piece function under the usual
 // limits, an error status keeps its whole body, and a stream is never sent again once begun.
 
-#include <thread>
-
 #include "support/raw_server.h"
 #include "yl_rest_exchange.h"
 
@@ -10,25 +8,8 @@ namespace {
 
 using namespace qortest;
 
-// A reply whose body is written in the given pieces, a pause apart; the head announces
-// declaredLength bytes (the body's own length when negative, none when 0: the close ends it).
 RawBehaviour piecewise(int status, Strings pieces, long declaredLength = -1) {
-  return [=](RawConnection& connection, const RawRequest&) {
-    std::string whole;
-    for (const std::string& piece : pieces)
-      whole += piece;
-    const long length = declaredLength < 0 ? static_cast<long>(whole.size()) : declaredLength;
-    const std::string framing =
-        length == 0 ? "Connection: close" : "Content-Length: " + std::to_string(length);
-    if (!connection.send("HTTP/1.1 " + std::to_string(status) + " Reply\r\n" + framing +
-                         "\r\n\r\n")) {
-      return;
-    }
-    for (const std::string& piece : pieces) {
-      std::this_thread::sleep_for(milliseconds(30));
-      if (!connection.send(piece)) return;
-    }
-  };
+  return piecewiseReply(status, std::move(pieces), declaredLength);
 }
 
 struct StreamCase {

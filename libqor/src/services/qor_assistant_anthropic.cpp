@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "qor_assistant_properties_anthropic.h"
+#include "qor_service_stream.h"
 
 using namespace QORExchange;
 
@@ -28,7 +29,9 @@ const ChatRules& chatRules() {
                                               .endWords = kStopReasons,
                                               .usageObject = "usage",
                                               .inputKey = "input_tokens",
-                                              .outputKey = "output_tokens"}};
+                                              .outputKey = "output_tokens"},
+                                  .stream = {.framing = StreamRules::Framing::Events,
+                                             .readEvent = QORAssistant_ANTHROPIC::readEvent}};
   return rules;
 }
 
@@ -86,7 +89,17 @@ std::pair<std::vector<QORModelEntry>, std::string> QORAssistant_ANTHROPIC::obtai
 }
 
 std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::addMessage(std::string text) {
-  return chat(*this, chatRules(), text, [](YLJson& body, const ChatTurn& turn) {
+  return converse(text, nullptr);
+}
+
+std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::addMessageStreaming(
+    std::string text, std::function<void(std::string_view fragment)> onFragment) {
+  return converse(text, &onFragment);
+}
+
+std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::converse(
+    const std::string& text, const FragmentSink* fragments) {
+  const ComposeBody compose = [](YLJson& body, const ChatTurn& turn) {
     const auto& record = static_cast<const QORAssistantProperties_ANTHROPIC&>(turn.record);
     body.addKeyValue("model")->setStringValue(record.model);
     if (record.hasChanged("temperature")) {
@@ -102,7 +115,40 @@ std::pair<IQORMessage*, std::string> QORAssistant_ANTHROPIC::addMessage(std::str
     messages->setArrayType();
     // The instructions go in "system", not in the list.
     appendConversation(messages, nullptr, std::string(), turn.history, turn.text);
-  });
+    if (turn.streaming) body.addKeyValue("stream")->setBoolValue(true);
+  };
+  return chat(*this, chatRules(), text, compose, fragments);
+}
+
+void QORAssistant_ANTHROPIC::readEvent(std::string_view /*name*/, const YLJsonValue& event,
+                                       StreamReader& reader) {
+  // The data's own type names the event, as the event line does.
+  const YLJsonValue* type = member(&event, "type", YLJsonValueType::String);
+  const std::string_view kind = type != nullptr ? type->obtainStringView() : std::string_view();
+  if (kind == "content_block_delta") {
+    const YLJsonValue* delta = member(&event, "delta", YLJsonValueType::Object);
+    const YLJsonValue* text = member(delta, "text", YLJsonValueType::String);
+    if (text != nullptr && isStringEqual(delta->obtainKeyValue("type"), "text_delta")) {
+      reader.addText(text->obtainStringView());
+    }
+  } else if (kind == "content_block_start") {
+    const YLJsonValue* block = member(&event, "content_block", YLJsonValueType::Object);
+    const YLJsonValue* text = member(block, "text", YLJsonValueType::String);
+    if (text != nullptr && isStringEqual(block->obtainKeyValue("type"), "text")) {
+      reader.addText(text->obtainStringView());
+    }
+  } else if (kind == "message_start") {
+    const YLJsonValue* message = member(&event, "message", YLJsonValueType::Object);
+    if (message != nullptr) reader.readDetails(*message);
+  } else if (kind == "message_delta") {
+    const YLJsonValue* delta = member(&event, "delta", YLJsonValueType::Object);
+    if (delta != nullptr) reader.readDetails(*delta);
+    reader.readDetails(event);
+  } else if (kind == "message_stop") {
+    reader.finish();
+  } else if (kind == "error") {
+    reader.failWithEvent();
+  }
 }
 
 bool QORAssistant_ANTHROPIC::readContentBlocks(const YLJsonValue& reply, std::string& text) {

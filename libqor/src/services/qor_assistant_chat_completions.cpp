@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "qor_service_stream.h"
+
 using namespace QORExchange;
 
 QORAssistantChatCompletions::QORAssistantChatCompletions(const Profile& profile,
@@ -27,16 +29,34 @@ QORAssistantChatCompletions::obtainModelCatalogue() {
 }
 
 std::pair<IQORMessage*, std::string> QORAssistantChatCompletions::addMessage(std::string text) {
-  return chat(*this, profile_.chat, text, [this](YLJson& body, const ChatTurn& turn) {
-    body.addKeyValue("model")->setStringValue(turn.record.model);
-    if (turn.record.hasChanged("temperature")) {
-      body.addKeyValue("temperature")->setDoubleValue(turn.record.temperature);
-    }
-    YLJsonValue* messages = body.addKeyValue("messages");
-    messages->setArrayType();
-    appendConversation(messages, profile_.instructionRole, std::move(turn.instructions),
-                       turn.history, turn.text);
-  });
+  return converse(text, nullptr);
+}
+
+std::pair<IQORMessage*, std::string> QORAssistantChatCompletions::addMessageStreaming(
+    std::string text, std::function<void(std::string_view fragment)> onFragment) {
+  return converse(text, &onFragment);
+}
+
+std::pair<IQORMessage*, std::string> QORAssistantChatCompletions::converse(
+    const std::string& text, const FragmentSink* fragments) {
+  return chat(
+      *this, profile_.chat, text,
+      [this](YLJson& body, const ChatTurn& turn) {
+        body.addKeyValue("model")->setStringValue(turn.record.model);
+        if (turn.record.hasChanged("temperature")) {
+          body.addKeyValue("temperature")->setDoubleValue(turn.record.temperature);
+        }
+        YLJsonValue* messages = body.addKeyValue("messages");
+        messages->setArrayType();
+        appendConversation(messages, profile_.instructionRole, std::move(turn.instructions),
+                           turn.history, turn.text);
+        if (turn.streaming) {
+          body.addKeyValue("stream")->setBoolValue(true);
+          // Without it the family's streams give no token counts.
+          body.addKeyValue("stream_options")->addKeyValue("include_usage")->setBoolValue(true);
+        }
+      },
+      fragments);
 }
 
 bool QORAssistantChatCompletions::readUndatedModel(const YLJsonValue* item, ModelEntry& entry) {
@@ -69,4 +89,25 @@ bool QORAssistantChatCompletions::readChoices(const YLJsonValue& reply, std::str
     }
   }
   return true;
+}
+
+void QORAssistantChatCompletions::readChunk(std::string_view /*name*/, const YLJsonValue& chunk,
+                                            StreamReader& reader) {
+  if (chunk.obtainKeyValue("error") != nullptr) {
+    reader.failWithEvent();
+    return;
+  }
+  const YLJsonValue* choices = member(&chunk, "choices", YLJsonValueType::Array);
+  if (choices == nullptr) {
+    reader.refuseEvent();
+    return;
+  }
+  const std::size_t count = choices->obtainArraySize();
+  for (std::size_t i = 0; i < count; ++i) {
+    const YLJsonValue* delta =
+        member(choices->obtainArrayItem(i), "delta", YLJsonValueType::Object);
+    const YLJsonValue* content = member(delta, "content", YLJsonValueType::String);
+    if (content != nullptr) reader.addText(content->obtainStringView());
+  }
+  reader.readDetails(chunk);
 }

@@ -2,7 +2,9 @@
 // The chat-completions frame, and the four services that are nothing but their table of
 // differences on it (the tables are in qor_chat_completions_profiles.cpp).
 
+#include <functional>
 #include <string>
+#include <string_view>
 
 #include "qor_assistant.h"
 #include "qor_service_exchange.h"
@@ -24,6 +26,8 @@ class QORAssistantChatCompletions : public QORAssistant {
   std::pair<std::vector<std::string>, std::string> obtainAvailableModels() override;
   std::pair<IQORMessage*, std::string> addMessage(std::string text) override;
   std::pair<std::vector<QORModelEntry>, std::string> obtainModelCatalogue() override;
+  std::pair<IQORMessage*, std::string> addMessageStreaming(
+      std::string text, std::function<void(std::string_view fragment)> onFragment) override;
 
   std::string apiKey;
 
@@ -33,6 +37,10 @@ class QORAssistantChatCompletions : public QORAssistant {
   static bool readUndatedModel(const YLJsonValue* item, QORExchange::ModelEntry& entry);
   // The text of every choice whose message has the role "assistant", joined.
   static bool readChoices(const YLJsonValue& reply, std::string& text);
+  // One chunk of a stream: the text of every choice's delta (its reasoning is not reply text),
+  // the end and the usage; an "error" object is the stream's failure.
+  static void readChunk(std::string_view name, const YLJsonValue& chunk,
+                        QORExchange::StreamReader& reader);
 
  protected:
   QORAssistantChatCompletions(const Profile& profile, IYLHTTPPoolCenter* pool,
@@ -40,6 +48,9 @@ class QORAssistantChatCompletions : public QORAssistant {
                               IQORAssistantMemory* memory);
 
  private:
+  std::pair<IQORMessage*, std::string> converse(const std::string& text,
+                                                const QORExchange::FragmentSink* fragments);
+
   const Profile& profile_;
 };
 

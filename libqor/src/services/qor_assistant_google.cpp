@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "qor_service_stream.h"
+
 using namespace QORExchange;
 
 namespace {
@@ -49,13 +51,25 @@ std::pair<std::vector<QORModelEntry>, std::string> QORAssistant_GOOGLE::obtainMo
 }
 
 std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessage(std::string text) {
+  return converse(text, nullptr);
+}
+
+std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessageStreaming(
+    std::string text, std::function<void(std::string_view fragment)> onFragment) {
+  return converse(text, &onFragment);
+}
+
+std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::converse(const std::string& text,
+                                                                   const FragmentSink* fragments) {
   const std::string& model = properties->model;
   // The model is part of the path; without one, the path (and the failure's tail) names the
-  // method alone.
+  // method alone. A stream asks for server-sent events.
+  const std::string method = fragments != nullptr ? "streamGenerateContent" : "generateContent";
+  YLParamList query = {{"key", apiKey}};
+  if (fragments != nullptr) query.emplace_back("alt", "sse");
   const ChatRules rules = {
-      .pathSegments = {"v1beta", "models",
-                       model.empty() ? std::string("generateContent") : model + ":generateContent"},
-      .queryParams = {{"key", apiKey}},
+      .pathSegments = {"v1beta", "models", model.empty() ? method : model + ":" + method},
+      .queryParams = std::move(query),
       .errorReader = obtainErrorMessage,
       .readReply = readCandidates,
       .details = {.endList = "candidates",
@@ -63,8 +77,9 @@ std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessage(std::string
                   .endWords = kFinishReasons,
                   .usageObject = "usageMetadata",
                   .inputKey = "promptTokenCount",
-                  .outputKey = "candidatesTokenCount"}};
-  return chat(*this, rules, text, [](YLJson& body, const ChatTurn& turn) {
+                  .outputKey = "candidatesTokenCount"},
+      .stream = {.framing = StreamRules::Framing::Events, .readEvent = readEvent}};
+  const ComposeBody compose = [](YLJson& body, const ChatTurn& turn) {
     if (turn.record.hasChanged("temperature")) {
       body.addKeyValue("generationConfig")
           ->addKeyValue("temperature")
@@ -84,7 +99,27 @@ std::pair<IQORMessage*, std::string> QORAssistant_GOOGLE::addMessage(std::string
                    entry.text);
     }
     addTextParts(contents->addArrayItem(), "user", turn.text);
-  });
+  };
+  return chat(*this, rules, text, compose, fragments);
+}
+
+void QORAssistant_GOOGLE::readEvent(std::string_view /*name*/, const YLJsonValue& reply,
+                                    StreamReader& reader) {
+  if (reply.obtainKeyValue("error") != nullptr) {
+    reader.failWithEvent();
+    return;
+  }
+  // The same reader as a whole reply's, so that the two give the same text.
+  std::string text;
+  if (readCandidates(reply, text)) {
+    reader.addText(text);
+    reader.finish();
+  } else if (!reader.finished()) {
+    // A prompt refused before any reply fails as the whole reply would; a late event without
+    // candidates (usage alone) does not.
+    reader.refuseEvent();
+  }
+  reader.readDetails(reply);
 }
 
 std::string QORAssistant_GOOGLE::obtainErrorMessage(const YLRestResourceResponse* response) {

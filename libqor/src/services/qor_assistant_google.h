@@ -14,6 +14,13 @@ class QORAssistant_GOOGLE final : public QORAssistant {
   std::pair<IQORMessage*, std::string> addMessage(std::string text) override;
   std::pair<std::vector<QORModelEntry>, std::string> obtainModelCatalogue() override;
 
+  std::pair<IQORMessage*, std::string> addMessageStreaming(
+      std::string text, std::function<void(std::string_view fragment)> onFragment) override;
+
+  // One event of a stream, a whole reply of its own: its candidates' text, the end and the usage.
+  // The stream has no end event: it is whole once an event with candidates came.
+  static void readEvent(std::string_view name, const YLJsonValue& reply,
+                        QORExchange::StreamReader& reader);
   // The string at error.message, else empty: this service's raw body is never shown.
   static std::string obtainErrorMessage(const YLRestResourceResponse* response);
   static bool readCandidates(const YLJsonValue& reply, std::string& text);
@@ -23,6 +30,8 @@ class QORAssistant_GOOGLE final : public QORAssistant {
   std::string apiKey;
 
  private:
+  std::pair<IQORMessage*, std::string> converse(const std::string& text,
+                                                const QORExchange::FragmentSink* fragments);
   // The request of the listing and of the catalogue, with the key.
   QORExchange::ListingRules listingRules() const;
 };

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "qor_service_stream.h"
+
 using namespace QORExchange;
 
 namespace {
@@ -35,7 +37,9 @@ const ChatRules& chatRules() {
                                   .details = {.endKey = "done_reason",
                                               .endWords = kDoneReasons,
                                               .inputKey = "prompt_eval_count",
-                                              .outputKey = "eval_count"}};
+                                              .outputKey = "eval_count"},
+                                  .stream = {.framing = StreamRules::Framing::Lines,
+                                             .readEvent = QORAssistant_OLLAMA::readLine}};
   return rules;
 }
 
@@ -54,18 +58,48 @@ std::pair<std::vector<QORModelEntry>, std::string> QORAssistant_OLLAMA::obtainMo
 }
 
 std::pair<IQORMessage*, std::string> QORAssistant_OLLAMA::addMessage(std::string text) {
-  return chat(*this, chatRules(), text, [](YLJson& body, const ChatTurn& turn) {
-    body.addKeyValue("model")->setStringValue(turn.record.model);
-    body.addKeyValue("stream")->setBoolValue(false);
-    if (turn.record.hasChanged("temperature")) {
-      body.addKeyValue("options")
-          ->addKeyValue("temperature")
-          ->setDoubleValue(turn.record.temperature);
-    }
-    YLJsonValue* messages = body.addKeyValue("messages");
-    messages->setArrayType();
-    appendConversation(messages, "system", std::move(turn.instructions), turn.history, turn.text);
-  });
+  return converse(text, nullptr);
+}
+
+std::pair<IQORMessage*, std::string> QORAssistant_OLLAMA::addMessageStreaming(
+    std::string text, std::function<void(std::string_view fragment)> onFragment) {
+  return converse(text, &onFragment);
+}
+
+std::pair<IQORMessage*, std::string> QORAssistant_OLLAMA::converse(const std::string& text,
+                                                                   const FragmentSink* fragments) {
+  return chat(
+      *this, chatRules(), text,
+      [](YLJson& body, const ChatTurn& turn) {
+        body.addKeyValue("model")->setStringValue(turn.record.model);
+        body.addKeyValue("stream")->setBoolValue(turn.streaming);
+        if (turn.record.hasChanged("temperature")) {
+          body.addKeyValue("options")
+              ->addKeyValue("temperature")
+              ->setDoubleValue(turn.record.temperature);
+        }
+        YLJsonValue* messages = body.addKeyValue("messages");
+        messages->setArrayType();
+        appendConversation(messages, "system", std::move(turn.instructions), turn.history,
+                           turn.text);
+      },
+      fragments);
+}
+
+void QORAssistant_OLLAMA::readLine(std::string_view /*name*/, const YLJsonValue& line,
+                                   StreamReader& reader) {
+  if (line.obtainKeyValue("error") != nullptr) {
+    reader.failWithEvent();
+    return;
+  }
+  const YLJsonValue* message = member(&line, "message", YLJsonValueType::Object);
+  const YLJsonValue* content = member(message, "content", YLJsonValueType::String);
+  if (content != nullptr) reader.addText(content->obtainStringView());
+  reader.readDetails(line);
+  const YLJsonValue* done = line.obtainKeyValue("done");
+  if (done != nullptr && done->obtainType() == YLJsonValueType::Bool && done->obtainBoolValue()) {
+    reader.finish();
+  }
 }
 
 bool QORAssistant_OLLAMA::readMessage(const YLJsonValue& reply, std::string& text) {

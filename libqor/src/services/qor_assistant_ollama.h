@@ -18,5 +18,16 @@ class QORAssistant_OLLAMA final : public QORAssistant {
   std::pair<IQORMessage*, std::string> addMessage(std::string text) override;
   std::pair<std::vector<QORModelEntry>, std::string> obtainModelCatalogue() override;
 
+  std::pair<IQORMessage*, std::string> addMessageStreaming(
+      std::string text, std::function<void(std::string_view fragment)> onFragment) override;
+
   static bool readMessage(const YLJsonValue& reply, std::string& text);
+  // One line of a stream: the message's text (its thinking is not reply text), the end and the
+  // counts; "done" true ends it and an "error" key is the stream's failure.
+  static void readLine(std::string_view name, const YLJsonValue& line,
+                       QORExchange::StreamReader& reader);
+
+ private:
+  std::pair<IQORMessage*, std::string> converse(const std::string& text,
+                                                const QORExchange::FragmentSink* fragments);
 };

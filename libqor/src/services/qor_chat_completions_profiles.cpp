@@ -16,6 +16,11 @@ constexpr DetailsRules kFamilyDetails = {.endList = "choices",
                                          .inputKey = "prompt_tokens",
                                          .outputKey = "completion_tokens"};
 
+// Server-sent events of chunks, ended by "[DONE]".
+constexpr StreamRules kFamilyStream = {.framing = StreamRules::Framing::Events,
+                                       .doneMarker = "[DONE]",
+                                       .readEvent = QORAssistantChatCompletions::readChunk};
+
 const QORAssistantChatCompletions::Profile kOpenAI = {
     .defaultHost = "api.openai.com",
     .temperatureRule = QORAssistant::TemperatureRule::ZeroToTwo,
@@ -29,7 +34,8 @@ const QORAssistantChatCompletions::Profile kOpenAI = {
     .chat = {.pathSegments = {"v1", "chat", "completions"},
              .errorReader = obtainErrorMessage,
              .readReply = QORAssistantChatCompletions::readChoices,
-             .details = kFamilyDetails},
+             .details = kFamilyDetails,
+             .stream = kFamilyStream},
 };
 
 const QORAssistantChatCompletions::Profile kDeepSeek = {
@@ -44,7 +50,8 @@ const QORAssistantChatCompletions::Profile kDeepSeek = {
     .chat = {.pathSegments = {"chat", "completions"},
              .errorReader = obtainErrorMessage,
              .readReply = QORAssistantChatCompletions::readChoices,
-             .details = kFamilyDetails},
+             .details = kFamilyDetails,
+             .stream = kFamilyStream},
 };
 
 const QORAssistantChatCompletions::Profile kX = {
@@ -61,7 +68,8 @@ const QORAssistantChatCompletions::Profile kX = {
     .chat = {.pathSegments = {"v1", "chat", "completions"},
              .errorReader = QORAssistant_X::obtainErrorMessage,
              .readReply = QORAssistantChatCompletions::readChoices,
-             .details = kFamilyDetails},
+             .details = kFamilyDetails,
+             .stream = kFamilyStream},
 };
 
 const QORAssistantChatCompletions::Profile kAlibaba = {
@@ -78,7 +86,8 @@ const QORAssistantChatCompletions::Profile kAlibaba = {
     .chat = {.pathSegments = {"compatible-mode", "v1", "chat", "completions"},
              .errorReader = obtainErrorMessage,
              .readReply = QORAssistantChatCompletions::readChoices,
-             .details = kFamilyDetails},
+             .details = kFamilyDetails,
+             .stream = kFamilyStream},
 };
 
 }  // namespace

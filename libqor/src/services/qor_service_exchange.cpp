@@ -18,20 +18,6 @@ bool hasUsableJson(const YLRestResourceResponse& response) {
   return response.responseJson != nullptr && response.responseJson->getIsValidJson();
 }
 
-std::string urlFor(const QORAssistant& assistant, const std::vector<std::string>& segments) {
-  std::vector<std::string> parts;
-  parts.reserve(segments.size() + 1);
-  parts.push_back(assistant.properties->apiHost);
-  parts.insert(parts.end(), segments.begin(), segments.end());
-  return ylConcatURL(parts);
-}
-
-// The service's text for a failed exchange, or the exchange's own when the body says nothing.
-std::string failedExchangeText(ErrorReader reader, const HTTP::Result& result) {
-  std::string text = reader != nullptr ? reader(result.first.get()) : std::string();
-  return text.empty() ? result.second : text;
-}
-
 // A listing's array of items, or null and the text the listing ends with (empty after a success
 // without usable JSON). The reply the items live in is kept with them.
 struct Listing {
@@ -97,26 +83,6 @@ std::int64_t tokenCount(const YLJsonValue* usage, const char* key) {
   return count.value_or(-1) >= 0 ? *count : -1;
 }
 
-void readDetails(const YLJsonValue& reply, const DetailsRules& rules, QORMessage& message) {
-  const YLJsonValue* ending = &reply;
-  if (rules.endList != nullptr) {
-    const YLJsonValue* list = member(&reply, rules.endList, YLJsonValueType::Array);
-    ending = list != nullptr ? list->obtainArrayItem(0) : nullptr;
-  }
-  const YLJsonValue* word =
-      rules.endKey != nullptr ? member(ending, rules.endKey, YLJsonValueType::String) : nullptr;
-  if (word != nullptr) {
-    message.replyEndText = word->obtainStringValue();
-    for (const EndWord& known : rules.endWords) {
-      if (known.word == message.replyEndText) message.replyEnd = known.end;
-    }
-  }
-  const YLJsonValue* usage = rules.usageObject != nullptr
-                                 ? member(&reply, rules.usageObject, YLJsonValueType::Object)
-                                 : &reply;
-  message.usage = {tokenCount(usage, rules.inputKey), tokenCount(usage, rules.outputKey)};
-}
-
 // Seconds since the epoch from a number, or from UTC text as "2025-02-19T00:00:00Z"; else -1.
 std::int64_t creationTime(const YLJsonValue* value,
                           std::unique_ptr<YLDateTimeConverter>& converter) {
@@ -145,6 +111,39 @@ std::vector<std::string> capabilitiesOf(const YLJsonValue* item, const char* key
 }
 
 }  // namespace
+
+std::string urlFor(const QORAssistant& assistant, const std::vector<std::string>& segments) {
+  std::vector<std::string> parts;
+  parts.reserve(segments.size() + 1);
+  parts.push_back(assistant.properties->apiHost);
+  parts.insert(parts.end(), segments.begin(), segments.end());
+  return ylConcatURL(parts);
+}
+
+std::string failedExchangeText(ErrorReader reader, const HTTP::Result& result) {
+  std::string text = reader != nullptr ? reader(result.first.get()) : std::string();
+  return text.empty() ? result.second : text;
+}
+
+void readDetails(const YLJsonValue& reply, const DetailsRules& rules, QORMessage& message) {
+  const YLJsonValue* ending = &reply;
+  if (rules.endList != nullptr) {
+    const YLJsonValue* list = member(&reply, rules.endList, YLJsonValueType::Array);
+    ending = list != nullptr ? list->obtainArrayItem(0) : nullptr;
+  }
+  const YLJsonValue* word =
+      rules.endKey != nullptr ? member(ending, rules.endKey, YLJsonValueType::String) : nullptr;
+  if (word != nullptr) {
+    message.replyEndText = word->obtainStringValue();
+    for (const EndWord& known : rules.endWords) {
+      if (known.word == message.replyEndText) message.replyEnd = known.end;
+    }
+  }
+  const YLJsonValue* usage = rules.usageObject != nullptr
+                                 ? member(&reply, rules.usageObject, YLJsonValueType::Object)
+                                 : &reply;
+  message.usage = {tokenCount(usage, rules.inputKey), tokenCount(usage, rules.outputKey)};
+}
 
 std::string errorMessageOr(const YLRestResourceResponse& response, std::string_view fallback) {
   const YLJsonValue* message =
@@ -240,7 +239,8 @@ std::pair<std::vector<QORModelEntry>, std::string> listCatalogue(QORAssistant& a
 }
 
 std::pair<IQORMessage*, std::string> chat(QORAssistant& assistant, const ChatRules& rules,
-                                          const std::string& text, const ComposeBody& compose) {
+                                          const std::string& text, const ComposeBody& compose,
+                                          const FragmentSink* fragments) {
   const QORAssistantProperties& record = *assistant.properties;
   if (record.model.empty()) {
     return {nullptr, failure(kModelIsEmpty, failureTail(Method::Post, rules.pathSegments))};
@@ -249,7 +249,8 @@ std::pair<IQORMessage*, std::string> chat(QORAssistant& assistant, const ChatRul
   std::string instructions = record.obtainCombinedInstructions();
   const std::vector<QORHistoryEntry> history = obtainRecentHistory(assistant);
   YLJson body;
-  compose(body, ChatTurn{record, instructions, history, text});
+  compose(body, ChatTurn{record, instructions, history, text, fragments != nullptr});
+  if (fragments != nullptr) return exchangeStream(assistant, rules, body, text, *fragments);
   return exchangeChat(assistant, rules, body, text);
 }
 

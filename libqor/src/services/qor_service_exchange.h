@@ -12,6 +12,8 @@
 
 #include "qor.h"
 #include "qor_assistant.h"
+#include "qor_http.h"
+#include "qor_message.h"
 
 namespace QORExchange {
 
@@ -82,6 +84,20 @@ struct DetailsRules {
   const char* outputKey = nullptr;
 };
 
+class StreamReader;
+
+// How a service streams its reply.
+struct StreamRules {
+  // Server-sent events ("event:" and "data:" lines, a blank line after each event), or one JSON
+  // object a line.
+  enum class Framing { Events, Lines };
+  Framing framing = Framing::Events;
+  // The data of the event that ends the stream, when the service sends one that is not JSON.
+  const char* doneMarker = nullptr;
+  // Reads one event: its name (empty when it has none) and its JSON data.
+  void (*readEvent)(std::string_view name, const YLJsonValue& data, StreamReader& reader) = nullptr;
+};
+
 struct ChatRules {
   std::vector<std::string> pathSegments{};
   YLParamList queryParams{};
@@ -90,6 +106,7 @@ struct ChatRules {
   bool (*readReply)(const YLJsonValue& reply, std::string& text) = nullptr;
   // Read only after readReply succeeded; never a reason to fail.
   DetailsRules details{};
+  StreamRules stream{};
 };
 
 // The library's own failure sentence, translated by the host, with its untranslated tail.
@@ -116,18 +133,37 @@ struct ChatTurn {
   std::string& instructions;                    // the combined instructions; the body may take them
   const std::vector<QORHistoryEntry>& history;  // the recent history, oldest first
   const std::string& text;                      // the user's new text
+  bool streaming = false;                       // the reply is asked for as a stream
 };
 using ComposeBody = std::function<void(YLJson& body, const ChatTurn& turn)>;
 
+// Where the fragments of a streamed reply go.
+using FragmentSink = std::function<void(std::string_view fragment)>;
+
 // The steps of every chat, in this order: an empty model fails at once; the instructions are read
-// from the memory, then the history; the service composes its body; exchangeChat posts it.
+// from the memory, then the history; the service composes its body; exchangeChat posts it, or
+// exchangeStream when fragments are asked for.
 std::pair<IQORMessage*, std::string> chat(QORAssistant& assistant, const ChatRules& rules,
-                                          const std::string& text, const ComposeBody& compose);
+                                          const std::string& text, const ComposeBody& compose,
+                                          const FragmentSink* fragments = nullptr);
 
 // Posts the body and reads the reply. On success the message is made and the user's text and the
 // reply's text are added to the memory, in this order; on failure nothing changes.
 std::pair<IQORMessage*, std::string> exchangeChat(QORAssistant& assistant, const ChatRules& rules,
                                                   const YLJson& body, const std::string& text);
+
+// As exchangeChat, with the reply read as a stream: each fragment of its text goes to the sink as
+// it arrives, and the stream's own error, a cut or a body that is not the stream fail it.
+std::pair<IQORMessage*, std::string> exchangeStream(QORAssistant& assistant, const ChatRules& rules,
+                                                    const YLJson& body, const std::string& text,
+                                                    const FragmentSink& fragments);
+
+// The service's host with the path's segments behind it.
+std::string urlFor(const QORAssistant& assistant, const std::vector<std::string>& segments);
+// The service's text for a failed exchange, or the exchange's own when the body says nothing.
+std::string failedExchangeText(ErrorReader reader, const HTTP::Result& result);
+// Fills the message with the end and the usage the reply (or a part of a stream) gives.
+void readDetails(const YLJsonValue& reply, const DetailsRules& rules, QORMessage& message);
 
 // Appends {"role", "content"} items: the instructions under instructionRole when not empty, each
 // history entry ("assistant" for role 1, "user" for any other), then the new text as "user". The
