@@ -114,6 +114,8 @@ TEST_F(QorchatTerminal, TabCompletesCommandsAndNames) {
   EXPECT_TRUE(shows("qorchat> When returned_on")) << screen();
   keys("C-u '/format c' Tab");
   EXPECT_TRUE(shows("qorchat> /format csv")) << screen();
+  keys("C-u '/describe order_i' Tab");  // tables only: no order_id column in the way
+  EXPECT_TRUE(shows("qorchat> /describe order_item")) << screen();
   keys("C-u 'Count order_it' Tab");
   EXPECT_TRUE(shows("qorchat> Count order_item")) << screen();
   keys("Tab");

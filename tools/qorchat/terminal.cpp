@@ -112,7 +112,7 @@ LineReader::LineReader(bool editing, std::string historyFile) {
 
 LineReader::~LineReader() = default;
 
-void LineReader::setCompletionWords(std::vector<std::string> words) {
+void LineReader::setCompletionWords(CompletionWords words) {
   if (editor_) editor_->setCompletionWords(std::move(words));
 }
 

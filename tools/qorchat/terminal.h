@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "completion.h"
+
 class YLHTTPPoolCenter;
 
 namespace qorchat {
@@ -45,7 +47,7 @@ class LineReader {
   std::optional<std::string> readAnswer(const std::string& prompt);
 
   // The names Tab completes besides the commands: tables, columns and the like.
-  void setCompletionWords(std::vector<std::string> words);
+  void setCompletionWords(CompletionWords words);
 
  private:
   std::unique_ptr<LineEditor> editor_;  // null without editing
