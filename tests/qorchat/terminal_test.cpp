@@ -24,13 +24,15 @@ class QorchatTerminal : public ::testing::Test {
     return std::system(("tmux -L " + socket + " " + command + " >/dev/null 2>&1").c_str());
   }
   // qorchat on a terminal this many columns wide; the model answers after the delay.
-  void start(int columns, milliseconds delay = milliseconds(0), const std::string& env = "") {
+  void start(int columns, milliseconds delay = milliseconds(0), const std::string& env = "",
+             const std::string& text = "the answer", const std::string& doneReason = "stop") {
     YLJson reply;
     reply.addKeyValue("model")->setStringValue("m");
     IYLJsonValue* message = reply.addKeyValue("message");
     message->addKeyValue("role")->setStringValue("assistant");
-    message->addKeyValue("content")->setStringValue("the answer");
+    message->addKeyValue("content")->setStringValue(text);
     reply.addKeyValue("done")->setBoolValue(true);
+    reply.addKeyValue("done_reason")->setStringValue(doneReason);
     ScriptedReply scripted{200, reply.obtainJsonString()};
     scripted.delay = delay;
     server_.answer("POST", "/api/chat", scripted);
@@ -112,6 +114,8 @@ TEST_F(QorchatTerminal, TabCompletesCommandsAndNames) {
   EXPECT_TRUE(shows("qorchat> When returned_on")) << screen();
   keys("C-u '/format c' Tab");
   EXPECT_TRUE(shows("qorchat> /format csv")) << screen();
+  keys("C-u '/describe order_i' Tab");  // tables only: no order_id column in the way
+  EXPECT_TRUE(shows("qorchat> /describe order_item")) << screen();
   keys("C-u 'Count order_it' Tab");
   EXPECT_TRUE(shows("qorchat> Count order_item")) << screen();
   keys("Tab");
@@ -133,6 +137,22 @@ TEST_F(QorchatTerminal, SpinnerStaysOnOneLineOfANarrowTerminal) {
     ++spinnerLines;
   EXPECT_EQ(spinnerLines, 1U) << during;
   EXPECT_TRUE(shows("the answer")) << screen();
+}
+
+// A block of a reply cut at the length limit runs only when confirmed: Ctrl-C at the question is
+// a no.
+TEST_F(QorchatTerminal, ACutOffReplysBlockRunsOnlyWhenConfirmed) {
+  start(100, milliseconds(0), "", "```sql\nSELECT 42 AS answer;\n```", "length");
+  keys("'Which?' Enter");
+  ASSERT_TRUE(shows("(/run 1)")) << screen();
+  keys("'/run 1' Enter");
+  ASSERT_TRUE(shows("Run it anyway? [y/N]")) << screen();
+  keys("C-c");
+  EXPECT_TRUE(shows("not run: the reply was cut off")) << screen();
+  keys("'/run 1' Enter");
+  std::this_thread::sleep_for(milliseconds(300));
+  keys("y Enter");
+  EXPECT_TRUE(shows("(1 row)")) << screen();
 }
 
 // Rows on a real terminal: a row too wide for 40 columns turns vertical, and what is taller than

@@ -140,7 +140,7 @@ int App::converse() {
   reader.setCompletionWords(completionWords(conversation_->structure()));
   if (interactive) {
     conversation_->setConfirm([&reader](const std::string& question) {
-      const std::optional<std::string> answer = reader.readQuestion(question + " [y/N] ");
+      const std::optional<std::string> answer = reader.readAnswer(question + " [y/N] ");
       return answer && (text::trimmed(*answer) == "y" || text::trimmed(*answer) == "yes");
     });
   }

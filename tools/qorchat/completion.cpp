@@ -35,16 +35,17 @@ std::vector<std::string> startingWith(std::string_view typed, const std::vector<
 
 }  // namespace
 
-std::vector<std::string> completionWords(const Structure& structure) {
-  std::vector<std::string> words;
+CompletionWords completionWords(const Structure& structure) {
+  CompletionWords words;
   for (const Catalog& catalog : structure.catalogs) {
     for (const Schema& schema : catalog.schemas) {
-      if (!schema.name.empty()) words.push_back(schema.name);
+      if (!schema.name.empty()) words.all.push_back(schema.name);
       for (const std::vector<Relation>& relations : schema.relations) {
         for (const Relation& relation : relations) {
-          words.push_back(relation.name);
+          words.all.push_back(relation.name);
+          words.relations.push_back(relation.name);
           for (const Column& column : relation.columns)
-            words.push_back(column.name);
+            words.all.push_back(column.name);
         }
       }
     }

@@ -12,8 +12,13 @@
 
 namespace qorchat {
 
-// The names of a structure Tab should offer: schemas, tables, views and their columns.
-std::vector<std::string> completionWords(const Structure& structure);
+// The names of a structure Tab should offer: all of them (schemas, tables, views and their
+// columns) after most words, the tables and views alone where a command takes one.
+struct CompletionWords {
+  std::vector<std::string> all;
+  std::vector<std::string> relations;
+};
+CompletionWords completionWords(const Structure& structure);
 
 struct Completion {
   std::size_t from = 0;              // byte offset where the text being completed begins

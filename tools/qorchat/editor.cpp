@@ -249,8 +249,13 @@ unsigned char LineEditor::onTab(EditLine* editLine, int) {
   const LineInfo* line = el_line(editLine);
   const std::string before(line->buffer, line->cursor);
   const std::vector<std::string> choices = argumentChoices(before);
-  const Completion completion = choices.empty() ? completeAt(before, self.commands_, self.words_)
-                                                : completeAt(before, {}, choices);
+  // /describe takes a table or view, never a column.
+  const bool relationWanted =
+      text::startsWith(before, "/describe ") || text::startsWith(before, "/d ");
+  const Completion completion = !choices.empty() ? completeAt(before, {}, choices)
+                                : relationWanted
+                                    ? completeAt(before, {}, self.words_.relations)
+                                    : completeAt(before, self.commands_, self.words_.all);
   if (completion.matches.empty()) return CC_REFRESH_BEEP;
   const std::string typed = before.substr(completion.from);
   const std::string replacement = completion.matches.size() == 1 ? completion.matches.front() + " "

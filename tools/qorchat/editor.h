@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "completion.h"
+
 typedef struct editline EditLine;
 typedef struct history History;
 
@@ -34,7 +36,7 @@ class LineEditor {
   // Adds a whole question to the input history and saves it, so that a killed session keeps it.
   void remember(const std::string& question);
   // The names Tab completes besides the commands.
-  void setCompletionWords(std::vector<std::string> words) { words_ = std::move(words); }
+  void setCompletionWords(CompletionWords words) { words_ = std::move(words); }
 
  private:
   static LineEditor& of(EditLine* editLine);
@@ -51,7 +53,7 @@ class LineEditor {
   std::string prompt_;
   bool cancelled_ = false;
   std::vector<std::string> commands_;
-  std::vector<std::string> words_;
+  CompletionWords words_;
   std::optional<std::string> lastTab_;  // the line before the cursor at an ambiguous Tab
 };
 

@@ -112,8 +112,20 @@ LineReader::LineReader(bool editing, std::string historyFile) {
 
 LineReader::~LineReader() = default;
 
-void LineReader::setCompletionWords(std::vector<std::string> words) {
+void LineReader::setCompletionWords(CompletionWords words) {
   if (editor_) editor_->setCompletionWords(std::move(words));
+}
+
+std::optional<std::string> LineReader::readAnswer(const std::string& prompt) {
+  interruptSeen.store(false);
+  if (editor_) {
+    LineEditor::Read read = editor_->read(prompt);
+    if (read.outcome != LineEditor::Outcome::kLine) return std::nullopt;
+    return std::move(read.text);
+  }
+  std::string line;
+  if (!std::getline(std::cin, line) || interruptSeen.load()) return std::nullopt;
+  return line;
 }
 
 std::optional<std::string> LineReader::readQuestion(const std::string& prompt) {

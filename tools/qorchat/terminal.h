@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "completion.h"
+
 class YLHTTPPoolCenter;
 
 namespace qorchat {
@@ -40,9 +42,12 @@ class LineReader {
   // question and asks again. Nothing at the end of input (Ctrl-D on an empty line), or, without a
   // terminal, after Ctrl-C; at the end of input a question begun is still given.
   std::optional<std::string> readQuestion(const std::string& prompt);
+  // One line answering a question of qorchat's, kept out of the input history; nothing on Ctrl-C,
+  // Ctrl-D or the end of input, which the caller takes as no.
+  std::optional<std::string> readAnswer(const std::string& prompt);
 
   // The names Tab completes besides the commands: tables, columns and the like.
-  void setCompletionWords(std::vector<std::string> words);
+  void setCompletionWords(CompletionWords words);
 
  private:
   std::unique_ptr<LineEditor> editor_;  // null without editing
