@@ -19,6 +19,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -29,6 +30,8 @@
 
 #include "db/database.h"
 #include "qor.h"
+#include "support/raw_server.h"
+#include "yl/yl.h"
 
 namespace qortest {
 
@@ -206,6 +209,45 @@ class Program {
   pid_t pid_ = -1;
   int input_ = -1;
 };
+
+// The body of the last request a behaviour saw, read on the test's thread.
+struct KeptBody {
+  std::string text() {
+    const std::lock_guard lock(mutex);
+    return body;
+  }
+  std::mutex mutex;
+  std::string body;
+};
+
+// Ollama's reply streamed in these fragments, a JSON line a piece, gap apart; the last line ends
+// it with 412 tokens in and 96 out. One fragment is also the reply unstreamed.
+inline RawBehaviour ollamaStream(const std::vector<std::string>& fragments,
+                                 std::chrono::milliseconds gap, KeptBody* kept = nullptr) {
+  std::vector<std::string> lines;
+  for (std::size_t i = 0; i < fragments.size(); ++i) {
+    const bool last = i + 1 == fragments.size();
+    YLJson line;
+    line.addKeyValue("model")->setStringValue("m");
+    IYLJsonValue* message = line.addKeyValue("message");
+    message->addKeyValue("role")->setStringValue("assistant");
+    message->addKeyValue("content")->setStringValue(fragments[i]);
+    line.addKeyValue("done")->setBoolValue(last);
+    if (last) {
+      line.addKeyValue("prompt_eval_count")->setIntValue(412);
+      line.addKeyValue("eval_count")->setIntValue(96);
+    }
+    lines.push_back(line.obtainJsonString() + "\n");
+  }
+  return [kept, reply = piecewiseReply(200, std::move(lines), -1, gap)](RawConnection& connection,
+                                                                        const RawRequest& request) {
+    if (kept != nullptr) {
+      const std::lock_guard lock(kept->mutex);
+      kept->body = request.body;
+    }
+    reply(connection, request);
+  };
+}
 
 // Runs qorchat to its end with the input given at once.
 struct Outcome {

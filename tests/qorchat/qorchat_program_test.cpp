@@ -62,7 +62,7 @@ class QorchatProgram : public ::testing::Test {
 TEST_F(QorchatProgram, PrintRequestShowsWhatARealRunSendsForEveryService) {
   const std::tuple<const char*, const char*, const char*> cases[] = {
       {"openai", "OPENAI_API_KEY", "/v1/chat/completions"},
-      {"google", "GEMINI_API_KEY", "/v1beta/models/gemini-x:generateContent"},
+      {"google", "GEMINI_API_KEY", "/v1beta/models/gemini-x:streamGenerateContent"},
       {"deepseek", "DEEPSEEK_API_KEY", "/chat/completions"},
       {"ollama", "", "/api/chat"},
       {"x", "XAI_API_KEY", "/v1/chat/completions"},
@@ -176,6 +176,36 @@ TEST_F(QorchatProgram, ACutOffReplyIsFlaggedAndItsSqlNotRun) {
   EXPECT_EQ(run.status, 1);
   EXPECT_TRUE(has(run.err, "the reply was cut at the service's length limit")) << run.err;
   EXPECT_TRUE(has(run.err, "not run: the reply was cut off")) << run.err;
+}
+
+// Through a pipe, a streamed reply prints what the same reply unstreamed prints, hostile bytes
+// made safe and blanks alone shown as no text; the token counts follow on standard error.
+TEST_F(QorchatProgram, APipedReplyPrintsTheSameStreamedOrNot) {
+  const std::vector<std::string> replies[] = {
+      {"Total: 42 €, 中文 😀", "\n\n```sql\nSELECT 1;\n```"},
+      {"\x1B[2J hostile ", "\a bell \xE2\x80\xAE"},
+      {"  ", "\n"},
+  };
+  RawServer raw;
+  for (const std::vector<std::string>& fragments : replies) {
+    std::string whole;
+    for (const std::string& fragment : fragments)
+      whole += fragment;
+    SCOPED_TRACE(whole);
+    const Args args{"--service", "ollama", "--host", raw.baseUrl(), "--model", "m", "--ask", "Q"};
+    raw.enqueue(ollamaStream({whole}, milliseconds(0)));
+    Args unstreamedArgs = args;
+    unstreamedArgs.push_back("--no-stream");
+    const Outcome unstreamed = runQorchat(unstreamedArgs, env());
+    KeptBody kept;
+    raw.enqueue(ollamaStream(fragments, milliseconds(5), &kept));
+    const Outcome streamed = runQorchat(args, env());
+    EXPECT_TRUE(has(kept.text(), "\"stream\":true")) << kept.text();
+    EXPECT_EQ(streamed.out, unstreamed.out);
+    EXPECT_EQ(streamed.out.find('\x1B'), std::string::npos);
+    for (const Outcome* run : {&streamed, &unstreamed})
+      EXPECT_EQ(run->err, "(412 tokens in, 96 out)\n");
+  }
 }
 
 // Each failure is one line: status 1 when the service says no, 2 for what is wrong before

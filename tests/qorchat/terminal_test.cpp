@@ -8,6 +8,7 @@
 
 #include "helpers.h"
 #include "support/loopback_server.h"
+#include "support/raw_server.h"
 #include "yl/yl.h"
 
 namespace qortest {
@@ -172,6 +173,39 @@ TEST_F(QorchatTerminal, WideRowsTurnVerticalAndLongOutputIsPaged) {
     return has(std::string(std::istreambuf_iterator<char>(in), {}), "\n60\n(60 rows)\n");
   }));
   EXPECT_FALSE(has(screen(), "(60 rows)")) << screen();
+}
+
+// The spinner, then each block as it arrives, before the service has sent the rest; Ctrl-C in
+// mid reply leaves the text shown and the history as it was; /usage adds up the replies.
+TEST_F(QorchatTerminal, RepliesStreamAndCtrlCKeepsTheHistory) {
+  RawServer raw;
+  KeptBody kept;
+  const std::string command = "env XDG_STATE_HOME=" + state_.path.string() + " " + QORCHAT_BINARY +
+                              " --no-history --service ollama --model m --host " + raw.baseUrl() +
+                              "; sleep 30";
+  ASSERT_EQ(tmux("new-session -d -s q -x 100 -y 40 '" + command + "'"), 0);
+  ASSERT_TRUE(shows("qorchat>")) << screen();
+  // A block shows once the line after it starts another; the last waits for the end.
+  raw.enqueue(ollamaStream({"First block.\n\nSecond block.\n", "\nThird."}, milliseconds(1500)));
+  keys("'First question' Enter");
+  EXPECT_TRUE(shows("waiting for the model")) << screen();
+  ASSERT_TRUE(shows("First block.")) << screen();
+  const std::string early = screen();
+  EXPECT_FALSE(has(early, "Second") || has(early, "waiting for the model")) << early;
+  EXPECT_TRUE(shows("Third.\n(412 tokens in, 96 out)")) << screen();
+
+  raw.enqueue(ollamaStream({"Partial text.\n\nMore\n", "\nnever shown."}, milliseconds(1500)));
+  keys("'Doomed question' Enter");
+  ASSERT_TRUE(shows("Partial text.")) << screen();
+  keys("C-c");
+  EXPECT_TRUE(shows("cancelled; the conversation is as it was")) << screen();
+  std::this_thread::sleep_for(milliseconds(2000));  // past the piece that would have come
+  EXPECT_TRUE(has(screen(), "Partial text.") && !has(screen(), "never shown")) << screen();
+
+  raw.enqueue(ollamaStream({"Third answer."}, milliseconds(10), &kept));
+  keys("'Third question' Enter /usage Enter");
+  EXPECT_TRUE(shows("tokens since the start: 824 tokens in, 192 out over 2 replies")) << screen();
+  EXPECT_TRUE(has(kept.text(), "First question") && !has(kept.text(), "Doomed")) << kept.text();
 }
 
 }  // namespace

@@ -155,9 +155,14 @@ void addOutputOptions(CLI::App& app, Options& options) {
   app.add_flag("--timing", options.timing, "Print how long each statement took");
   app.add_flag_callback(
       "--no-color", [&options] { options.color = false; }, "No colour (also when NO_COLOR is set)");
-  // The positive names, hidden, so that a config file may say pager = false or color = false.
+  app.add_flag_callback(
+      "--no-stream", [&options] { options.stream = false; },
+      "Show a reply only once it is whole, not as it arrives");
+  // The positive names, hidden, so that a config file may say pager = false, color = false or
+  // stream = false.
   app.add_flag("--pager", options.pager)->group("");
   app.add_flag("--color", options.color)->group("");
+  app.add_flag("--stream", options.stream)->group("");
 }
 
 void addModeOptions(CLI::App& app, Options& options, Extras& extras) {

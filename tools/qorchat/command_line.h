@@ -42,6 +42,7 @@ struct Options {
   bool pager = true;                // long output through $PAGER on a terminal
   bool timing = false;              // print how long each statement took
   bool color = true;                // false with NO_COLOR or --no-color
+  bool stream = true;               // replies shown as they arrive; false with --no-stream
 };
 
 // Either options to run with, or the status to exit with at once (after --help, --version or a

@@ -74,6 +74,11 @@ bool schema(Conversation& conversation, Display& display, std::string_view) {
   return true;
 }
 
+bool usage(Conversation& conversation, Display& display, std::string_view) {
+  display.out() << "tokens since the start: " << conversation.usageText() << "\n";
+  return true;
+}
+
 bool run(Conversation& conversation, Display& display, std::string_view argument) {
   std::size_t number = 1;
   if (!argument.empty()) {
@@ -247,6 +252,7 @@ constexpr std::array kCommands{
     Command{"/limit", "", "N", "show at most N rows of a result", &limit},
     Command{"/null", "", "TEXT", "show NULL values as TEXT", &nullText},
     Command{"/timing", "", "[on|off]", "show how long each statement took", &timing},
+    Command{"/usage", "", "", "the tokens the service counted since the start", &usage},
     Command{"/reset", "", "", "start a new conversation (the old one stays stored)", &reset},
     Command{"/edit", "", "[TEXT]", "write a question in $VISUAL or $EDITOR, then ask it", &edit},
     Command{"/history", "", "", "the stored conversations: database, service, date, first question",

@@ -15,6 +15,7 @@
 #include "model_choice.h"
 #include "output_format.h"
 #include "pager.h"
+#include "reply_stream.h"
 #include "result_table.h"
 #include "setup.h"
 #include "structure_text.h"
@@ -46,6 +47,15 @@ std::string replyText(const IQORMessage& reply) {
 
 std::string summary(std::string_view statement) {
   return ResultTable::fitted(text::oneLine(statement), kSummaryWidth);
+}
+
+// "412 tokens in, 96 out", or the half the service reported; empty when it reported neither.
+std::string tokenCounts(std::int64_t in, std::int64_t out) {
+  if (in >= 0 && out >= 0)
+    return std::to_string(in) + " tokens in, " + std::to_string(out) + " out";
+  if (in >= 0) return std::to_string(in) + " tokens in";
+  if (out >= 0) return std::to_string(out) + " tokens out";
+  return {};
 }
 
 }  // namespace
@@ -118,6 +128,7 @@ Status Conversation::start(Parts parts) {
                                 std::string(service_.name));
   }
   pool_ = pool;
+  key_ = std::move(parts.key);
   Result<Structure> structure = database_->describe();
   if (!structure) return structure.status();
   structure_ = std::move(*structure);
@@ -249,6 +260,12 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
   // A request body is JSON, which holds only valid UTF-8: a stray byte of a paste becomes U+FFFD.
   const std::string question = text::validUtf8(typed);
   applyScope(question);
+  // The reply is written as it arrives, unless it goes to standard error before rows for another
+  // program: then it is shown whole, as it always was.
+  auto* streaming = options_.stream && !replyOnStandardError
+                        ? dynamic_cast<IQORStreamingAssistant*>(assistant_.get())
+                        : nullptr;
+  std::optional<ReplyStream> stream;
   std::pair<IQORMessage*, std::string> result;
   const std::uint64_t before = pool_->exchangesEnded();
   bool interrupted = false;
@@ -256,13 +273,21 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
   {
     ExchangeWatch watch(pool_, spinnerWanted(), {}, "waiting for the model", questionDeadline());
     const AttemptLabel label(attempts_, watch);
-    result = assistant_->addMessage(question);
+    if (streaming != nullptr) {
+      stream.emplace(display_.out(), display_, key_, replyLayout(),
+                     [&watch] { watch.stopSpinner(); });
+      result = streaming->addMessageStreaming(
+          question, [&stream](std::string_view fragment) { stream->add(fragment); });
+    } else {
+      result = assistant_->addMessage(question);
+    }
     interrupted = watch.interrupted();
     timedOut = watch.timedOut();
   }
   const std::unique_ptr<IQORMessage, FreeObject> reply(result.first);
   reportWriteFailure();
   if (!reply) {
+    if (stream) stream->abandon();  // what was shown stays; the history never took the question
     Status status =
         timedOut ? Status::timedOut("no reply within " + std::to_string(options_.timeoutSeconds) +
                                     " s (--timeout), retries included")
@@ -275,10 +300,26 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
     }
     return status;
   }
-  showReply(replyText(*reply), listBlocks);
+  if (stream) {
+    stream->finish();
+    keepBlocks(replyText(*reply), listBlocks);
+  } else {
+    showReply(replyText(*reply), listBlocks);
+  }
   noteReplyEnd(*reply);
+  noteUsage(*reply);
   display_.out().flush();
   return Status::ok();
+}
+
+std::optional<MarkdownStyle> Conversation::replyLayout() const {
+  // On a terminal the reply's Markdown is laid out for it; the renderer makes every piece of the
+  // text safe and adds only its own styling.
+  if (const std::optional<TerminalSize> terminal = terminalSizeOf(STDOUT_FILENO);
+      terminal && !replyOnStandardError && colorWanted()) {
+    return MarkdownStyle{terminal->columns, true};
+  }
+  return std::nullopt;
 }
 
 void Conversation::showReply(const std::string& text, bool listBlocks) {
@@ -286,14 +327,16 @@ void Conversation::showReply(const std::string& text, bool listBlocks) {
   std::ostream& where = replyOnStandardError ? display_.err() : display_.out();
   if (text::trimmed(text).empty()) {
     where << "(" << kNoTextReply << ")\n";
-  } else if (const std::optional<TerminalSize> terminal = terminalSizeOf(STDOUT_FILENO);
-             terminal && !replyOnStandardError && colorWanted()) {
-    // On a terminal the reply's Markdown is laid out for it; the renderer makes every piece of
-    // the text safe and adds only its own styling.
-    where << renderMarkdown(display_.masked(text), MarkdownStyle{terminal->columns, true});
+  } else if (const std::optional<MarkdownStyle> layout = replyLayout()) {
+    where << renderMarkdown(display_.masked(text), *layout);
   } else {
     where << terminalSafe(display_.masked(text)) << "\n";
   }
+  keepBlocks(text, listBlocks);
+}
+
+void Conversation::keepBlocks(const std::string& text, bool listBlocks) {
+  std::ostream& where = replyOnStandardError ? display_.err() : display_.out();
   blocks_ = SqlBlocks(text);
   lastReplyCut_ = false;
   if (!listBlocks) return;
@@ -326,6 +369,38 @@ void Conversation::noteReplyEnd(const IQORMessage& reply) {
     case QORReplyEnd::Unknown:
       break;
   }
+}
+
+void Conversation::noteUsage(const IQORMessage& reply) {
+  const auto* details = dynamic_cast<const IQORReplyDetails*>(&reply);
+  const QORTokenUsage usage = details != nullptr ? details->obtainUsage() : QORTokenUsage{};
+  ++usage_.replies;
+  if (usage.inputTokens < 0 && usage.outputTokens < 0) return;
+  ++usage_.reported;
+  usage_.inputTokens += std::max<std::int64_t>(usage.inputTokens, 0);
+  usage_.outputTokens += std::max<std::int64_t>(usage.outputTokens, 0);
+  const std::string line = "(" + tokenCounts(usage.inputTokens, usage.outputTokens) + ")";
+  display_.out().flush();
+  // Dim, so that it reads as a remark beside the answer; plain without colour.
+  if (colorWanted() && isatty(STDERR_FILENO) != 0) {
+    display_.err() << "\033[2m" << line << "\033[0m\n";
+  } else {
+    display_.err() << line << "\n";
+  }
+}
+
+std::string Conversation::usageText() const {
+  if (usage_.replies == 0) return "no reply yet";
+  const auto replies = [](std::size_t count) {
+    return std::to_string(count) + (count == 1 ? " reply" : " replies");
+  };
+  if (usage_.reported == 0)
+    return "the service reported no token counts for the " + replies(usage_.replies);
+  std::string text =
+      tokenCounts(usage_.inputTokens, usage_.outputTokens) + " over " + replies(usage_.replies);
+  if (usage_.reported < usage_.replies)
+    text += " (" + replies(usage_.replies - usage_.reported) + " without counts)";
+  return text;
 }
 
 Status Conversation::runBlock(std::size_t index) {
@@ -644,7 +719,11 @@ Status Conversation::printRequest(const std::string& question) {
                   kModelPlaceholder + " (a real run takes the first model the service lists)");
   }
   applyScope(question);
-  const auto result = assistant_->addMessage(question);
+  // The request of a streamed reply, when a real run would stream it.
+  auto* streaming =
+      options_.stream ? dynamic_cast<IQORStreamingAssistant*>(assistant_.get()) : nullptr;
+  const auto result = streaming != nullptr ? streaming->addMessageStreaming(question, {})
+                                           : assistant_->addMessage(question);
   QORFreeObject(result.first);
   if (!captured->seen) {
     display_.fail("the assistant prepared no request", result.second);

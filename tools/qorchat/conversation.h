@@ -15,6 +15,7 @@
 #include "command_line.h"
 #include "db/database.h"
 #include "display.h"
+#include "markdown.h"
 #include "memory_store.h"
 #include "qor.h"
 #include "schema_scope.h"
@@ -102,6 +103,9 @@ class Conversation {
     return uniqueKeysInstruction(structure_, appliedChoice_.empty() ? nullptr : &appliedChoice_);
   }
 
+  // The tokens the service counted since the start: "1210 tokens in, 380 out over 3 replies".
+  std::string usageText() const;
+
   const SqlBlocks& blocks() const { return blocks_; }
   const Options& options() const { return options_; }
   std::size_t resumedEntryCount() const;
@@ -110,6 +114,12 @@ class Conversation {
  private:
   struct FreeObject {
     void operator()(IQORObject* object) const { QORFreeObject(object); }
+  };
+  struct TokenTotals {
+    std::int64_t inputTokens = 0;
+    std::int64_t outputTokens = 0;
+    std::size_t replies = 0;
+    std::size_t reported = 0;  // replies with at least one count
   };
   struct FailedStatement {
     std::string statement;
@@ -137,6 +147,12 @@ class Conversation {
   YLVariantMap systemInstructions(const std::vector<bool>* chosen) const;
   // Shows a reply and keeps its SQL blocks; with listBlocks, lists them numbered for /run.
   void showReply(const std::string& text, bool listBlocks);
+  // Keeps a reply's SQL blocks; with listBlocks, lists them numbered for /run.
+  void keepBlocks(const std::string& text, bool listBlocks);
+  // The Markdown layout for a reply on a colour terminal; none for plain safe text.
+  std::optional<MarkdownStyle> replyLayout() const;
+  // The reply's token counts, dim on standard error, and added to the totals.
+  void noteUsage(const IQORMessage& reply);
   // Tells the user when the reply did not end as a complete answer.
   void noteReplyEnd(const IQORMessage& reply);
   Status runStatements(const std::string& sql, std::string_view what);
@@ -155,11 +171,13 @@ class Conversation {
   std::unique_ptr<MemoryStore> memory_;  // outlives the assistant, which only borrows it
   YLHTTPPoolCenter* pool_ = nullptr;     // owned by the assistant
   std::unique_ptr<IQORAssistant, FreeObject> assistant_;
+  std::string key_;  // masked by the display; a streamed fragment holds back its start
   std::string model_;
   bool temperatureSet_ = false;
   std::string engine_;  // "PostgreSQL 15.8", "SQLite 3.40.1"
   Confirm confirm_;
   bool lastReplyCut_ = false;
+  TokenTotals usage_;
 
   // The structure the model sees: whole while it fits the budget, otherwise chosen per question.
   Structure structure_;

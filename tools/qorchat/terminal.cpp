@@ -194,6 +194,14 @@ void ExchangeWatch::setLabel(std::string label) {
   label_ = std::move(label);
 }
 
+void ExchangeWatch::stopSpinner() {
+  const std::lock_guard lock(mutex_);
+  if (!spinner_) return;
+  spinner_ = false;
+  std::fputs("\r\033[K", stderr);
+  std::fflush(stderr);
+}
+
 void ExchangeWatch::watch() {
   static constexpr char kFrames[] = {'|', '/', '-', '\\'};
   unsigned frame = 0;

@@ -76,12 +76,15 @@ class ExchangeWatch {
   // What the spinner names from its next tick on ("retrying (attempt 2 of 3)"); any thread may
   // call it.
   void setLabel(std::string label);
+  // Ends the spinner and clears its line, for text that now takes its place; Ctrl-C and the
+  // deadline still cancel. Call it from the thread that writes that text.
+  void stopSpinner();
 
  private:
   void watch();
 
   YLHTTPPoolCenter* pool_;
-  bool spinner_;
+  bool spinner_;  // guarded by mutex_ while the watching thread runs
   std::function<void()> alsoCancel_;
   std::string label_;  // guarded by mutex_
   std::chrono::steady_clock::time_point start_;
