@@ -30,6 +30,7 @@
 
 #include "db/database.h"
 #include "qor.h"
+#include "support/loopback_server.h"
 #include "support/raw_server.h"
 #include "yl/yl.h"
 
@@ -262,6 +263,22 @@ inline Outcome runQorchat(const std::vector<std::string>& args,
   if (!input.empty()) program.write(input);
   const int status = program.finish();
   return {status, program.out(), program.err()};
+}
+
+// A reply of the Ollama service whose text may hold anything: quotes, line breaks, backticks.
+inline ScriptedReply ollamaReply(const std::string& text,
+                                 std::chrono::milliseconds delay = std::chrono::milliseconds(0),
+                                 const std::string& doneReason = "stop") {
+  YLJson reply;
+  reply.addKeyValue("model")->setStringValue("m");
+  IYLJsonValue* message = reply.addKeyValue("message");
+  message->addKeyValue("role")->setStringValue("assistant");
+  message->addKeyValue("content")->setStringValue(text);
+  reply.addKeyValue("done")->setBoolValue(true);
+  reply.addKeyValue("done_reason")->setStringValue(doneReason);
+  ScriptedReply scripted{200, reply.obtainJsonString()};
+  scripted.delay = delay;
+  return scripted;
 }
 
 }  // namespace qortest

@@ -19,21 +19,6 @@ using Args = std::vector<std::string>;
 
 constexpr const char* kKey = "sk-test-4f9a0c1d2e3b";
 
-// A reply of the Ollama service whose text may hold anything: quotes, line breaks, backticks.
-ScriptedReply ollamaReply(const std::string& text, milliseconds delay = milliseconds(0),
-                          const std::string& doneReason = "stop") {
-  YLJson reply;
-  reply.addKeyValue("model")->setStringValue("m");
-  IYLJsonValue* message = reply.addKeyValue("message");
-  message->addKeyValue("role")->setStringValue("assistant");
-  message->addKeyValue("content")->setStringValue(text);
-  reply.addKeyValue("done")->setBoolValue(true);
-  reply.addKeyValue("done_reason")->setStringValue(doneReason);
-  ScriptedReply scripted{200, reply.obtainJsonString()};
-  scripted.delay = delay;
-  return scripted;
-}
-
 class QorchatProgram : public ::testing::Test {
  protected:
   // The test's own state folder and no key of the developer's, under these variables.

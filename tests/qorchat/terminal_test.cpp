@@ -27,16 +27,7 @@ class QorchatTerminal : public ::testing::Test {
   // qorchat on a terminal this many columns wide; the model answers after the delay.
   void start(int columns, milliseconds delay = milliseconds(0), const std::string& env = "",
              const std::string& text = "the answer", const std::string& doneReason = "stop") {
-    YLJson reply;
-    reply.addKeyValue("model")->setStringValue("m");
-    IYLJsonValue* message = reply.addKeyValue("message");
-    message->addKeyValue("role")->setStringValue("assistant");
-    message->addKeyValue("content")->setStringValue(text);
-    reply.addKeyValue("done")->setBoolValue(true);
-    reply.addKeyValue("done_reason")->setStringValue(doneReason);
-    ScriptedReply scripted{200, reply.obtainJsonString()};
-    scripted.delay = delay;
-    server_.answer("POST", "/api/chat", scripted);
+    server_.answer("POST", "/api/chat", ollamaReply(text, delay, doneReason));
     const std::string command = "env " + env + " HOME=" + state_.path.string() +
                                 " XDG_STATE_HOME=" + state_.path.string() + " " + QORCHAT_BINARY +
                                 " --service ollama --model m --host " + server_.baseUrl() +

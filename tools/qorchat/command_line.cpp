@@ -8,12 +8,12 @@
 #include <array>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <ostream>
 #include <regex>
 #include <string_view>
 
 #include "display.h"
+#include "format_names.h"
 #include "services.h"
 
 namespace qorchat {
@@ -130,18 +130,13 @@ void addDatabaseOptions(CLI::App& app, Options& options, Extras& extras) {
 }
 
 void addOutputOptions(CLI::App& app, Options& options) {
-  const std::map<std::string, OutputFormat> formats{{"table", OutputFormat::Table},
-                                                    {"csv", OutputFormat::Csv},
-                                                    {"json", OutputFormat::Json},
-                                                    {"markdown", OutputFormat::Markdown}};
   app.add_option("--format", options.format, "How rows are printed")
       ->type_name("table|csv|json|markdown")
       ->transform(CLI::Validator(
-          [formats](std::string& value) {
-            const auto found = formats.find(value);
-            if (found == formats.end())
-              return "'" + value + "' is not table, csv, json or markdown";
-            value = std::to_string(static_cast<int>(found->second));
+          [](std::string& value) {
+            const std::optional<OutputFormat> found = parseOutputFormat(value);
+            if (!found) return "'" + value + "' is not table, csv, json or markdown";
+            value = std::to_string(static_cast<int>(*found));
             return std::string();
           },
           ""))

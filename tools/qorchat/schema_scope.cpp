@@ -5,10 +5,10 @@
 #include <cctype>
 #include <cmath>
 #include <limits>
-#include <memory>
 #include <utility>
 
 #include "qor.h"
+#include "structure_text.h"
 #include "text.h"
 #include "word_forms.h"
 
@@ -17,10 +17,6 @@ namespace {
 
 using text::equalsIgnoringCase;
 constexpr auto sameName = equalsIgnoringCase;
-
-struct FreeObject {
-  void operator()(IQORObject* object) const { QORFreeObject(object); }
-};
 
 // The bytes of a list of lines, each with the line break the text gives it.
 std::size_t linesBytes(const YLVariantList& lines) {
@@ -146,18 +142,6 @@ std::vector<std::vector<std::size_t>> firstRelations(const Structure& structure,
     }
   }
   return first;
-}
-
-// The tree of lines the library makes of the structure, from a scratch assistant with a memory of
-// its own: the user's conversation is not touched.
-YLVariant libraryTree(const Structure& structure) {
-  const std::unique_ptr<IQORAssistant, FreeObject> scratch(
-      QORCreateAssistant(QORAssistantType::OLLAMA, new YLHTTPPoolCenter, "", "", nullptr));
-  scratch->updateProperties([&](IQORProperties* properties) {
-    properties->setValue("db_structure", YLVariant(structureJson(structure)));
-  });
-  const std::unique_ptr<IQORProperties, FreeObject> properties(scratch->obtainProperties());
-  return properties->obtainValue("db_structure");
 }
 
 }  // namespace

@@ -59,19 +59,23 @@ std::optional<std::size_t> findRelation(const Structure& structure, std::string_
   return caseless;
 }
 
-std::string relationText(const Structure& structure, std::size_t relation) {
-  std::vector<bool> chosen(relationPlaces(structure).size(), false);
-  if (relation >= chosen.size()) return {};
-  chosen[relation] = true;
-  // A scratch assistant makes the text exactly as the conversation's own would; it sends nothing.
+YLVariant libraryTree(const Structure& structure, const std::vector<bool>* chosen) {
   const std::unique_ptr<IQORAssistant, FreeObject> scratch(
       QORCreateAssistant(QORAssistantType::OLLAMA, new YLHTTPPoolCenter, "", "", nullptr));
   if (!scratch) return {};
   scratch->updateProperties([&](IQORProperties* properties) {
-    properties->setValue("db_structure", YLVariant(structureJson(structure, &chosen)));
+    properties->setValue("db_structure", YLVariant(structureJson(structure, chosen)));
   });
   const std::unique_ptr<IQORProperties, FreeObject> properties(scratch->obtainProperties());
-  return treeText(properties->obtainValue("db_structure"));
+  return properties->obtainValue("db_structure");
+}
+
+std::string relationText(const Structure& structure, std::size_t relation) {
+  std::vector<bool> chosen(relationPlaces(structure).size(), false);
+  if (relation >= chosen.size()) return {};
+  chosen[relation] = true;
+  // The text exactly as the conversation's own assistant would make it.
+  return treeText(libraryTree(structure, &chosen));
 }
 
 }  // namespace qorchat

@@ -13,6 +13,10 @@
 
 namespace qorchat {
 
+// The tree of lines the library makes of the structure (the chosen relations only, with chosen),
+// from a scratch assistant with a memory of its own: no conversation is touched, nothing is sent.
+YLVariant libraryTree(const Structure& structure, const std::vector<bool>* chosen = nullptr);
+
 // The lines of a db_structure tree: each catalog's, then its schemas', one statement a line.
 std::string treeText(const YLVariant& tree);
 
