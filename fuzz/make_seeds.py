@@ -12,7 +12,7 @@ import re
 TOP = pathlib.Path(__file__).resolve().parent.parent
 CORPUS = TOP / "fuzz" / "corpus"
 
-# The order of reply_fuzzer.cpp: kTypes and kStatuses.
+# The order of assistant_support.h's kTypes and reply_fuzzer.cpp's kStatuses.
 SERVICES = ["openai", "google", "deepseek", "ollama", "x", "anthropic", "alibaba"]
 STATUSES = [200, 400, 401, 404, 429, 500, 503, 302]
 
@@ -20,6 +20,15 @@ STATUSES = [200, 400, 401, 404, 429, 500, 503, 302]
 def selector(service, chat, status):
     """The first byte of a reply input: service, exchange, status (see reply_fuzzer.cpp)."""
     return len(SERVICES) * (2 * STATUSES.index(status) + (0 if chat else 1)) + service
+
+
+def stream_selector(service, cut):
+    """The first byte of a stream input: service and cut (see stream_fuzzer.cpp)."""
+    return len(SERVICES) * cut + service
+
+
+# The cuts each stream seed is written with: whole, and pieces of 1 to 10 bytes.
+STREAM_CUTS = [0, 5]
 
 
 def nearest_status(status):
@@ -45,7 +54,7 @@ def structures():
 
 
 def main():
-    for folder in ["json", "digest", "reply"]:
+    for folder in ["json", "digest", "reply", "stream"]:
         for old in (CORPUS / folder).glob("seed-*"):
             old.unlink()
 
@@ -69,6 +78,11 @@ def main():
                 kind = "chat" if chat else "listing"
                 write("reply", f"seed-{service}-{kind}-{status}-{path.name}",
                       bytes([selector(index, chat, status)]) + body)
+
+        for path in sorted((wire / service).glob("stream_*")):
+            for cut in STREAM_CUTS:
+                write("stream", f"seed-{service}-cut{cut}-{path.name}",
+                      bytes([stream_selector(index, cut)]) + path.read_bytes())
 
     for number, structure in enumerate(structures()):
         write("digest", f"seed-structure-{number}.json", structure)

@@ -14,7 +14,7 @@ build=${1:-build/fuzz}
 seconds=${2:-60}
 shift $(($# > 2 ? 2 : $#))
 targets=("$@")
-((${#targets[@]})) || targets=(json digest reply)
+((${#targets[@]})) || targets=(json digest reply stream)
 
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/qor-fuzz.XXXXXX")
 echo "fuzz: scratch folder $scratch"
