@@ -50,11 +50,23 @@ Streamed stream(T type, const std::string& host, std::size_t cancelAt = SIZE_MAX
   return got;
 }
 
-// The body in pieces of one byte, and cut at random into pieces of 1 to 64 bytes.
-std::vector<Pieces> cuttings(const std::string& body) {
-  Pieces bytes;
+std::string withLineEnds(const std::string& body, const std::string& end) {
+  std::string ended;
   for (char c : body)
-    bytes.emplace_back(1, c);
+    ended += c == '\n' ? end : std::string(1, c);
+  return ended;
+}
+
+// The body whole, a byte at a time (its lines ended by LF, CR or CRLF, as servers may end them),
+// and cut at random into pieces of 1 to 64 bytes.
+std::vector<Pieces> cuttings(const std::string& body) {
+  std::vector<Pieces> all{{body}};
+  for (const std::string& ended : {body, withLineEnds(body, "\r"), withLineEnds(body, "\r\n")}) {
+    Pieces bytes;
+    for (char c : ended)
+      bytes.emplace_back(1, c);
+    all.push_back(std::move(bytes));
+  }
   Pieces random;
   std::minstd_rand draw(static_cast<unsigned>(body.size()));
   for (std::size_t at = 0; at < body.size();) {
@@ -62,7 +74,8 @@ std::vector<Pieces> cuttings(const std::string& body) {
     random.push_back(body.substr(at, size));
     at += size;
   }
-  return {{body}, bytes, random};
+  all.push_back(std::move(random));
+  return all;
 }
 
 TEST(Streaming, EachServicesStreamGivesOneTextAndDetailsHoweverItIsCut) {

@@ -12,7 +12,11 @@ StreamReader::StreamReader(const ChatRules& rules, const FragmentSink& fragments
     : rules_(rules), fragments_(fragments), failureTail_(std::move(failureTail)) {}
 
 void StreamReader::take(std::string_view piece) {
-  for (std::size_t end = piece.find('\n'); end != std::string_view::npos; end = piece.find('\n')) {
+  // A line ends at CR, LF or CRLF; a CRLF may be cut between two pieces.
+  if (skipLineFeed_ && !piece.empty() && piece.front() == '\n') piece.remove_prefix(1);
+  skipLineFeed_ = false;
+  for (std::size_t end = piece.find_first_of("\r\n"); end != std::string_view::npos;
+       end = piece.find_first_of("\r\n")) {
     if (pending_.empty()) {
       takeLine(piece.substr(0, end));
     } else {
@@ -20,13 +24,20 @@ void StreamReader::take(std::string_view piece) {
       takeLine(pending_);
       pending_.clear();
     }
+    const bool carriageReturn = piece[end] == '\r';
     piece.remove_prefix(end + 1);
+    if (carriageReturn) {
+      if (piece.empty()) {
+        skipLineFeed_ = true;
+      } else if (piece.front() == '\n') {
+        piece.remove_prefix(1);
+      }
+    }
   }
   pending_.append(piece);
 }
 
 void StreamReader::takeLine(std::string_view line) {
-  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
   if (rules_.stream.framing == StreamRules::Framing::Lines) {
     if (line.empty()) return;
     eventData_.assign(line);

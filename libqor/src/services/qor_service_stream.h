@@ -41,7 +41,8 @@ class StreamReader {
   const ChatRules& rules_;
   const FragmentSink& fragments_;
   std::string failureTail_;
-  std::string pending_;  // the bytes of a line not yet ended
+  std::string pending_;        // the bytes of a line not yet ended
+  bool skipLineFeed_ = false;  // the last piece ended with CR, which a LF may complete
   std::string eventName_;
   std::string eventData_;
   bool hasData_ = false;
