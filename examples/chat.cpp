@@ -1,4 +1,5 @@
-// The shortest complete host: create an assistant, describe a database, list models, ask once.
+// The shortest complete host: create an assistant, describe a database, list models, ask once
+// and print the answer as it streams in.
 //
 //   qor_example_chat [SERVICE [HOST [MODEL]]]
 //
@@ -79,13 +80,26 @@ int main(int argc, char** argv) {
                     "pkeys": ["id"]}]}]}])~"));
   });
 
-  auto [reply, failure] = assistant->addMessage("What is the largest order?");
+  // The answer is printed as the service writes it; every assistant can stream.
+  auto* streaming = dynamic_cast<IQORStreamingAssistant*>(assistant);
+  auto [reply, failure] =
+      streaming->addMessageStreaming("What is the largest order?", [](std::string_view fragment) {
+        std::fwrite(fragment.data(), 1, fragment.size(), stdout);
+        std::fflush(stdout);
+      });
   if (reply == nullptr) {
-    std::fprintf(stderr, "chat: %s\n", failure.c_str());
+    std::fprintf(stderr, "\nchat: %s\n", failure.c_str());
   } else {
-    for (const IQORMessageSection* section : reply->obtainSections()) {
-      const std::string_view text = section->obtainText();
-      std::printf("%.*s\n", static_cast<int>(text.size()), text.data());
+    std::printf("\n");
+    // How the reply ended and what it cost, where the service says.
+    if (const auto* details = dynamic_cast<const IQORReplyDetails*>(reply)) {
+      if (details->obtainReplyEnd() == QORReplyEnd::LengthLimit)
+        std::fprintf(stderr, "(the reply was cut at the length limit)\n");
+      const QORTokenUsage usage = details->obtainUsage();
+      if (usage.inputTokens >= 0 && usage.outputTokens >= 0)
+        std::fprintf(stderr, "(%lld tokens in, %lld out)\n",
+                     static_cast<long long>(usage.inputTokens),
+                     static_cast<long long>(usage.outputTokens));
     }
     QORFreeObject(reply);
   }
