@@ -88,8 +88,20 @@ std::unique_ptr<MemoryStore> App::openMemory(const Database& database) {
   return inMemory ? std::move(*inMemory) : nullptr;
 }
 
+void App::offerKeyPrompt() {
+  if (isatty(STDIN_FILENO) == 0) return;
+  conversation_->setKeyPrompt([this](const std::string& question) {
+    display_.out().flush();
+    display_.err() << question << " " << std::flush;
+    const std::optional<char> key = readKey("yna");
+    display_.err() << (key ? std::string(1, *key) : std::string()) << "\n";
+    return key;
+  });
+}
+
 int App::ask() {
   if (!conversation_->chooseModel()) return kExchangeFailed;
+  offerKeyPrompt();
   conversation_->replyOnStandardError =
       options_.runFirstBlock && options_.format != OutputFormat::Table;
   if (!conversation_->ask(options_.question, false)) return kExchangeFailed;
@@ -136,6 +148,7 @@ int App::converse() {
                   std::to_string(resumed) + " earlier entries); /reset starts a new one");
     conversation_->showResumed();
   }
+  offerKeyPrompt();
   LineReader reader(interactive, inputHistoryFile_);
   reader.setCompletionWords(completionWords(conversation_->structure()));
   if (interactive) {

@@ -31,6 +31,8 @@ class App {
   // when the file cannot be had (with a warning).
   std::unique_ptr<MemoryStore> openMemory(const Database& database);
 
+  // On a terminal, the conversation may ask a one-key question (whether to send results).
+  void offerKeyPrompt();
   int converse();
   static std::string psqlHabit(const std::string& line);
   int ask();

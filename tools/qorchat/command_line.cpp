@@ -160,6 +160,35 @@ void addOutputOptions(CLI::App& app, Options& options) {
   app.add_flag("--stream", options.stream)->group("");
 }
 
+// never, ask or always; a hidden option's error names it itself, as CLI11 names none.
+CLI::Validator sharingValidator(std::string_view hiddenName = {}) {
+  return CLI::Validator(
+      [prefix = hiddenName.empty() ? std::string()
+                                   : std::string(hiddenName) + ": "](std::string& value) {
+        const std::optional<Sharing> found = parseSharing(value);
+        if (!found) return prefix + "'" + value + "' is not never, ask or always";
+        value = std::to_string(static_cast<int>(*found));
+        return std::string();
+      },
+      "");
+}
+
+void addSharingOptions(CLI::App& app, Options& options) {
+  app.add_option("--share-results", options.shareResults,
+                 "What of the data may go to the service: query results the model asks for and "
+                 "errors that may quote values (default: ask on a terminal, never otherwise)")
+      ->type_name("never|ask|always")
+      ->transform(sharingValidator());
+  // Hidden, so that a config file may also write the key as share_results.
+  app.add_option("--share_results", options.shareResults)
+      ->transform(sharingValidator("--share_results"))
+      ->group("");
+  app.add_option("--max-steps", options.maxSteps,
+                 "Rounds of queries the model may run for one question")
+      ->type_name("N")
+      ->check(wholeNumber(true));
+}
+
 void addModeOptions(CLI::App& app, Options& options, Extras& extras) {
   extras.askOption =
       app.add_option("--ask", extras.ask, "Ask one question, print the reply and exit")
@@ -214,7 +243,8 @@ bool onCommandLine(const std::string& key, int argc, const char* const* argv) {
 // CLI11 names the key a config file got wrong but not the file or the line: this finds them.
 std::string describeParseError(const CLI::ParseError& error, const std::string& configFile,
                                int argc, const char* const* argv) {
-  const std::string what = error.what();
+  std::string what = error.what();
+  if (what.starts_with(": ")) what.erase(0, 2);  // a hidden option's error, without its name
   // psql and sqlite3 take the database as a plain argument.
   if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr)
     return what + " (the database goes after --db: qorchat --db FILE)";
@@ -276,6 +306,25 @@ bool isLocalAddress(std::string name) {
 
 }  // namespace
 
+std::optional<Sharing> parseSharing(std::string_view name) {
+  for (const Sharing sharing : {Sharing::Never, Sharing::Ask, Sharing::Always}) {
+    if (name == sharingName(sharing)) return sharing;
+  }
+  return std::nullopt;
+}
+
+std::string_view sharingName(Sharing sharing) {
+  switch (sharing) {
+    case Sharing::Never:
+      return "never";
+    case Sharing::Ask:
+      return "ask";
+    case Sharing::Always:
+      break;
+  }
+  return "always";
+}
+
 bool looksLikeHostUrl(const std::string& text) {
   // A scheme of the web, a host name, an IPv4 or a bracketed IPv6 address, an optional port and
   // path; nothing with blanks or credentials.
@@ -335,6 +384,7 @@ CommandLine parseCommandLine(int argc, const char* const* argv, std::ostream& ou
   addDatabaseOptions(app, options, extras);
   addServiceOptions(app, options);
   addOutputOptions(app, options);
+  addSharingOptions(app, options);
   addModeOptions(app, options, extras);
 
   // CLI11 reads "--db=" as --db waiting for a value, and would take the next argument.

@@ -5,6 +5,7 @@
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace qorchat {
 
@@ -14,6 +15,12 @@ enum class Mode { Converse, Ask, PrintRequest, ListModels };
 // How rows are printed: aligned like psql's (with a vertical view for rows too wide), or for other
 // programs.
 enum class OutputFormat { Table, Csv, Json, Markdown };
+
+// What may leave the machine of what statements give (query results, and the error texts of
+// statements that ran, which may quote values): nothing, what the user allows each time, or all.
+enum class Sharing { Never, Ask, Always };
+std::optional<Sharing> parseSharing(std::string_view name);
+std::string_view sharingName(Sharing sharing);
 
 struct Options {
   Mode mode = Mode::Converse;
@@ -37,12 +44,14 @@ struct Options {
   long maxTokens = 8192;              // Anthropic's max_tokens: a long answer with SQL needs
                                       // several thousand
   OutputFormat format = OutputFormat::Table;
-  std::size_t maxRows = 100;        // rows shown of a result; the rest counted
-  std::string nullText = "<null>";  // how a NULL value is shown in a table
-  bool pager = true;                // long output through $PAGER on a terminal
-  bool timing = false;              // print how long each statement took
-  bool color = true;                // false with NO_COLOR or --no-color
-  bool stream = true;               // replies shown as they arrive; false with --no-stream
+  std::size_t maxRows = 100;            // rows shown of a result; the rest counted
+  std::string nullText = "<null>";      // how a NULL value is shown in a table
+  bool pager = true;                    // long output through $PAGER on a terminal
+  bool timing = false;                  // print how long each statement took
+  bool color = true;                    // false with NO_COLOR or --no-color
+  bool stream = true;                   // replies shown as they arrive; false with --no-stream
+  std::optional<Sharing> shareResults;  // empty: ask on a terminal, never otherwise
+  std::size_t maxSteps = 5;             // rounds of queries the model may run per question
 };
 
 // Either options to run with, or the status to exit with at once (after --help, --version or a

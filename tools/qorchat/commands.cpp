@@ -177,6 +177,20 @@ bool timing(Conversation& conversation, Display& display, std::string_view value
   return true;
 }
 
+bool share(Conversation& conversation, Display& display, std::string_view value) {
+  if (!value.empty()) {
+    const std::optional<Sharing> chosen = parseSharing(value);
+    if (!chosen) {
+      display.note("unknown setting '" + std::string(value) + "': choose never, ask or always");
+      return true;
+    }
+    conversation.setSharing(*chosen);
+  }
+  display.out() << "results and errors sent to the service: " << sharingName(conversation.sharing())
+                << "\n";
+  return true;
+}
+
 bool explainError(Conversation& conversation, Display& display, std::string_view) {
   const Status status = conversation.explainError();
   if (status.kind() == Status::Kind::kInvalidInput) display.note(status.message());
@@ -252,6 +266,10 @@ constexpr std::array kCommands{
     Command{"/limit", "", "N", "show at most N rows of a result", &limit},
     Command{"/null", "", "TEXT", "show NULL values as TEXT", &nullText},
     Command{"/timing", "", "[on|off]", "show how long each statement took", &timing},
+    Command{"/share", "", "never|ask|always",
+            "whether query results and errors go to the service (the model's queries run only "
+            "when they may)",
+            &share},
     Command{"/usage", "", "", "the tokens the service counted since the start", &usage},
     Command{"/reset", "", "", "start a new conversation (the old one stays stored)", &reset},
     Command{"/edit", "", "[TEXT]", "write a question in $VISUAL or $EDITOR, then ask it", &edit},

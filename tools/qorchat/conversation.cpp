@@ -35,6 +35,8 @@ constexpr int kAttempts = kHttpRetries + 1;
 constexpr std::size_t kWholeValueBytes = std::size_t{16} * 1024 * 1024;
 // How much of a question taken up again is shown.
 constexpr std::size_t kResumedQuestionWidth = 200;
+// What of a round's results the model gets.
+constexpr ResultCaps kResultCaps{};
 
 std::string replyText(const IQORMessage& reply) {
   std::string text;
@@ -104,7 +106,9 @@ Conversation::Conversation(const Options& options, const Service& service, Displ
       interactive_(isatty(STDIN_FILENO) != 0),
       attempts_(std::make_shared<AttemptCounter>()),
       model_(options.model),
-      temperatureSet_(options.temperature.has_value()) {
+      temperatureSet_(options.temperature.has_value()),
+      // Where nobody can be asked, nothing goes unless the user said so.
+      sharing_(options.shareResults.value_or(interactive_ ? Sharing::Ask : Sharing::Never)) {
   format = options.format;
   maxRows = options.maxRows;
   nullText = options.nullText;
@@ -164,7 +168,17 @@ YLVariantMap Conversation::systemInstructions(const std::vector<bool>* chosen) c
       {kDatabaseInstructionKey, YLVariant(databaseInstruction(engine_))},
       {kScopeInstructionKey, YLVariant(scopeInstruction_)},
       {kUniqueKeysInstructionKey, YLVariant(uniqueKeysInstruction(structure_, chosen))},
+      {kDataAccessInstructionKey,
+       YLVariant(sharing_ == Sharing::Never ? std::string() : dataAccessInstruction(kResultCaps))},
   };
+}
+
+void Conversation::setSharing(Sharing sharing) {
+  sharing_ = sharing;
+  const std::vector<bool>* chosen = appliedChoice_.empty() ? nullptr : &appliedChoice_;
+  assistant_->updateProperties([&](IQORProperties* properties) {
+    properties->setValue("system_instructions", YLVariant(systemInstructions(chosen)));
+  });
 }
 
 std::string Conversation::reachedThrough() const {
@@ -260,6 +274,15 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
   // A request body is JSON, which holds only valid UTF-8: a stray byte of a paste becomes U+FFFD.
   const std::string question = text::validUtf8(typed);
   applyScope(question);
+  Result<std::string> reply = exchange(question);
+  if (!reply) return reply.status();
+  const Status looped = sharing_ == Sharing::Never ? Status::ok() : queryLoop(std::move(*reply));
+  if (listBlocks) listKeptBlocks();
+  display_.out().flush();
+  return looped;
+}
+
+Result<std::string> Conversation::exchange(const std::string& turn) {
   // The reply is written as it arrives, unless it goes to standard error before rows for another
   // program: then it is shown whole, as it always was.
   auto* streaming = options_.stream && !replyOnStandardError
@@ -277,9 +300,9 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
       stream.emplace(display_.out(), display_, key_, replyLayout(),
                      [&watch] { watch.stopSpinner(); });
       result = streaming->addMessageStreaming(
-          question, [&stream](std::string_view fragment) { stream->add(fragment); });
+          turn, [&stream](std::string_view fragment) { stream->add(fragment); });
     } else {
-      result = assistant_->addMessage(question);
+      result = assistant_->addMessage(turn);
     }
     interrupted = watch.interrupted();
     timedOut = watch.timedOut();
@@ -300,16 +323,104 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
     }
     return status;
   }
+  std::string text = replyText(*reply);
   if (stream) {
     stream->finish();
-    keepBlocks(replyText(*reply), listBlocks);
+    keepBlocks(text);
   } else {
-    showReply(replyText(*reply), listBlocks);
+    showReply(text, false);
   }
   noteReplyEnd(*reply);
   noteUsage(*reply);
   display_.out().flush();
-  return Status::ok();
+  return text;
+}
+
+Status Conversation::queryLoop(std::string reply) {
+  for (std::size_t round = 1;; ++round) {
+    const std::vector<std::string> requests = runRequests(reply);
+    if (requests.empty()) return Status::ok();
+    if (round > options_.maxSteps) {
+      display_.note("the model asks for more queries after " + std::to_string(options_.maxSteps) +
+                    " rounds (--max-steps): stopped here; its queries are numbered for /run");
+      return Status::ok();
+    }
+    Result<std::string> results = queryRound(requests, round);
+    // Declined: the reply stands as the answer, its queries offered for /run.
+    if (!results && results.status().kind() == Status::Kind::kRefused) return Status::ok();
+    if (!results) return results.status();
+    Result<std::string> next = exchange(*results);
+    if (!next) return next.status();
+    reply = std::move(*next);
+  }
+}
+
+Result<std::string> Conversation::queryRound(const std::vector<std::string>& requests,
+                                             std::size_t round) {
+  std::ostream& where = replyOnStandardError ? display_.err() : display_.out();
+  std::vector<StatementResult> results;
+  for (std::size_t i = 0; i < requests.size(); ++i) {
+    display_.out().flush();
+    display_.note("round " + std::to_string(round) + " of at most " +
+                  std::to_string(options_.maxSteps) + ": query " + std::to_string(i + 1) + " of " +
+                  std::to_string(requests.size()) + " for the model, read-only:");
+    where << terminalSafe(display_.masked(requests[i])) << "\n";
+    Result<std::vector<StatementResult>> ran = std::vector<StatementResult>();
+    bool interrupted = false;
+    {
+      ExchangeWatch watch(
+          nullptr, spinnerWanted(), [this] { database_->interrupt(); }, "running the query");
+      // At least what goes to the model is kept, so that the user sees all that is sent.
+      ran = database_->runReadOnly(requests[i], RunLimits{std::max(maxRows, kResultCaps.rows)});
+      interrupted = watch.interrupted();
+    }
+    if (interrupted) {
+      display_.note("stopped (Ctrl-C): nothing of this round was sent");
+      return Status::cancelled("the query loop was stopped");
+    }
+    if (!ran) ran = std::vector<StatementResult>{{requests[i], {}, {}, 0, true, ran.status()}};
+    if (ran->empty())
+      ran->push_back({requests[i], {}, {}, 0, true, Status::invalidInput("it holds no statement")});
+    for (StatementResult& result : *ran) {
+      if (result.status) {
+        where << formatted(result, false);
+      } else {
+        display_.fail("the query failed", result.status.message());
+      }
+      results.push_back(std::move(result));
+    }
+  }
+  where.flush();
+  ResultsTurn turn = resultsTurn(results, kResultCaps, round == options_.maxSteps);
+  std::string what = std::to_string(turn.rows) + (turn.rows == 1 ? " row" : " rows");
+  if (turn.errors > 0)
+    what += " and " + std::to_string(turn.errors) + (turn.errors == 1 ? " error" : " errors");
+  const Status consent =
+      consentToSend(what + " (" + std::to_string(turn.text.size()) + " bytes) of results");
+  if (consent.kind() == Status::Kind::kRefused)
+    display_.note("not sent: the model's queries are numbered for /run (/share always sends)");
+  if (!consent) return consent;
+  return std::move(turn.text);
+}
+
+Status Conversation::consentToSend(const std::string& what) {
+  if (sharing_ == Sharing::Always) return Status::ok();
+  if (sharing_ == Sharing::Never) return Status::refused("never shared");
+  if (!keyPrompt_) {
+    display_.note("no terminal to ask whether to send " + what +
+                  "; --share-results always sends without asking");
+    return Status::refused("nobody to ask");
+  }
+  display_.out().flush();
+  const std::optional<char> key =
+      keyPrompt_("Send " + what + " to " + std::string(service_.name) + " at " +
+                 terminalSafe(effectiveHost()) + "? [y/n/a=always]");
+  if (!key) {
+    display_.note("stopped (Ctrl-C): nothing was sent");
+    return Status::cancelled("not asked to send");
+  }
+  if (*key == 'a') setSharing(Sharing::Always);
+  return *key == 'n' ? Status::refused("the user declined") : Status::ok();
 }
 
 std::optional<MarkdownStyle> Conversation::replyLayout() const {
@@ -332,14 +443,18 @@ void Conversation::showReply(const std::string& text, bool listBlocks) {
   } else {
     where << terminalSafe(display_.masked(text)) << "\n";
   }
-  keepBlocks(text, listBlocks);
+  keepBlocks(text);
+  if (listBlocks) listKeptBlocks();
 }
 
-void Conversation::keepBlocks(const std::string& text, bool listBlocks) {
-  std::ostream& where = replyOnStandardError ? display_.err() : display_.out();
-  blocks_ = SqlBlocks(text);
+void Conversation::keepBlocks(const std::string& text) {
+  // Queries the model asked to run, and did not get, are the user's to run.
+  blocks_ = SqlBlocks(runBlocksAsSql(text));
   lastReplyCut_ = false;
-  if (!listBlocks) return;
+}
+
+void Conversation::listKeptBlocks() {
+  std::ostream& where = replyOnStandardError ? display_.err() : display_.out();
   for (std::size_t i = 0; i < blocks_.size(); ++i) {
     const std::string number = std::to_string(i + 1);
     where << "[" << number << "] " << summary(display_.masked(blocks_[i])) << "  (/run " << number
@@ -510,8 +625,17 @@ Status Conversation::explainError() {
         "no statement has failed: /explain-error follows a /run whose statement the database "
         "refused");
   }
-  // The database's own words and the statement, as the user would have typed them.
-  const FailedStatement failed = *failure_;
+  // The database's own words and the statement, as the user would have typed them, unless they
+  // may not leave the machine: a database's error can quote a value.
+  FailedStatement failed = *failure_;
+  const Status consent =
+      consentToSend("the statement and its error (" +
+                    std::to_string(failed.statement.size() + failed.error.size()) + " bytes)");
+  if (consent.kind() == Status::Kind::kCancelled) return consent;
+  if (!consent) {
+    failed = {withoutQuotedValues(failed.statement), withoutQuotedValues(failed.error)};
+    display_.note("the quoted values of the statement and its error stay here (/share)");
+  }
   failure_.reset();  // asked once; the model's fix is the next thing to run
   return ask("This statement failed on the " + engine_ + " database:\n\n```sql\n" +
                  failed.statement + "\n```\n\nThe database's error: " + failed.error +

@@ -18,6 +18,7 @@
 #include "markdown.h"
 #include "memory_store.h"
 #include "qor.h"
+#include "query_loop.h"
 #include "schema_scope.h"
 #include "services.h"
 #include "sql_blocks.h"
@@ -47,16 +48,24 @@ class Conversation {
   // Asks the user a yes-or-no question; qorchat takes no for an answer where nobody can be asked.
   using Confirm = std::function<bool(const std::string& question)>;
   void setConfirm(Confirm confirm) { confirm_ = std::move(confirm); }
+  // Asks the user a question answered by one key (y, n or a); nothing on Ctrl-C. Without it,
+  // nothing is sent that needs asking.
+  using KeyPrompt = std::function<std::optional<char>(const std::string& question)>;
+  void setKeyPrompt(KeyPrompt prompt) { keyPrompt_ = std::move(prompt); }
 
-  // Sends one question and shows the reply, or what failed. With listBlocks, the reply's SQL
-  // blocks are listed after it, numbered for /run.
+  // Sends one question and shows the reply, or what failed. Unless nothing is shared, the model
+  // may first ask for read-only queries (sql-run blocks): each round runs them in sight, sends
+  // their results as the next turn (with consent, when asked for) and shows the reply, until it
+  // answers in words or --max-steps rounds have run. With listBlocks, the SQL blocks of the last
+  // reply are listed after it, numbered for /run.
   Status ask(const std::string& question, bool listBlocks);
   // Runs SQL block index (from 0) of the last reply read-only and shows its rows or the
   // database's error. A block of a reply cut off at the length limit runs only when confirmed.
   Status runBlock(std::size_t index);
   // Runs the user's own SQL through the same read-only runner.
   Status runSql(const std::string& sql);
-  // Asks the model to fix the statement that last failed.
+  // Asks the model to fix the statement that last failed; its quoted values stay here unless
+  // sharing allows them.
   Status explainError();
   // Prints the request a question would send, sending nothing.
   Status printRequest(const std::string& question);
@@ -103,6 +112,10 @@ class Conversation {
     return uniqueKeysInstruction(structure_, appliedChoice_.empty() ? nullptr : &appliedChoice_);
   }
 
+  // What of the data may go to the service; the model is offered queries unless it is never.
+  Sharing sharing() const { return sharing_; }
+  void setSharing(Sharing sharing);
+
   // The tokens the service counted since the start: "1210 tokens in, 380 out over 3 replies".
   std::string usageText() const;
 
@@ -145,10 +158,21 @@ class Conversation {
   void remember();
   // qorchat's system instructions for the relations chosen (all when null).
   YLVariantMap systemInstructions(const std::vector<bool>* chosen) const;
+  // Sends one turn and shows the reply as it arrives; the reply's text, or the failure reported.
+  Result<std::string> exchange(const std::string& turn);
+  // The rounds of queries the reply asks for, each answered by the model's next reply.
+  Status queryLoop(std::string reply);
+  // Runs one round's queries in sight and gives the results turn, once the user consents.
+  Result<std::string> queryRound(const std::vector<std::string>& requests, std::size_t round);
+  // Whether what ("3 rows (412 bytes) of results") may go to the service: ok, refused, or
+  // cancelled by Ctrl-C.
+  Status consentToSend(const std::string& what);
   // Shows a reply and keeps its SQL blocks; with listBlocks, lists them numbered for /run.
   void showReply(const std::string& text, bool listBlocks);
-  // Keeps a reply's SQL blocks; with listBlocks, lists them numbered for /run.
-  void keepBlocks(const std::string& text, bool listBlocks);
+  // Keeps a reply's SQL blocks, its sql-run ones included.
+  void keepBlocks(const std::string& text);
+  // Lists the kept blocks numbered for /run.
+  void listKeptBlocks();
   // The Markdown layout for a reply on a colour terminal; none for plain safe text.
   std::optional<MarkdownStyle> replyLayout() const;
   // The reply's token counts, dim on standard error, and added to the totals.
@@ -176,6 +200,8 @@ class Conversation {
   bool temperatureSet_ = false;
   std::string engine_;  // "PostgreSQL 15.8", "SQLite 3.40.1"
   Confirm confirm_;
+  KeyPrompt keyPrompt_;
+  Sharing sharing_;
   bool lastReplyCut_ = false;
   TokenTotals usage_;
 

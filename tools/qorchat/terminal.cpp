@@ -4,6 +4,7 @@
 
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -104,6 +105,30 @@ void installInterruptHandler() {
   // at once and ends a run that reads plain lines.
   action.sa_flags = 0;
   sigaction(SIGINT, &action, nullptr);
+}
+
+std::optional<char> readKey(std::string_view keys) {
+  interruptSeen.store(false);
+  termios saved{};
+  const bool terminal = tcgetattr(STDIN_FILENO, &saved) == 0;
+  if (terminal) {
+    termios raw = saved;
+    raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ISIG);
+    raw.c_cc[VMIN] = 1;
+    raw.c_cc[VTIME] = 0;
+    tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+  }
+  constexpr char kCtrlC = 3, kCtrlD = 4, kEscape = 27;
+  std::optional<char> answer;
+  while (!answer) {
+    char key = 0;
+    // A read cut by a signal ends the question: SIGINT sent by kill is Ctrl-C too.
+    if (::read(STDIN_FILENO, &key, 1) != 1 || interruptSeen.load()) break;
+    if (key == kCtrlC || key == kCtrlD || key == kEscape) break;
+    if (keys.find(text::lowerAscii(key)) != std::string_view::npos) answer = text::lowerAscii(key);
+  }
+  if (terminal) tcsetattr(STDIN_FILENO, TCSANOW, &saved);
+  return answer;
 }
 
 LineReader::LineReader(bool editing, std::string historyFile) {

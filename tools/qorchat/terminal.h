@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -26,6 +27,12 @@ class LineEditor;
 // if any; at the line editor's prompt it abandons the line; otherwise it interrupts the wait for
 // input, which ends the program.
 void installInterruptHandler();
+
+// One key answering a question of qorchat's, read from the terminal without waiting for Enter
+// (the caller writes the question): the key, in lower case, once it is one of keys; nothing on
+// Ctrl-C (the terminal's own signal keys are off meanwhile, and SIGINT counts too), Ctrl-D,
+// Escape or the end of input.
+std::optional<char> readKey(std::string_view keys);
 
 class LineReader {
  public:

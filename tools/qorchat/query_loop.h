@@ -1,0 +1,53 @@
+#pragma once
+// The query loop's text rules, free of any network: the instruction that lets the model ask for
+// read-only queries, the sql-run blocks of a reply that ask for them, the results written back
+// for the model within their caps, and quoted values taken out of a text that must carry no row
+// data. Conversation drives the loop with these.
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "db/database.h"
+
+namespace qorchat {
+
+// The key of the instruction, next to those of instructions.h; empty while nothing is shared.
+inline constexpr const char* kDataAccessInstructionKey = "data_access";
+
+// How much of a round's results goes to the model: rows of each result, bytes of the whole turn,
+// characters of one value. The model is told the caps and each result's true row count.
+struct ResultCaps {
+  std::size_t rows = 50;
+  std::size_t bytes = std::size_t{8} * 1024;
+  std::size_t valueCharacters = 200;
+};
+
+// The instruction that offers the model queries: ```sql-run blocks run by qorchat, the results
+// as the next turn within the caps, the final answer in words with its SQL in ```sql blocks.
+std::string dataAccessInstruction(const ResultCaps& caps = {});
+
+// The SQL of the reply's ```sql-run (or ~~~sql-run) blocks, in order; blank blocks left out.
+std::vector<std::string> runRequests(std::string_view reply);
+
+// The reply with its sql-run fences labelled sql, so that every block is numbered for /run.
+std::string runBlocksAsSql(std::string_view reply);
+
+// One round's results as the model's next turn, and what it carries.
+struct ResultsTurn {
+  std::string text;
+  std::size_t rows = 0;    // rows written, all results together
+  std::size_t errors = 0;  // failed statements, whose texts may quote values
+};
+
+// Each result headed by its query: a compact table ("a|b" lines, NULL as NULL) with its row
+// count, or the database's error. lastRound tells the model to answer now.
+ResultsTurn resultsTurn(const std::vector<StatementResult>& results, const ResultCaps& caps,
+                        bool lastRound);
+
+// The text with every quoted value replaced by a placeholder: '...' and "..." literals, and the
+// values of PostgreSQL's "Key (email)=(a@b.c)" and "Failing row contains (...)".
+std::string withoutQuotedValues(std::string_view text);
+
+}  // namespace qorchat
