@@ -96,32 +96,46 @@ std::vector<RunBlock> runBlocks(std::string_view reply) {
   return found;
 }
 
-// A value for one cell of the compact table: cut at the cap in characters, and the characters
-// that would break the table written as escapes.
-std::string cell(const std::optional<std::string>& value, std::size_t maxCharacters) {
-  if (!value) return "NULL";
-  std::string out;
+// Appends a value for one cell of the compact table: cut at the cap in characters, and the
+// characters that would break the table written as escapes.
+void appendCell(std::string& out, const std::optional<std::string>& value,
+                std::size_t maxCharacters) {
+  if (!value) {
+    out += "NULL";
+    return;
+  }
+  const std::string_view whole = *value;
   std::size_t characters = 0;
-  for (std::size_t at = 0; at < value->size();) {
+  for (std::size_t at = 0; at < whole.size(); ++characters) {
     if (characters == maxCharacters) {
       out += "…";
-      break;
+      return;
     }
+    // ASCII is the common case: one byte, no look at a sequence.
     const std::size_t length =
-        std::max<std::size_t>(1, text::utf8SequenceLength(value->substr(at)));
-    const char c = (*value)[at];
-    if (c == '|') {
-      out += "\\|";
-    } else if (c == '\n') {
-      out += "\\n";
-    } else if (c == '\r') {
-      out += "\\r";
-    } else {
-      out.append(*value, at, length);
+        static_cast<unsigned char>(whole[at]) < 0x80
+            ? 1
+            : std::max<std::size_t>(1, text::utf8SequenceLength(whole.substr(at)));
+    switch (whole[at]) {
+      case '|':
+        out += "\\|";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      default:
+        out.append(whole.substr(at, length));
     }
     at += length;
-    ++characters;
   }
+}
+
+std::string cell(const std::optional<std::string>& value, std::size_t maxCharacters) {
+  std::string out;
+  appendCell(out, value, maxCharacters);
   return out;
 }
 
@@ -146,16 +160,19 @@ bool appendTable(ResultsTurn& turn, const StatementResult& result, const ResultC
   for (const std::string& column : result.columns)
     header += (header.empty() ? "" : "|") + cell(column, caps.valueCharacters);
   turn.text += header + "\n";
+  std::string line;
   for (std::size_t r = 0; r < sent; ++r) {
-    std::string line;
-    for (std::size_t c = 0; c < result.rows[r].size(); ++c)
-      line += (c == 0 ? "" : "|") + cell(result.rows[r][c], caps.valueCharacters);
+    line.clear();
+    for (std::size_t c = 0; c < result.rows[r].size(); ++c) {
+      if (c > 0) line += '|';
+      appendCell(line, result.rows[r][c], caps.valueCharacters);
+    }
     if (turn.text.size() + line.size() + 1 + kClosingBytes > caps.bytes) {
       turn.text += "(the rest is left out: results are capped at " + std::to_string(caps.bytes) +
                    " bytes)\n";
       return false;
     }
-    turn.text += line + "\n";
+    turn.text.append(line).append(1, '\n');
     ++turn.rows;
   }
   return true;

@@ -1,5 +1,5 @@
-# bash completion for qorchat: its options, --service names, --format values, and files where an
-# option takes a file.
+# bash completion for qorchat: its options, --service names, --format and --share-results
+# values, and files where an option takes a file.
 
 _qorchat() {
   local cur prev
@@ -14,13 +14,18 @@ _qorchat() {
     mapfile -t COMPREPLY < <(compgen -W 'table csv json markdown' -- "$cur")
     return
     ;;
+  --share-results)
+    mapfile -t COMPREPLY < <(compgen -W 'never ask always' -- "$cur")
+    return
+    ;;
   --db | --config | --api-key-file | --ca-file)
     compopt -o filenames 2>/dev/null
     mapfile -t COMPREPLY < <(compgen -f -- "$cur")
     return
     ;;
   --host | --model | --temperature | --max-tokens | --timeout | --proxy | --ask | \
-    --print-request | --statement-timeout | --schema-budget | --conversation | --max-rows | --null)
+    --print-request | --statement-timeout | --schema-budget | --conversation | --max-rows | --null | \
+    --max-steps)
     return
     ;;
   esac
@@ -28,7 +33,7 @@ _qorchat() {
     mapfile -t COMPREPLY < <(compgen -W '--help --version --config --db --statement-timeout
       --schema-budget --conversation --no-history --service --host --model --temperature
       --max-tokens --timeout --proxy --ca-file --api-key-file --format --max-rows --null
-      --no-pager --timing --no-color --no-stream --ask --print-request --list-models --run' -- "$cur")
+      --no-pager --timing --no-color --no-stream --share-results --max-steps --ask --print-request --list-models --run' -- "$cur")
   fi
 }
 complete -F _qorchat qorchat
