@@ -276,7 +276,7 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
   applyScope(question);
   Result<std::string> reply = exchange(question);
   if (!reply) return reply.status();
-  const Status looped = sharing_ == Sharing::Never ? Status::ok() : queryLoop(std::move(*reply));
+  Status looped = sharing_ == Sharing::Never ? Status::ok() : queryLoop(std::move(*reply));
   if (listBlocks) listKeptBlocks();
   display_.out().flush();
   return looped;
@@ -628,7 +628,7 @@ Status Conversation::explainError() {
   // The database's own words and the statement, as the user would have typed them, unless they
   // may not leave the machine: a database's error can quote a value.
   FailedStatement failed = *failure_;
-  const Status consent =
+  Status consent =
       consentToSend("the statement and its error (" +
                     std::to_string(failed.statement.size() + failed.error.size()) + " bytes)");
   if (consent.kind() == Status::Kind::kCancelled) return consent;
