@@ -5,7 +5,8 @@
 // server's write of the first chunk to the first fragment in the host's hands, while the server
 // holds the rest back. Run the release build:
 //   build/release/bench/qor_stream_bench
-// The summary at the end gives each figure as a ratio of the raw loop's in the same run.
+// The summary at the end gives each figure as a ratio of the raw loop's in the same run; on a
+// shared machine add --benchmark_repetitions=5 so that the ratios compare medians.
 
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
