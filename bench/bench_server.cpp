@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <stdexcept>
 #include <utility>
@@ -36,7 +37,7 @@ std::pair<KeyPtr, CertPtr> makeCertificate() {
       X509_set_version(cert.get(), X509_VERSION_3) == 1 &&
       ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), (std::random_device()() >> 1) | 1) == 1 &&
       X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600) != nullptr &&
-      X509_gmtime_adj(X509_getm_notAfter(cert.get()), 24 * 3600) != nullptr &&
+      X509_gmtime_adj(X509_getm_notAfter(cert.get()), 24L * 3600) != nullptr &&
       X509_set_pubkey(cert.get(), key.get()) == 1 &&
       X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
                                  reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1,
@@ -77,7 +78,38 @@ void writeCertificate(X509* cert, std::string& owned) {
 
 }  // namespace
 
-BenchServer::BenchServer(Transport transport, std::string path, std::string reply) {
+BenchServer::BenchServer(Transport transport, const std::string& path, std::string reply) {
+  create(transport);
+  serve(path, [reply = std::move(reply)](httplib::Response& response) {
+    // Not plain "application/json": the server would compress the reply for a client that
+    // offers a coding, and only one side of a comparison does.
+    response.set_content(reply, "application/json; charset=utf-8");
+  });
+}
+
+BenchServer::BenchServer(Transport transport, const std::string& path, StreamedReply reply) {
+  create(transport);
+  serve(path, [this, reply = std::move(reply)](httplib::Response& response) {
+    // Each piece the provider hands over leaves at once as one chunk in one send; the content
+    // types of streams are ones the server never compresses.
+    response.set_chunked_content_provider(
+        reply.contentType, [this, &reply](std::size_t, httplib::DataSink& sink) {
+          for (std::size_t i = 0; i < reply.pieces.size(); ++i) {
+            const Clock::time_point started = Clock::now();
+            if (!sink.write(reply.pieces[i].data(), reply.pieces[i].size())) return false;
+            if (i == 0) {
+              firstWriteReturned_.store(Clock::now().time_since_epoch().count());
+              firstWriteStarted_.store(started.time_since_epoch().count());
+              std::this_thread::sleep_for(reply.pauseAfterFirst);
+            }
+          }
+          sink.done();
+          return true;
+        });
+  });
+}
+
+void BenchServer::create(Transport transport) {
   if (transport == Transport::Tls) {
     const auto [key, cert] = makeCertificate();
     writeCertificate(cert.get(), certFile_.path);
@@ -91,13 +123,14 @@ BenchServer::BenchServer(Transport transport, std::string path, std::string repl
   server_->set_keep_alive_max_count(std::size_t{1} << 30);
   server_->set_keep_alive_timeout(60);
   server_->set_tcp_nodelay(true);
-  server_->Post(path, [this, reply = std::move(reply)](const httplib::Request& request,
-                                                       httplib::Response& response) {
+}
+
+void BenchServer::serve(const std::string& path, std::function<void(httplib::Response&)> respond) {
+  server_->Post(path, [this, respond = std::move(respond)](const httplib::Request& request,
+                                                           httplib::Response& response) {
     lastBodySize_.store(request.body.size());
     postCount_.fetch_add(1);
-    // Not plain "application/json": the server would compress the reply for a client that
-    // offers a coding, and only one side of a comparison does.
-    response.set_content(reply, "application/json; charset=utf-8");
+    respond(response);
   });
   port_ = server_->bind_to_any_port("127.0.0.1");
   if (port_ <= 0) fail("cannot bind to 127.0.0.1");

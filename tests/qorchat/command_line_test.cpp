@@ -5,6 +5,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "command_line.h"
@@ -15,11 +16,12 @@ namespace {
 using qortest::has;
 
 // Parses a command line with the config folder pointed at a fresh one, so that the user's own
-// config never leaks in.
+// config never leaks in; NO_COLOR as given.
 struct Parse {
-  explicit Parse(std::vector<std::string> args, const std::string& config = "") {
+  explicit Parse(std::vector<std::string> args, const std::string& config = "",
+                 const char* noColor = nullptr) {
     setenv("XDG_CONFIG_HOME", dir.path.c_str(), 1);
-    unsetenv("NO_COLOR");
+    noColor ? setenv("NO_COLOR", noColor, 1) : unsetenv("NO_COLOR");
     if (!config.empty()) {
       std::filesystem::create_directories(dir.path / "qorchat");
       std::ofstream(dir.path / "qorchat" / "config.toml") << config;
@@ -29,6 +31,7 @@ struct Parse {
     for (const std::string& arg : args)
       argv.push_back(arg.c_str());
     result = qorchat::parseCommandLine(static_cast<int>(argv.size()), argv.data(), out, err);
+    unsetenv("NO_COLOR");
   }
   qortest::TempDir dir;
   std::ostringstream out;
@@ -40,22 +43,18 @@ TEST(CommandLine, ConfigFileSetsDefaultsAndFlagsWin) {
   const std::string config =
       "# mine\nmodel = \"llama3.2\"\nmax-rows = 7\nformat = \"csv\"\nno-pager = true\n"
       "null = \"NULL\"\n";
-  Parse fromFile({}, config);
-  ASSERT_FALSE(fromFile.result.exitStatus) << fromFile.err.str();
-  const qorchat::Options& file = fromFile.result.options;
-  EXPECT_EQ(file.model, "llama3.2");
-  EXPECT_EQ(file.maxRows, 7U);
-  EXPECT_EQ(file.format, qorchat::OutputFormat::Csv);
-  EXPECT_FALSE(file.pager);
-  EXPECT_EQ(file.nullText, "NULL");
-  EXPECT_EQ(file.maxTokens, 8192);
-
-  Parse flags({"--model", "qwen", "--max-rows=3", "--format", "json"}, config);
-  ASSERT_FALSE(flags.result.exitStatus) << flags.err.str();
-  EXPECT_EQ(flags.result.options.model, "qwen");
-  EXPECT_EQ(flags.result.options.maxRows, 3U);
-  EXPECT_EQ(flags.result.options.format, qorchat::OutputFormat::Json);
-  EXPECT_FALSE(flags.result.options.pager);
+  // Model, rows, format, pager, NULL text and token limit: from the file, then flags over it.
+  const auto seen = [](const Parse& parse) {
+    EXPECT_FALSE(parse.result.exitStatus) << parse.err.str();
+    const qorchat::Options& o = parse.result.options;
+    return std::tuple(o.model, o.maxRows, o.format, o.pager, o.nullText, o.maxTokens);
+  };
+  EXPECT_EQ(seen(Parse({}, config)),
+            std::tuple("llama3.2", 7U, qorchat::OutputFormat::Csv, false, "NULL", 8192));
+  EXPECT_EQ(seen(Parse({"--model", "qwen", "--max-rows=3", "--format", "json"}, config)),
+            std::tuple("qwen", 3U, qorchat::OutputFormat::Json, false, "NULL", 8192));
+  EXPECT_FALSE(Parse({}, "", "1").result.options.color) << "NO_COLOR in the environment";
+  EXPECT_TRUE(Parse({}).result.options.color);
 }
 
 // Each input must be refused with status 2 and one line that says what is wrong.
@@ -90,17 +89,6 @@ TEST(CommandLine, RefusesBadInputWithOneLine) {
   // A value given on the command line is not blamed on the file.
   Parse flagOnly({"--timeout", "-4"}, "timeout = 10\n");
   EXPECT_FALSE(has(flagOnly.err.str(), "config.toml")) << flagOnly.err.str();
-}
-
-TEST(CommandLine, NoColorInTheEnvironment) {
-  setenv("NO_COLOR", "1", 1);
-  qortest::TempDir dir;
-  setenv("XDG_CONFIG_HOME", dir.path.c_str(), 1);
-  std::ostringstream out;
-  std::ostringstream err;
-  const char* argv[] = {"qorchat"};
-  EXPECT_FALSE(qorchat::parseCommandLine(1, argv, out, err).options.color);
-  unsetenv("NO_COLOR");
 }
 
 TEST(CommandLine, HostsAreNormalised) {

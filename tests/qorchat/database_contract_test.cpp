@@ -29,6 +29,10 @@ struct SqliteEngine {
   static constexpr Words kWords{
       "", "", "no such column: nosuch", "interrupted",
       "WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) SELECT count(*) FROM c"};
+  // A statement that gives rows until it is stopped, and whether a block goes on past it.
+  static constexpr const char* kRows =
+      "WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) SELECT x FROM c";
+  static constexpr bool kGoesOnAfterATimeLimit = false;
   SqliteEngine() { qortest::sqlite(path, ""); }
   std::string catalog() const { return "main"; }
   std::string target() const { return path.string(); }
@@ -45,6 +49,9 @@ struct PostgresEngine {
       "`public`.", "public.", R"(column "nosuch" does not exist)",
       "canceling statement due to user request",
       "SELECT count(*) FROM generate_series(1, 100000) a, generate_series(1, 100000) b"};
+  static constexpr const char* kRows =
+      "SELECT a FROM generate_series(1, 100000) a, generate_series(1, 100000) b";
+  static constexpr bool kGoesOnAfterATimeLimit = true;
   std::string catalog() const { return database; }
   // A superuser runs nothing: the role is one fit for qorchat.
   std::string target() { return cluster.readerConninfo(database); }
@@ -169,6 +176,27 @@ TYPED_TEST(DatabaseContract, ATimeLimitOrAnInterruptStopsOnlyThatStatement) {
   EXPECT_EQ(interrupted[0].status.kind(), Status::Kind::kCancelled);
   EXPECT_EQ(interrupted[0].status.message(), this->kWords.interrupted);
   EXPECT_EQ(ran(*database, "SELECT 7").at(0).rows, Rows{{"7"}});
+}
+
+// A statement stopped after its first rows is no failure: they stand. Ctrl-C ends the block; after
+// the time limit PostgreSQL goes on with it in a new session.
+TYPED_TEST(DatabaseContract, RowsThatCameBeforeAStopStand) {
+  for (const bool byCtrlC : {false, true}) {
+    const auto database = this->open("", {byCtrlC ? 30s : 600ms});
+    ran(*database, "SELECT 1");  // a first statement warms a new database's caches
+    std::thread interrupter([&] {
+      std::this_thread::sleep_for(600ms);
+      if (byCtrlC) database->interrupt();
+    });
+    const auto started = std::chrono::steady_clock::now();
+    const auto results = ran(*database, std::string(TypeParam::kRows) + "; SELECT 2", 5);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+    interrupter.join();
+    ASSERT_EQ(results.size(), !byCtrlC && TypeParam::kGoesOnAfterATimeLimit ? 2u : 1u) << byCtrlC;
+    EXPECT_TRUE(results[0].status.isOk()) << results[0].status.message();
+    EXPECT_EQ(results[0].rows.size(), 5u);
+    EXPECT_TRUE(results[0].rowCount >= 5 && !results[0].allCounted) << byCtrlC;
+  }
 }
 
 }  // namespace

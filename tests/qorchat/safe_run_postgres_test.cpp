@@ -1,6 +1,6 @@
 // Tries the model's SQL on a PostgreSQL server of the tests' own as an attacker would: hostile
 // blocks, refused, leaving nothing behind; roles that may do more than read; the session without
-// the parser; honest questions; the time limit, Ctrl-C and the size limits on what is kept.
+// the parser; honest questions; the size limits on what is kept.
 #include <libpq-fe.h>
 
 #include <chrono>
@@ -241,39 +241,6 @@ TEST_F(SafeRunPostgres, HonestQuestionsAllRun) {
         EXPECT_TRUE(result.status.isOk() && !result.rows.empty())
             << role << ": " << sql << "\n  " << result.status.message();
     }
-  }
-}
-
-// A statement stopped after its first rows is no failure, and the block goes on in a new session;
-// one stopped before any row failed; Ctrl-C ends the block.
-TEST_F(SafeRunPostgres, TheTimeLimitAndCtrlCKeepTheRowsThatCame) {
-  const std::string count = kSlowCount, rows = "SELECT a" + count.substr(15);
-  const std::tuple<bool, std::string, Status::Kind, std::size_t> stops[] = {
-      // Ctrl-C or not, the statement, how it ends, the statements run ("SELECT 2" comes after).
-      {false, rows, Status::Kind::kOk, 2},
-      {false, count, Status::Kind::kTimedOut, 1},
-      {true, rows, Status::Kind::kOk, 1},
-      {true, count, Status::Kind::kCancelled, 1},
-  };
-  for (const auto& [interrupt, sql, kind, statements] : stops) {
-    const auto database = open("attack_reader", interrupt ? 30s : 300ms);
-    std::thread interrupter([&, interrupt = interrupt] {
-      std::this_thread::sleep_for(300ms);
-      if (interrupt) database->interrupt();
-    });
-    const auto started = Clock::now();
-    const auto results = ran(*database, sql + "; SELECT 2", 5);
-    const auto took = Clock::now() - started;
-    interrupter.join();
-    const std::string what = sql + (interrupt ? " (Ctrl-C)" : " (time limit)");
-    ASSERT_EQ(results.size(), statements) << what;
-    EXPECT_LT(took, 1200ms) << what;
-    const auto& stopped = results[0];
-    EXPECT_EQ(stopped.status.kind(), kind) << what << ": " << stopped.status.message();
-    if (kind != Status::Kind::kOk) continue;
-    EXPECT_FALSE(stopped.allCounted) << what;
-    EXPECT_EQ(stopped.rows.size(), 5u) << what;
-    EXPECT_GE(stopped.rowCount, 5u) << what;
   }
 }
 

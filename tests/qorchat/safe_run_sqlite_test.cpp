@@ -1,6 +1,5 @@
 // Tries on real SQLite files what a model's statements could do, and what must still work.
 #include <chrono>
-#include <thread>
 
 #include "db/sqlite.h"
 #include "helpers.h"
@@ -193,24 +192,6 @@ TEST_F(SafeRunSqliteTest, ValuesHugeOrNotAreCutAsTheyAreRead) {
   const auto cut = database->runReadOnly("SELECT '\u20ac\u20ac', x'0102030405'", {1, 5});
   ASSERT_TRUE(cut);
   EXPECT_EQ(cut->at(0).rows, (Rows{{"\u20ac", "X'0102\u2026'"}}));
-}
-
-TEST_F(SafeRunSqliteTest, RowsThatCameBeforeAStopStand) {
-  for (const bool byCtrlC : {false, true}) {
-    const auto database = open(byCtrlC ? 30s : 300ms);
-    std::thread interrupter([&] {
-      std::this_thread::sleep_for(300ms);
-      if (byCtrlC) database->interrupt();
-    });
-    const auto results = ran(*database,
-                             "WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) "
-                             "SELECT x FROM c; SELECT 'never run'",
-                             3);
-    interrupter.join();
-    ASSERT_EQ(results.size(), 1u);
-    EXPECT_EQ(results[0].rows, (Rows{{"1"}, {"2"}, {"3"}}));
-    EXPECT_TRUE(results[0].status.isOk() && results[0].rowCount > 3 && !results[0].allCounted);
-  }
 }
 
 }  // namespace

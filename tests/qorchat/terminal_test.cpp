@@ -62,7 +62,8 @@ class QorchatTerminal : public ::testing::Test {
 };
 
 // A paste of several lines, lines continued by a backslash and an open fence each make one
-// question; Ctrl-C abandons what was typed and the program stays; Ctrl-D leaves.
+// question; Ctrl-C abandons what was typed and the program stays; the up arrow recalls a
+// question kept in the input history; Ctrl-D leaves.
 TEST_F(QorchatTerminal, QuestionsSpanLinesAndCtrlCAbandonsOne) {
   start(100);
   paste("Which customers\nordered twice?");
@@ -90,8 +91,19 @@ TEST_F(QorchatTerminal, QuestionsSpanLinesAndCtrlCAbandonsOne) {
   EXPECT_TRUE(has(server_.lastRequest().body, "kept question"));
   EXPECT_FALSE(has(server_.lastRequest().body, "abandoned"));
   ASSERT_TRUE(shows("the answer")) << screen();
+  // The up arrow brings the question back from the input history, kept in the state folder.
+  keys("Up");
+  std::this_thread::sleep_for(milliseconds(200));
+  const std::string recalled = screen();
+  EXPECT_NE(recalled.rfind("qorchat> kept question"), recalled.find("qorchat> kept question"))
+      << recalled;
+  keys("C-c");
+  std::this_thread::sleep_for(milliseconds(300));
   keys("C-d");
   EXPECT_TRUE(shows("EXIT=0")) << screen();
+  std::ifstream history(state_.path / "qorchat" / "input_history");
+  // libedit writes a space as \040.
+  EXPECT_TRUE(has(std::string(std::istreambuf_iterator<char>(history), {}), "kept\\040question"));
 }
 
 // Tab completes a command, a view and a column of the sample shop, and lists what several names

@@ -2,21 +2,17 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <openssl/pem.h>
-#include <openssl/x509v3.h>
 #include <strings.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <mutex>
-#include <random>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -29,40 +25,6 @@ namespace {
 
 void fail(const std::string& what) {
   throw std::runtime_error("loopback server: " + what);
-}
-
-using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
-using CertPtr = std::unique_ptr<X509, decltype(&X509_free)>;
-
-// A P-256 key and a self-signed certificate for 127.0.0.1 and localhost, valid from an hour ago.
-std::pair<KeyPtr, CertPtr> makeCertificate() {
-  KeyPtr key(EVP_EC_gen("P-256"), EVP_PKEY_free);
-  CertPtr owner(X509_new(), X509_free);
-  if (!key || !owner) fail("cannot make a key and a certificate");
-  X509* cert = owner.get();
-  X509_NAME* name = X509_get_subject_name(cert);
-  bool ok = X509_set_version(cert, X509_VERSION_3) == 1 &&
-            ASN1_INTEGER_set(X509_get_serialNumber(cert), (std::random_device()() >> 1) | 1) == 1 &&
-            X509_gmtime_adj(X509_getm_notBefore(cert), -3600) != nullptr &&
-            X509_gmtime_adj(X509_getm_notAfter(cert), 24L * 3600) != nullptr &&
-            X509_set_pubkey(cert, key.get()) == 1 &&
-            X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                                       reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1,
-                                       0) == 1 &&
-            X509_set_issuer_name(cert, name) == 1;
-  X509V3_CTX context{};
-  X509V3_set_ctx(&context, cert, cert, nullptr, nullptr, 0);
-  for (const auto& [nid, value] : {std::pair{NID_basic_constraints, "critical,CA:TRUE"},
-                                   {NID_key_usage, "critical,digitalSignature,keyCertSign"},
-                                   {NID_ext_key_usage, "serverAuth"},
-                                   {NID_subject_key_identifier, "hash"},
-                                   {NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost"}}) {
-    X509_EXTENSION* extension = ok ? X509V3_EXT_conf_nid(nullptr, &context, nid, value) : nullptr;
-    ok = extension != nullptr && X509_add_ext(cert, extension, -1) == 1;
-    X509_EXTENSION_free(extension);
-  }
-  if (!ok || X509_sign(cert, key.get(), EVP_sha256()) == 0) fail("cannot make a certificate");
-  return {std::move(key), std::move(owner)};
 }
 
 }  // namespace
@@ -78,7 +40,7 @@ std::string RecordedRequest::header(std::string_view name) const {
 struct LoopbackServer::Impl {
   std::unique_ptr<httplib::Server> server;
   std::thread thread;
-  std::string certFile;
+  std::string certFolder;  // of a TLS server's key and certificate
   mutable std::mutex mutex;
   std::condition_variable stopped;  // wakes delayed replies when the server goes away
   bool stopping = false;
@@ -92,7 +54,7 @@ struct LoopbackServer::Impl {
     stopped.notify_all();
     if (server) server->stop();
     if (thread.joinable()) thread.join();
-    if (!certFile.empty()) std::remove(certFile.c_str());
+    if (!certFolder.empty()) std::filesystem::remove_all(certFolder);
   }
 
   void handle(const httplib::Request& req, httplib::Response& res) {
@@ -121,15 +83,18 @@ struct LoopbackServer::Impl {
 
 LoopbackServer::LoopbackServer(Transport transport) : impl_(std::make_unique<Impl>()) {
   if (transport == Transport::Tls) {
-    const auto [key, cert] = makeCertificate();
-    std::string path = (std::filesystem::temp_directory_path() / "qor-loopback-XXXXXX.pem");
-    const int fd = ::mkstemps(path.data(), 4);
-    FILE* file = fd < 0 ? nullptr : ::fdopen(fd, "w");
-    if (file == nullptr) fail("cannot create " + path);
-    impl_->certFile = certFile_ = path;
-    const bool written = PEM_write_X509(file, cert.get()) == 1;
-    if (std::fclose(file) != 0 || !written) fail("cannot write " + path);
-    impl_->server = std::make_unique<httplib::SSLServer>(cert.get(), key.get());
+    // A fresh P-256 key and a self-signed certificate for 127.0.0.1 and localhost, by openssl.
+    std::string folder = (std::filesystem::temp_directory_path() / "qor-loopback-XXXXXX");
+    if (::mkdtemp(folder.data()) == nullptr) fail("cannot create " + folder);
+    impl_->certFolder = folder;
+    const std::string key = folder + "/key.pem";
+    certFile_ = folder + "/cert.pem";
+    const std::string openssl =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 1 "
+        "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1,DNS:localhost -keyout '" +
+        key + "' -out '" + certFile_ + "' >/dev/null 2>&1";
+    if (std::system(openssl.c_str()) != 0) fail("openssl cannot make a certificate");
+    impl_->server = std::make_unique<httplib::SSLServer>(certFile_.c_str(), key.c_str());
     scheme_ = "https://";
   } else {
     impl_->server = std::make_unique<httplib::Server>();

@@ -5,11 +5,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cctype>
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -219,34 +219,26 @@ std::size_t RawServer::requestCount() const {
 }
 
 std::function<std::string()> endlessGzipOfZeros() {
-  struct Bits {
-    std::uint64_t pending = 0;
-    int count = 0;
-    bool started = false;
-  };
-  auto bits = std::make_shared<Bits>();
-  return [bits] {
+  const auto stream = std::shared_ptr<z_stream>(new z_stream{}, [](z_stream* s) {
+    deflateEnd(s);
+    delete s;
+  });
+  // Window bits past 15 ask for the gzip header; the stream is never finished.
+  if (deflateInit2(stream.get(), Z_BEST_COMPRESSION, Z_DEFLATED, 16 + 15, 9, Z_DEFAULT_STRATEGY) !=
+      Z_OK)
+    throw std::runtime_error("raw server: deflateInit2 failed");
+  return [stream] {
+    static const std::string zeros(std::size_t{1} << 20, '\0');
+    stream->next_in = reinterpret_cast<Bytef*>(const_cast<char*>(zeros.data()));
+    stream->avail_in = static_cast<uInt>(zeros.size());
     std::string out;
-    // Values go in least significant bit first, Huffman codes most: these are given bit-reversed.
-    const auto put = [&](std::uint32_t value, int width) {
-      bits->pending |= std::uint64_t{value} << bits->count;
-      bits->count += width;
-      for (; bits->count >= 8; bits->count -= 8) {
-        out.push_back(static_cast<char>(bits->pending & 0xFF));
-        bits->pending >>= 8;
-      }
-    };
-    if (!bits->started) {
-      bits->started = true;
-      out.assign("\x1f\x8b\x08\x00\x00\x00\x00\x00\x00\x03", 10);  // gzip header, deflate
-      put(1, 1);     // the final block, which never ends
-      put(1, 2);     // fixed Huffman codes
-      put(0x0C, 8);  // literal 0 (code 0x30)
-    }
-    for (int i = 0; i < 40000; ++i) {
-      put(0xA3, 8);  // length code 285 (0xC5): 258 bytes
-      put(0x00, 5);  // distance code 0: distance 1
-    }
+    char buffer[16384];
+    do {
+      stream->next_out = reinterpret_cast<Bytef*>(buffer);
+      stream->avail_out = sizeof buffer;
+      deflate(stream.get(), Z_SYNC_FLUSH);
+      out.append(buffer, sizeof buffer - stream->avail_out);
+    } while (stream->avail_out == 0);
     return out;
   };
 }

@@ -74,8 +74,8 @@ class RawServer {
 // A TCP socket bound to an ephemeral port of 127.0.0.1, not yet listening, and that port, or -1.
 int boundLoopbackSocket(int& port);
 
-// A gzip member inflating to endless zeros: a literal zero, then 13-bit matches of 258 bytes at
-// distance 1. Each call gives the next piece; the first starts with the gzip header.
+// A gzip member inflating to endless zeros, zlib's deflate at about 1000 to 1. Each call gives
+// the next piece, 1 MiB of zeros; the first starts with the gzip header.
 std::function<std::string()> endlessGzipOfZeros();
 
 }  // namespace qortest
