@@ -179,6 +179,7 @@ Result<std::vector<StatementResult>> PostgresDatabase::runReadOnly(const std::st
     return results;
   }
   std::vector<std::string> texts;
+  texts.reserve(statements.size());
   for (const postgres::Statement& statement : statements)
     texts.emplace_back(statement.text);
   return runInSession(texts, limits);

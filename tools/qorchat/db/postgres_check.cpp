@@ -14,7 +14,7 @@ namespace {
 // parenthesis, and says that it is only planned.
 constexpr const char* kExplain = "EXPLAIN (ANALYZE FALSE) ";
 // A plan is a line a row; long filters make long lines.
-constexpr RunLimits kPlanLimits{10000, 64 * 1024};
+constexpr RunLimits kPlanLimits{10000, std::size_t{64} * 1024};
 // How much of a statement a note names.
 constexpr std::size_t kNamedBytes = 60;
 
