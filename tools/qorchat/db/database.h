@@ -55,9 +55,29 @@ class Database {
   // of the connection itself, or a run refused whole, is the Status.
   virtual Result<std::vector<StatementResult>> runReadOnly(const std::string& sql,
                                                            const RunLimits& limits) = 0;
-  // Stops the statement runReadOnly is running, called from another thread (Ctrl-C): it fails as
-  // cancelled, or, when rows had arrived, keeps them uncounted. Does nothing while none runs.
+  // Stops the statement runReadOnly, check or explain is running, called from another thread
+  // (Ctrl-C): it fails as cancelled, or, when rows had arrived, keeps them uncounted. Does nothing
+  // while none runs.
   virtual void interrupt() = 0;
+
+  // Whether the statements of sql would run, found without running any: each is compiled or
+  // planned by the engine under the guards of runReadOnly, so that nothing is read from a table
+  // and nothing can be written. The failure is that of the first statement that fails:
+  //  - kRefused with the runner's own refusal, when runReadOnly would refuse it;
+  //  - kDatabase with the engine's own message (an unknown table or column, a syntax error, a
+  //    type mismatch), one line, never holding a value read from a row;
+  //  - kCancelled on interrupt(), kTimedOut past the statement timeout; the connection's failure.
+  // The value is a note, empty when every statement was checked. A statement the engine cannot
+  // plan without running it (PostgreSQL plans only queries: SHOW or EXPLAIN is not planned)
+  // passes unchecked, since the runner's judgement is all a check could say of it, and the note
+  // names it ("not checked without running it: SHOW work_mem"). Text of outside origin: pass the
+  // message and the note through terminalSafe before showing them.
+  virtual Result<std::string> check(const std::string& sql) = 0;
+  // The engine's plan of each statement of sql, found as check finds it and failing as it does:
+  // SQLite's EXPLAIN QUERY PLAN as an indented tree, PostgreSQL's EXPLAIN (without ANALYZE) as
+  // the server writes it; the plans of several statements apart by a blank line. A statement
+  // that cannot be planned gives the note check would give, as its plan.
+  virtual Result<std::string> explain(const std::string& sql) = 0;
 };
 
 // Opens the database that --db names: a PostgreSQL connection string or URI, else an SQLite file

@@ -170,20 +170,25 @@ Result<Structure> PostgresDatabase::describe() {
 
 Result<std::vector<StatementResult>> PostgresDatabase::runReadOnly(const std::string& sql,
                                                                    const RunLimits& limits) {
-  using Verdict = postgres::Statement::Verdict;
-  std::vector<StatementResult> results;
   const std::vector<postgres::Statement> statements = postgres::classifyStatements(sql);
   // Nothing of a block reaches the server unless every statement of it only reads.
-  for (const postgres::Statement& statement : statements) {
-    if (statement.verdict == Verdict::kReads) continue;
-    StatementResult& refused = results.emplace_back();
-    refused.statement = std::string(statement.text);
-    refused.status = statement.verdict == Verdict::kRefused ? Status::refused(statement.reason)
-                                                            : Status::database(statement.reason);
+  if (const postgres::Statement* refused = postgres::firstRefused(statements)) {
+    std::vector<StatementResult> results(1);
+    results[0].statement = std::string(refused->text);
+    results[0].status = postgres::refusal(*refused);
     return results;
   }
-  if (statements.empty()) return results;
+  std::vector<std::string> texts;
+  texts.reserve(statements.size());
+  for (const postgres::Statement& statement : statements)
+    texts.emplace_back(statement.text);
+  return runInSession(texts, limits);
+}
 
+Result<std::vector<StatementResult>> PostgresDatabase::runInSession(
+    const std::vector<std::string>& statements, const RunLimits& limits) {
+  std::vector<StatementResult> results;
+  if (statements.empty()) return results;
   struct RunWindow {
     explicit RunWindow(postgres::CancelSlot& slot) : slot(slot) { slot.beginRun(); }
     ~RunWindow() { slot.endRun(); }
@@ -192,7 +197,7 @@ Result<std::vector<StatementResult>> PostgresDatabase::runReadOnly(const std::st
     postgres::CancelSlot& slot;
   } const window(cancelSlot_);
   std::unique_ptr<postgres::RunSession> session;
-  for (const postgres::Statement& statement : statements) {
+  for (const std::string& statement : statements) {
     if (cancelSlot_.interrupted()) break;
     if (session == nullptr) {
       auto opened = postgres::RunSession::open(runParams_, settings_.statementTimeout, cancelSlot_,
@@ -201,7 +206,7 @@ Result<std::vector<StatementResult>> PostgresDatabase::runReadOnly(const std::st
       session = std::move(opened.value());
     }
     StatementResult& result = results.emplace_back();
-    result.statement = std::string(statement.text);
+    result.statement = statement;
     // A session that sent a cancel is closed: a late cancel must not reach the next statement.
     if (!session->run(result, limits)) session.reset();
     if (!result.status.isOk()) break;

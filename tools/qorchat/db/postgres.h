@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "db/database.h"
 #include "db/postgres_connection.h"
@@ -41,6 +42,11 @@ class PostgresDatabase final : public Database {
   Result<std::vector<StatementResult>> runReadOnly(const std::string& sql,
                                                    const RunLimits& limits) override;
   void interrupt() override;
+  // EXPLAIN (without ANALYZE) of each query, in a run's session as runReadOnly would run it, once
+  // every statement of the block passed the parser's judgement; SHOW and EXPLAIN pass unplanned.
+  Result<std::string> check(const std::string& sql) override;
+  // The server's EXPLAIN text of each query, found as check finds it.
+  Result<std::string> explain(const std::string& sql) override;
 
  private:
   struct Closer {
@@ -48,6 +54,15 @@ class PostgresDatabase final : public Database {
   };
 
   PostgresDatabase(const std::string& target, const DatabaseSettings& settings);
+
+  // Runs statements the parser let through, in order, in a session opened for them, until one
+  // fails; the last result carries the failure. Empty when there are none.
+  Result<std::vector<StatementResult>> runInSession(const std::vector<std::string>& statements,
+                                                    const RunLimits& limits);
+  // The result of each statement of sql as check and explain see it: a query's plan (its
+  // statement is the EXPLAIN that planned it), a statement that cannot be planned with no
+  // columns, up to and including the first that failed. A block the parser refuses is the Status.
+  Result<std::vector<StatementResult>> plans(const std::string& sql);
 
   // The server's own text for a failed result, or libpq's when the connection is lost.
   std::string failureText(const pg_result* result) const;

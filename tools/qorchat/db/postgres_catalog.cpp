@@ -1,5 +1,5 @@
-// Reads schemas, relations, columns and keys from PostgreSQL's catalogs, five queries in all,
-// leaving out what the role may not read, and fills a Structure with them.
+// Reads schemas, relations, columns, their comments and keys from PostgreSQL's catalogs, five
+// queries in all, leaving out what the role may not read, and fills a Structure with them.
 #include "db/postgres_catalog.h"
 
 #include <algorithm>
@@ -34,10 +34,16 @@ std::string schemasQuery() {
          " ORDER BY n.nspname";
 }
 
+// The comment on a relation (objsubid 0) or on one of its columns (objsubid its number).
+constexpr std::string_view kCommentJoin =
+    " LEFT JOIN pg_catalog.pg_description d ON d.objoid = c.oid"
+    " AND d.classoid = 'pg_catalog.pg_class'::pg_catalog.regclass AND d.objsubid = ";
+
 std::string relationsQuery() {
-  return "SELECT c.oid, n.nspname, c.relname, c.relkind FROM pg_catalog.pg_class c" +
-         std::string(kRelationFrom) + " WHERE " + std::string(kVisibleSchema) + " AND " +
-         std::string(kVisibleRelation) + " ORDER BY n.nspname, c.relname";
+  return "SELECT c.oid, n.nspname, c.relname, c.relkind, d.description FROM pg_catalog.pg_class c" +
+         std::string(kRelationFrom) + std::string(kCommentJoin) + "0 WHERE " +
+         std::string(kVisibleSchema) + " AND " + std::string(kVisibleRelation) +
+         " ORDER BY n.nspname, c.relname";
 }
 
 // Only the columns the user may read: a grant on some columns shows those. Table-level SELECT is
@@ -45,12 +51,13 @@ std::string relationsQuery() {
 // asked of tables without it.
 std::string columnsQuery() {
   return "SELECT c.oid, a.attnum, a.attname, pg_catalog.format_type(a.atttypid, a.atttypmod), "
-         "a.attnotnull "
+         "a.attnotnull, d.description "
          "FROM (SELECT c.oid, pg_catalog.has_table_privilege(c.oid, 'SELECT') AS whole "
          "FROM pg_catalog.pg_class c" +
          std::string(kRelationFrom) + " WHERE " + std::string(kVisibleSchema) + " AND " +
          std::string(kVisibleRelation) +
-         " OFFSET 0) c JOIN pg_catalog.pg_attribute a ON a.attrelid = c.oid"
+         " OFFSET 0) c JOIN pg_catalog.pg_attribute a ON a.attrelid = c.oid" +
+         std::string(kCommentJoin) + "a.attnum" +
          " WHERE a.attnum > 0 AND NOT a.attisdropped"
          " AND (c.whole OR pg_catalog.has_column_privilege(c.oid, a.attnum, 'SELECT'))"
          " ORDER BY a.attrelid, a.attnum";
@@ -155,6 +162,7 @@ class CatalogReader {
       read.relation.name = textAt(rows, row, 2);
       read.schema = schema->second;
       read.kind = kindOf(*PQgetvalue(rows, row, 3));
+      read.relation.comment = textAt(rows, row, 4);
     }
   }
 
@@ -163,8 +171,9 @@ class CatalogReader {
       RelationRead* read = relationAt(rows, row, 0);
       if (read == nullptr) continue;
       read->attributeNumbers.push_back(numberAt<int>(rows, row, 1));
-      read->relation.columns.push_back(
-          Column{textAt(rows, row, 2), textAt(rows, row, 3), *PQgetvalue(rows, row, 4) == 't'});
+      read->relation.columns.push_back(Column{textAt(rows, row, 2), textAt(rows, row, 3),
+                                              *PQgetvalue(rows, row, 4) == 't',
+                                              textAt(rows, row, 5)});
     }
   }
 

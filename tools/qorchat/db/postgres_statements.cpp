@@ -165,8 +165,23 @@ std::vector<Statement> classifyStatements(std::string_view sql) {
     const YLJsonValue* node = raw.obtainKeyValue("stmt");
     statement.reason = node != nullptr ? treeRefusal(*node) : "refused: an empty statement";
     if (!statement.reason.empty()) statement.verdict = Verdict::kRefused;
+    statement.plannable = statement.verdict == Verdict::kReads && node != nullptr &&
+                          node->obtainMemberCount() == 1 &&
+                          node->obtainMemberKey(0) == "SelectStmt";
   }
   return out;
+}
+
+const Statement* firstRefused(const std::vector<Statement>& statements) {
+  for (const Statement& statement : statements) {
+    if (statement.verdict != Verdict::kReads) return &statement;
+  }
+  return nullptr;
+}
+
+Status refusal(const Statement& statement) {
+  return statement.verdict == Verdict::kRefused ? Status::refused(statement.reason)
+                                                : Status::database(statement.reason);
 }
 
 }  // namespace qorchat::postgres

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "status.h"
+
 namespace qorchat::postgres {
 
 // One statement of a block, and whether it may run.
@@ -19,6 +21,8 @@ struct Statement {
                           // its semicolon
   Verdict verdict = Verdict::kReads;
   std::string reason;  // the refusal, naming what was refused, or the parser's message
+  // A query EXPLAIN can plan: SELECT, VALUES, TABLE or WITH (not SHOW, not EXPLAIN itself).
+  bool plannable = false;
 
   bool operator==(const Statement&) const = default;
 };
@@ -31,5 +35,11 @@ struct Statement {
 // the grammar rejects gives one kInvalid statement, the part that holds the error. Pieces of only
 // white space, comments and semicolons are no statements.
 std::vector<Statement> classifyStatements(std::string_view sql);
+
+// The first statement that may not run, or nullptr when every one reads.
+const Statement* firstRefused(const std::vector<Statement>& statements);
+// Why the statement may not run: kRefused with qorchat's refusal, kDatabase with the parser's
+// message.
+Status refusal(const Statement& statement);
 
 }  // namespace qorchat::postgres

@@ -3,17 +3,21 @@
 // attached), one schema without a name each; statements run so that nothing can be written.
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "db/database.h"
+#include "db/sqlite_guard.h"
 #include "db/sqlite_stop.h"
 #include "db/sqlite_target.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace qorchat {
 
@@ -37,6 +41,11 @@ class SqliteDatabase final : public Database {
   Result<std::vector<StatementResult>> runReadOnly(const std::string& sql,
                                                    const RunLimits& limits) override;
   void interrupt() override;
+  // Each statement compiled under runReadOnly's guard (its authorizer refuses what the run would)
+  // and never stepped.
+  Result<std::string> check(const std::string& sql) override;
+  // EXPLAIN QUERY PLAN of each statement, its rows as a tree indented two blanks a level.
+  Result<std::string> explain(const std::string& sql) override;
 
   // The open connection, for callers that run statements of their own (tests attach databases).
   sqlite3* handle() const { return db_; }
@@ -47,6 +56,11 @@ class SqliteDatabase final : public Database {
   Status connect();
   // Opens the file again if it was opened immutable and has changed since: a writer has come.
   Status reconnectIfChanged();
+  // Compiles the statements of sql in order under the run's guard, each handed to onPrepared
+  // with its text, never stepped here; stops at the first failure: the guard's or onPrepared's.
+  using OnPrepared =
+      std::function<Status(sqlite3_stmt* statement, std::string_view text, sqlite::RunGuard&)>;
+  Status eachPrepared(const std::string& sql, const OnPrepared& onPrepared);
 
   sqlite3* db_ = nullptr;
   std::mutex handleMutex_;   // interrupt() may come while the file is opened again

@@ -158,10 +158,6 @@ std::string structureJson(const Structure& structure, const std::vector<bool>* c
   return writer.text();
 }
 
-namespace {
-
-// A name as a query writes it: bare when it is a plain lower-case identifier, else between double
-// quotes (which both engines read), its own double quotes doubled.
 std::string sqlName(const std::string& name) {
   const auto plain = [](char c) { return (c >= 'a' && c <= 'z') || c == '_' || c == '$'; };
   const auto digit = [](char c) { return c >= '0' && c <= '9'; };
@@ -177,7 +173,14 @@ std::string sqlName(const std::string& name) {
   return quoted + '"';
 }
 
-}  // namespace
+std::string qualifiedName(const Structure& structure, const RelationPlace& place) {
+  std::string name;
+  const Catalog& catalog = structure.catalogs[place.catalog];
+  if (structure.catalogs.size() > 1) name = sqlName(catalog.name) + ".";
+  const std::string& schema = catalog.schemas[place.schema].name;
+  if (!schema.empty()) name += sqlName(schema) + ".";
+  return name + sqlName(relationAt(structure, place).name);
+}
 
 std::string uniqueKeysInstruction(const Structure& structure, const std::vector<bool>* chosen) {
   const std::vector<RelationPlace> places = relationPlaces(structure);
@@ -185,13 +188,7 @@ std::string uniqueKeysInstruction(const Structure& structure, const std::vector<
   for (std::size_t i = 0; i < places.size(); ++i) {
     const Relation& relation = relationAt(structure, places[i]);
     if ((chosen != nullptr && !(*chosen)[i]) || relation.uniqueKeys.empty()) continue;
-    std::string name;
-    if (structure.catalogs.size() > 1)
-      name = sqlName(structure.catalogs[places[i].catalog].name) + ".";
-    const std::string& schema =
-        structure.catalogs[places[i].catalog].schemas[places[i].schema].name;
-    if (!schema.empty()) name += sqlName(schema) + ".";
-    name += sqlName(relation.name);
+    const std::string name = qualifiedName(structure, places[i]);
     for (const std::vector<std::string>& key : relation.uniqueKeys) {
       text += text.empty() ? "Unique keys: " : "; ";
       text += name + "(";

@@ -19,8 +19,9 @@ struct ForeignKey {
 
 struct Column {
   std::string name;
-  std::string type;      // as the database declares it; never empty
-  bool notNull = false;  // the structure text adds NOT NULL to the type, unless in the primary key
+  std::string type;       // as the database declares it; never empty
+  bool notNull = false;   // the structure text adds NOT NULL to the type, unless in the primary key
+  std::string comment{};  // PostgreSQL's COMMENT ON COLUMN as stored; empty when none
 };
 
 struct Relation {
@@ -31,6 +32,7 @@ struct Relation {
   // Unique constraints and unique indexes over plain columns, each once, in key order: not the
   // primary key, not a partial index, not one over an expression.
   std::vector<std::vector<std::string>> uniqueKeys{};
+  std::string comment{};  // PostgreSQL's COMMENT ON TABLE or VIEW as stored; empty when none
 };
 
 // The three kinds of object, in the order the structure text lists them within a schema.
@@ -64,6 +66,12 @@ struct RelationPlace {
 // tables, views and materialized views.
 std::vector<RelationPlace> relationPlaces(const Structure& structure);
 const Relation& relationAt(const Structure& structure, const RelationPlace& place);
+
+// A name as a query writes it: bare when it is a plain lower-case identifier, else between double
+// quotes (which both engines read), its own double quotes doubled.
+std::string sqlName(const std::string& name);
+// The relation as a query names it: with its schema, and with its catalog when there are several.
+std::string qualifiedName(const Structure& structure, const RelationPlace& place);
 
 // The db_structure JSON of the structure. With chosen (one flag per relation, in the order of
 // relationPlaces), only the chosen relations, and the catalogs and schemas that hold them. Each
