@@ -284,6 +284,26 @@ TEST_F(QorchatProgram, AConversationThroughAPipeLastsAcrossRuns) {
   EXPECT_TRUE(has(run.out, "second answer"));
 }
 
+// /notes edits the database's own notes, which every later question sends, in this run and the
+// next; --notes FILE takes another file instead.
+TEST_F(QorchatProgram, NotesGoWithEveryQuestion) {
+  reply("noted");
+  const fs::path editor = state_.path / "editor.sh";
+  std::ofstream(editor) << "#!/bin/sh\nprintf 'Amounts are in cents.\\n' >> \"$1\"\n";
+  fs::permissions(editor, fs::perms::owner_all);
+  const Outcome edited =
+      runQorchat(ollama(), env({{"VISUAL", editor.string()}}), "/notes\nFirst\n");
+  ASSERT_EQ(edited.status, 0) << edited.err;
+  EXPECT_TRUE(has(server_.lastRequest().body, "Amounts are in cents.")) << edited.out;
+  runQorchat(ollama({"--no-history"}), env(), "Second\n");
+  EXPECT_TRUE(has(server_.lastRequest().body, "Amounts are in cents."));
+  const fs::path other = state_.path / "other.md";
+  std::ofstream(other) << "Prices include VAT.";
+  runQorchat(ollama({"--notes", other.string()}), env(), "Third\n");
+  EXPECT_TRUE(has(server_.lastRequest().body, "Prices include VAT.") &&
+              !has(server_.lastRequest().body, "cents"));
+}
+
 // Ctrl-C while the service is slow abandons the exchange, which the conversation forgets; at the
 // prompt it ends the program, whose input is still open.
 TEST_F(QorchatProgram, CtrlCAbandonsTheExchangeOrEndsTheProgram) {

@@ -122,6 +122,10 @@ void addDatabaseOptions(CLI::App& app, Options& options, Extras& extras) {
                  "tables a question names and their neighbours go first (0: no limit)")
       ->type_name("BYTES")
       ->check(wholeNumber(false));
+  app.add_option("--notes", options.notesFile,
+                 "File of notes about the database for the model (default: its own notes file "
+                 "in the state folder, edited with /notes)")
+      ->type_name("FILE");
   app.add_option("--conversation", options.conversationName,
                  "Name of the conversation to keep (several per database; default: the "
                  "database's own)")

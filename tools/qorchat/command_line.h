@@ -38,6 +38,7 @@ struct Options {
   bool noHistory = false;
   bool runFirstBlock = false;         // with Ask: run the reply's first SQL block
   long statementTimeoutSeconds = 30;  // for each statement run; 0: no limit
+  std::string notesFile;  // --notes: the user's notes; empty: the database's own notes file
   std::size_t schemaBudget = 120000;  // bytes of digest text the model gets; 0: no limit
   std::string conversationName;       // --conversation: one of several per database; empty: the
                                       // default one

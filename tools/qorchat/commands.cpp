@@ -191,6 +191,11 @@ bool share(Conversation& conversation, Display& display, std::string_view value)
   return true;
 }
 
+bool notes(Conversation& conversation, Display& display, std::string_view) {
+  if (const Status status = conversation.editNotes(); !status) display.note(status.message());
+  return true;
+}
+
 bool explainError(Conversation& conversation, Display& display, std::string_view) {
   const Status status = conversation.explainError();
   if (status.kind() == Status::Kind::kInvalidInput) display.note(status.message());
@@ -270,6 +275,9 @@ constexpr std::array kCommands{
             "whether query results and errors go to the service (the model's queries run only "
             "when they may)",
             &share},
+    Command{"/notes", "", "",
+            "edit your notes about this database in $VISUAL or $EDITOR; the model gets them",
+            &notes},
     Command{"/usage", "", "", "the tokens the service counted since the start", &usage},
     Command{"/reset", "", "", "start a new conversation (the old one stays stored)", &reset},
     Command{"/edit", "", "[TEXT]", "write a question in $VISUAL or $EDITOR, then ask it", &edit},

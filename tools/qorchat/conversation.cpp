@@ -13,6 +13,7 @@
 #include "instructions.h"
 #include "markdown.h"
 #include "model_choice.h"
+#include "notes.h"
 #include "output_format.h"
 #include "pager.h"
 #include "reply_stream.h"
@@ -31,6 +32,15 @@ constexpr const char* kModelPlaceholder = "MODEL";
 constexpr std::size_t kSummaryWidth = 64;
 // How many requests one question may make: the first and the retries of the HTTP settings.
 constexpr int kAttempts = kHttpRetries + 1;
+// The share of the schema budget the tables' comments may take, and their most without a budget.
+constexpr std::size_t kCommentsShare = 10;
+constexpr std::size_t kMostCommentBytes = 4096;
+
+std::size_t commentsBytes(std::size_t schemaBudget) {
+  return schemaBudget == 0 ? kMostCommentBytes
+                           : std::min(kMostCommentBytes, schemaBudget / kCommentsShare);
+}
+
 // The longest value a result in CSV, JSON or Markdown carries: what a statement may make at all.
 constexpr std::size_t kWholeValueBytes = std::size_t{16} * 1024 * 1024;
 // How much of a question taken up again is shown.
@@ -137,7 +147,8 @@ Status Conversation::start(Parts parts) {
   if (!structure) return structure.status();
   structure_ = std::move(*structure);
   engine_ = database_->engineDescription();
-  scope_ = std::make_unique<SchemaScope>(structure_, options_.schemaBudget);
+  if (Status notes = readNotes(); !notes) return notes;
+  scope_ = std::make_unique<SchemaScope>(structure_, structureBudget());
   assistant_->updateProperties([&](IQORProperties* properties) {
     if (scope_->fitsWhole()) {
       properties->setValue("db_structure", YLVariant(structureJson(structure_)));
@@ -168,6 +179,9 @@ YLVariantMap Conversation::systemInstructions(const std::vector<bool>* chosen) c
       {kDatabaseInstructionKey, YLVariant(databaseInstruction(engine_))},
       {kScopeInstructionKey, YLVariant(scopeInstruction_)},
       {kUniqueKeysInstructionKey, YLVariant(uniqueKeysInstruction(structure_, chosen))},
+      {kNotesInstructionKey, YLVariant(notesInstruction_)},
+      {kCommentsInstructionKey,
+       YLVariant(commentsInstruction(structure_, chosen, commentsBytes(options_.schemaBudget)))},
       {kDataAccessInstructionKey,
        YLVariant(sharing_ == Sharing::Never ? std::string() : dataAccessInstruction(kResultCaps))},
   };
@@ -175,6 +189,10 @@ YLVariantMap Conversation::systemInstructions(const std::vector<bool>* chosen) c
 
 void Conversation::setSharing(Sharing sharing) {
   sharing_ = sharing;
+  applyInstructions();
+}
+
+void Conversation::applyInstructions() {
   const std::vector<bool>* chosen = appliedChoice_.empty() ? nullptr : &appliedChoice_;
   assistant_->updateProperties([&](IQORProperties* properties) {
     properties->setValue("system_instructions", YLVariant(systemInstructions(chosen)));
@@ -208,6 +226,43 @@ bool Conversation::spinnerWanted() const {
 
 std::size_t Conversation::resumedEntryCount() const {
   return memory_->resumedEntryCount();
+}
+
+Status Conversation::readNotes() {
+  notesFile_ = options_.notesFile;
+  if (notesFile_.empty()) {
+    // Without a state folder there is no notes file of the database's own, and nothing fails.
+    const Result<std::string> folder = stateFolder();
+    if (folder) notesFile_ = notesPath(*folder, database_->identity());
+  }
+  if (notesFile_.empty()) return Status::ok();
+  const Result<Notes> notes = qorchat::readNotes(notesFile_, !options_.notesFile.empty());
+  if (!notes) return notes.status();
+  if (!notes->notice.empty()) display_.note(notes->notice);
+  notesInstruction_ = notesInstruction(*notes);
+  return Status::ok();
+}
+
+std::size_t Conversation::structureBudget() const {
+  // The notes and the comments go with every question; what they take, the structure cannot,
+  // though it keeps at least half the budget.
+  const std::size_t budget = options_.schemaBudget;
+  if (budget == 0) return 0;
+  const std::size_t comments =
+      commentsInstruction(structure_, nullptr, commentsBytes(budget)).size();
+  return budget - std::min(budget / 2, notesInstruction_.size() + comments);
+}
+
+Status Conversation::editNotes() {
+  if (notesFile_.empty()) {
+    return Status::invalidInput("there is no notes file: give one with --notes FILE");
+  }
+  if (Status edited = qorchat::editNotes(notesFile_, databaseName()); !edited) return edited;
+  if (Status read = readNotes(); !read) return read;
+  applyInstructions();
+  display_.out() << (notesInstruction_.empty() ? "the notes are empty; the model gets none\n"
+                                               : "the model gets the notes from now on\n");
+  return Status::ok();
 }
 
 std::string Conversation::databaseName() const {

@@ -116,6 +116,11 @@ class Conversation {
   Sharing sharing() const { return sharing_; }
   void setSharing(Sharing sharing);
 
+  // Opens the notes file in the user's editor and gives the model what it then holds.
+  Status editNotes();
+  // The notes file in use: --notes FILE or the database's own; empty when there is none.
+  const std::string& notesFile() const { return notesFile_; }
+
   // The tokens the service counted since the start: "1210 tokens in, 380 out over 3 replies".
   std::string usageText() const;
 
@@ -156,6 +161,12 @@ class Conversation {
   Result<std::vector<QORModelEntry>> catalogue();
   // Keeps the model for this service's next run.
   void remember();
+  // Reads the notes file; what the notes take of the schema budget, the structure cannot.
+  Status readNotes();
+  // The schema budget left to the structure by the notes and the tables' comments.
+  std::size_t structureBudget() const;
+  // Hands the library the instructions again after a setting that changes them.
+  void applyInstructions();
   // qorchat's system instructions for the relations chosen (all when null).
   YLVariantMap systemInstructions(const std::vector<bool>* chosen) const;
   // Sends one turn and shows the reply as it arrives; the reply's text, or the failure reported.
@@ -209,7 +220,9 @@ class Conversation {
   Structure structure_;
   std::unique_ptr<SchemaScope> scope_;
   std::vector<bool> appliedChoice_;
-  std::string scopeInstruction_;            // empty while the whole structure goes
+  std::string scopeInstruction_;  // empty while the whole structure goes
+  std::string notesFile_;
+  std::string notesInstruction_;            // empty without notes
   SqlBlocks blocks_;                        // of the last reply
   std::optional<FailedStatement> failure_;  // of the last run
 };

@@ -18,7 +18,7 @@ _qorchat() {
     mapfile -t COMPREPLY < <(compgen -W 'never ask always' -- "$cur")
     return
     ;;
-  --db | --config | --api-key-file | --ca-file)
+  --db | --config | --api-key-file | --ca-file | --notes)
     compopt -o filenames 2>/dev/null
     mapfile -t COMPREPLY < <(compgen -f -- "$cur")
     return
@@ -31,7 +31,7 @@ _qorchat() {
   esac
   if [[ $cur == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W '--help --version --config --db --statement-timeout
-      --schema-budget --conversation --no-history --service --host --model --temperature
+      --schema-budget --notes --conversation --no-history --service --host --model --temperature
       --max-tokens --timeout --proxy --ca-file --api-key-file --format --max-rows --null
       --no-pager --timing --no-color --no-stream --share-results --max-steps --ask --print-request --list-models --run' -- "$cur")
   fi
