@@ -379,8 +379,8 @@ TEST_F(QorchatRun, AFailedStatementShowsTheDatabasesErrorAndCanBeExplained) {
   EXPECT_LT(run.err.find('\n', hint), run.err.find("qorchat:", hint + 1));  // one line
   EXPECT_TRUE(has(run.err, "qorchat: the statement failed: no such column: nosuch\n")) << run.err;
   // The fix is asked as the next question of the conversation: the error and the statement go
-  // along, after the earlier exchange.
-  ASSERT_EQ(server_.requestCount(), 2u);
+  // along, after the earlier exchange. Each reply also failed the check and was sent back once.
+  ASSERT_EQ(server_.requestCount(), 4u);
   EXPECT_TRUE(inOrder(server_.lastRequest().body,
                       {"List them", "SELECT nosuch FROM people;", "no such column: nosuch"}));
 }

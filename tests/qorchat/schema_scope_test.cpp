@@ -113,6 +113,10 @@ TEST(SchemaScope, NamedTablesComeFirstThenTheirNeighboursThenTheRest) {
   EXPECT_EQ(listedIn(structure, both), (Names{"z4", "z5", "z9"}));
   EXPECT_EQ(both.listed, 3u);
   EXPECT_EQ(both.total, 20u);
+  // What the model asks for comes before what the question names; its names as it writes them.
+  EXPECT_EQ(listedIn(structure, scope.choose({"z4, z5, z6"}, scope.relationsNamed("`main`.Z8"))),
+            (Names{"z4", "z5", "z8"}));
+  EXPECT_TRUE(scope.relationsNamed("main.z99").empty() && scope.relationsNamed("q.z8").empty());
 }
 
 // Fillers first, so that creation order alone would choose them; then tables that only a rule of

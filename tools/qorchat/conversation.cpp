@@ -47,6 +47,8 @@ constexpr std::size_t kWholeValueBytes = std::size_t{16} * 1024 * 1024;
 constexpr std::size_t kResumedQuestionWidth = 200;
 // What of a round's results the model gets.
 constexpr ResultCaps kResultCaps{};
+// The names of every table, for a structure cut to the budget, take at most this share of it.
+constexpr std::size_t kTableNamesShare = 10;
 
 std::string replyText(const IQORMessage& reply) {
   std::string text;
@@ -62,6 +64,29 @@ std::string summary(std::string_view statement) {
 }
 
 // "412 tokens in, 96 out", or the half the service reported; empty when it reported neither.
+std::string commaSeparated(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names)
+    text += (text.empty() ? "" : ", ") + name;
+  return text;
+}
+
+// "block 2 failed the check (no such column: c.nme); asking the model to correct it"
+std::string repairLine(const std::vector<FailedCheck>& failed) {
+  std::string numbers;
+  std::string errors;
+  for (std::size_t i = 0; i < failed.size(); ++i) {
+    numbers += (i == 0                   ? ""
+                : i + 1 == failed.size() ? " and "
+                                         : ", ") +
+               std::to_string(failed[i].block);
+    errors += (i == 0 ? "" : "; ") + text::oneLine(failed[i].error);
+  }
+  const bool one = failed.size() == 1;
+  return (one ? "block " : "blocks ") + numbers + " failed the check (" + errors +
+         "); asking the model to correct " + (one ? "it" : "them");
+}
+
 std::string tokenCounts(std::int64_t in, std::int64_t out) {
   if (in >= 0 && out >= 0)
     return std::to_string(in) + " tokens in, " + std::to_string(out) + " out";
@@ -184,6 +209,7 @@ YLVariantMap Conversation::systemInstructions(const std::vector<bool>* chosen) c
        YLVariant(commentsInstruction(structure_, chosen, commentsBytes(options_.schemaBudget)))},
       {kDataAccessInstructionKey,
        YLVariant(sharing_ == Sharing::Never ? std::string() : dataAccessInstruction(kResultCaps))},
+      {kTableNamesInstructionKey, YLVariant(tableNamesInstruction_)},
   };
 }
 
@@ -275,11 +301,17 @@ void Conversation::applyScope(const std::string& question) {
   const std::vector<QORHistoryEntry> history = memory_->obtainHistory(kHistoryEntries);
   for (auto entry = history.rbegin(); entry != history.rend(); ++entry)
     texts.emplace_back(entry->text);
-  SchemaScope::Choice choice = scope_->choose(texts);
+  SchemaScope::Choice choice = scope_->choose(texts, forced_);
   if (choice.chosen == appliedChoice_) return;
   scopeInstruction_ = choice.listed < choice.total
                           ? SchemaScope::instruction(choice.listed, choice.total)
                           : std::string();
+  // Names are structure, not rows: they go whatever the sharing, so that the model can ask for
+  // the tables the cut structure leaves out.
+  tableNamesInstruction_ = scopeInstruction_.empty()
+                               ? std::string()
+                               : tableNamesInstruction(structure_, choice.ranking,
+                                                       options_.schemaBudget / kTableNamesShare);
   // Written once per question, and only when the choice changed.
   const std::string json = structureJson(structure_, &choice.chosen);
   assistant_->updateProperties([&](IQORProperties* properties) {
@@ -328,13 +360,19 @@ void Conversation::reportWriteFailure() {
 Status Conversation::ask(const std::string& typed, bool listBlocks) {
   // A request body is JSON, which holds only valid UTF-8: a stray byte of a paste becomes U+FFFD.
   const std::string question = text::validUtf8(typed);
+  question_ = question;
+  forced_.clear();
   applyScope(question);
   Result<std::string> reply = exchange(question);
   if (!reply) return reply.status();
-  Status looped = sharing_ == Sharing::Never ? Status::ok() : queryLoop(std::move(*reply));
-  if (listBlocks) listKeptBlocks();
+  Status followed = followReply(std::move(*reply));
+  if (listBlocks) {
+    listKeptBlocks();
+  } else {
+    noteBlockFailures();
+  }
   display_.out().flush();
-  return looped;
+  return followed;
 }
 
 Result<std::string> Conversation::exchange(const std::string& turn) {
@@ -391,23 +429,104 @@ Result<std::string> Conversation::exchange(const std::string& turn) {
   return text;
 }
 
-Status Conversation::queryLoop(std::string reply) {
-  for (std::size_t round = 1;; ++round) {
-    const std::vector<std::string> requests = runRequests(reply);
-    if (requests.empty()) return Status::ok();
-    if (round > options_.maxSteps) {
-      display_.note("the model asks for more queries after " + std::to_string(options_.maxSteps) +
+Status Conversation::followReply(std::string reply) {
+  bool repairAsked = false;
+  for (std::size_t round = 1;;) {
+    // The scope indexes names only for a cut structure; a whole one needs no tables round.
+    const std::vector<std::string> tables =
+        scope_->fitsWhole() ? std::vector<std::string>() : tableRequests(reply);
+    const std::vector<std::string> requests =
+        sharing_ == Sharing::Never ? std::vector<std::string>() : runRequests(reply);
+    Result<std::string> turn = std::string();
+    if (tables.empty() && requests.empty()) {
+      // The answer in words: its SQL checked, and repaired once. The repair round is not counted
+      // in --max-steps: it is one round at most, and even a model told to answer now may name a
+      // column that is not there.
+      turn = checkBlocks(!repairAsked);
+      if (!turn || turn->empty()) return turn.status();
+      repairAsked = true;
+    } else if (round > options_.maxSteps) {
+      display_.note("the model asks for more " +
+                    std::string(tables.empty() ? "queries" : "tables") + " after " +
+                    std::to_string(options_.maxSteps) +
                     " rounds (--max-steps): stopped here; its queries are numbered for /run");
       return Status::ok();
+    } else {
+      turn = tables.empty() ? queryRound(requests, round) : tablesRound(tables, round);
+      ++round;
+      // Declined: the reply stands as the answer, its queries offered for /run.
+      if (!turn && turn.status().kind() == Status::Kind::kRefused) return Status::ok();
+      if (!turn) return turn.status();
     }
-    Result<std::string> results = queryRound(requests, round);
-    // Declined: the reply stands as the answer, its queries offered for /run.
-    if (!results && results.status().kind() == Status::Kind::kRefused) return Status::ok();
-    if (!results) return results.status();
-    Result<std::string> next = exchange(*results);
+    Result<std::string> next = exchange(*turn);
     if (!next) return next.status();
     reply = std::move(*next);
   }
+}
+
+Result<std::string> Conversation::checkBlocks(bool repairAllowed) {
+  blockFailures_.assign(blocks_.size(), std::string());
+  std::vector<FailedCheck> failed;
+  for (std::size_t i = 0; i < blocks_.size(); ++i) {
+    Result<std::string> checked = std::string();
+    bool interrupted = false;
+    {
+      ExchangeWatch watch(
+          nullptr, spinnerWanted(), [this] { database_->interrupt(); }, "checking the SQL");
+      checked = database_->check(blocks_[i]);
+      interrupted = watch.interrupted();
+    }
+    if (interrupted || checked.status().kind() == Status::Kind::kCancelled) {
+      blockFailures_.assign(blocks_.size(), std::string());
+      display_.note("the check was stopped (Ctrl-C): the SQL blocks are offered unchecked");
+      return Status::cancelled("the check was stopped");
+    }
+    // Past the time limit, or without a connection, nothing is known: the run will tell. The
+    // note of what could not be checked stays quiet.
+    const Status::Kind kind = checked.status().kind();
+    if (kind != Status::Kind::kDatabase && kind != Status::Kind::kRefused) continue;
+    blockFailures_[i] = checked.status().message();
+    failed.push_back(FailedCheck{i + 1, blocks_[i], checked.status().message()});
+  }
+  if (failed.empty() || !repairAllowed) return std::string();
+  display_.out().flush();
+  display_.note(repairLine(failed));
+  return repairTurn(failed, engine_);
+}
+
+void Conversation::noteBlockFailures() {
+  for (std::size_t i = 0; i < blockFailures_.size(); ++i) {
+    if (!blockFailures_[i].empty())
+      display_.note("block " + std::to_string(i + 1) + " fails the check: " + blockFailures_[i]);
+  }
+}
+
+Result<std::string> Conversation::tablesRound(const std::vector<std::string>& names,
+                                              std::size_t round) {
+  TablesOutcome outcome;
+  std::vector<std::uint32_t> asked;
+  for (const std::string& name : names) {
+    const std::vector<std::uint32_t> found = scope_->relationsNamed(name);
+    if (found.empty()) outcome.unknown.push_back(name);
+    for (const std::uint32_t id : found) {
+      if (std::find(asked.begin(), asked.end(), id) != asked.end()) continue;
+      asked.push_back(id);
+      if (std::find(forced_.begin(), forced_.end(), id) == forced_.end()) forced_.push_back(id);
+    }
+  }
+  display_.out().flush();
+  display_.note("the model asked for: " + commaSeparated(names) +
+                (outcome.unknown.empty()
+                     ? std::string()
+                     : " (not in the database: " + commaSeparated(outcome.unknown) + ")") +
+                "; asking again with them");
+  applyScope(question_);
+  const std::vector<RelationPlace> places = relationPlaces(structure_);
+  for (const std::uint32_t id : asked) {
+    (appliedChoice_[id] ? outcome.added : outcome.leftOut)
+        .push_back(qualifiedName(structure_, places[id]));
+  }
+  return tablesTurn(outcome, round == options_.maxSteps);
 }
 
 Result<std::string> Conversation::queryRound(const std::vector<std::string>& requests,
@@ -505,6 +624,7 @@ void Conversation::showReply(const std::string& text, bool listBlocks) {
 void Conversation::keepBlocks(const std::string& text) {
   // Queries the model asked to run, and did not get, are the user's to run.
   blocks_ = SqlBlocks(runBlocksAsSql(text));
+  blockFailures_.clear();
   lastReplyCut_ = false;
 }
 
@@ -514,6 +634,21 @@ void Conversation::listKeptBlocks() {
     const std::string number = std::to_string(i + 1);
     where << "[" << number << "] " << summary(display_.masked(blocks_[i])) << "  (/run " << number
           << ")\n";
+    // Offered all the same: the user may know better, and /run shows the database's own error.
+    if (i < blockFailures_.size() && !blockFailures_[i].empty()) {
+      where.flush();
+      showDim("    (fails: " + display_.failureLine(blockFailures_[i]) + ")");
+    }
+  }
+}
+
+void Conversation::showDim(const std::string& line) {
+  display_.out().flush();
+  // Dim, so that it reads as a remark beside the answer; plain without colour.
+  if (colorWanted() && isatty(STDERR_FILENO) != 0) {
+    display_.err() << "\033[2m" << line << "\033[0m\n";
+  } else {
+    display_.err() << line << "\n";
   }
 }
 
@@ -549,14 +684,7 @@ void Conversation::noteUsage(const IQORMessage& reply) {
   ++usage_.reported;
   usage_.inputTokens += std::max<std::int64_t>(usage.inputTokens, 0);
   usage_.outputTokens += std::max<std::int64_t>(usage.outputTokens, 0);
-  const std::string line = "(" + tokenCounts(usage.inputTokens, usage.outputTokens) + ")";
-  display_.out().flush();
-  // Dim, so that it reads as a remark beside the answer; plain without colour.
-  if (colorWanted() && isatty(STDERR_FILENO) != 0) {
-    display_.err() << "\033[2m" << line << "\033[0m\n";
-  } else {
-    display_.err() << line << "\n";
-  }
+  showDim("(" + tokenCounts(usage.inputTokens, usage.outputTokens) + ")");
 }
 
 std::string Conversation::usageText() const {
@@ -700,6 +828,7 @@ Status Conversation::explainError() {
 
 void Conversation::reset() {
   memory_->startNewConversation();
+  forced_.clear();
   blocks_ = SqlBlocks();
   failure_.reset();
   reportWriteFailure();

@@ -56,8 +56,11 @@ class Conversation {
   // Sends one question and shows the reply, or what failed. Unless nothing is shared, the model
   // may first ask for read-only queries (sql-run blocks): each round runs them in sight, sends
   // their results as the next turn (with consent, when asked for) and shows the reply, until it
-  // answers in words or --max-steps rounds have run. With listBlocks, the SQL blocks of the last
-  // reply are listed after it, numbered for /run.
+  // answers in words or --max-steps rounds have run. When the structure was cut to the budget,
+  // a round may also be the model's tables block: the structure is chosen again with them in.
+  // The answer's SQL blocks are checked against the database; those that fail go back once for
+  // the model to correct. With listBlocks, the SQL blocks of the last reply are listed after it,
+  // numbered for /run, a block that still fails with its error beside it.
   Status ask(const std::string& question, bool listBlocks);
   // Runs SQL block index (from 0) of the last reply read-only and shows its rows or the
   // database's error. A block of a reply cut off at the length limit runs only when confirmed.
@@ -171,8 +174,20 @@ class Conversation {
   YLVariantMap systemInstructions(const std::vector<bool>* chosen) const;
   // Sends one turn and shows the reply as it arrives; the reply's text, or the failure reported.
   Result<std::string> exchange(const std::string& turn);
-  // The rounds of queries the reply asks for, each answered by the model's next reply.
-  Status queryLoop(std::string reply);
+  // The rounds the reply asks for (tables whatever the sharing, queries unless nothing is
+  // shared), each answered by the model's next reply; then the answer's check and one repair.
+  Status followReply(std::string reply);
+  // Checks each kept block without running it; the failures are kept for the listing. With
+  // repairAllowed, the turn that asks for the failed blocks corrected, after a line that says so;
+  // empty when every block passed (or could not be checked). Ctrl-C stops it, as cancelled.
+  Result<std::string> checkBlocks(bool repairAllowed);
+  // A note for each kept block that failed the check, where the blocks are not listed.
+  void noteBlockFailures();
+  // Chooses the structure again with the tables the model named forced in; the turn that says
+  // which are in it now and which the database does not have.
+  Result<std::string> tablesRound(const std::vector<std::string>& names, std::size_t round);
+  // A remark beside the answer on standard error: dim on a colour terminal.
+  void showDim(const std::string& line);
   // Runs one round's queries in sight and gives the results turn, once the user consents.
   Result<std::string> queryRound(const std::vector<std::string>& requests, std::size_t round);
   // Whether what ("3 rows (412 bytes) of results") may go to the service: ok, refused, or
@@ -220,10 +235,14 @@ class Conversation {
   Structure structure_;
   std::unique_ptr<SchemaScope> scope_;
   std::vector<bool> appliedChoice_;
-  std::string scopeInstruction_;  // empty while the whole structure goes
+  std::string scopeInstruction_;       // empty while the whole structure goes
+  std::string tableNamesInstruction_;  // every table's name; empty while the whole goes
+  std::string question_;               // the question the rounds follow, for the scope
+  std::vector<std::uint32_t> forced_;  // relations the model asked for in this question
   std::string notesFile_;
-  std::string notesInstruction_;            // empty without notes
+  std::string notesInstruction_;  // empty without notes
   SqlBlocks blocks_;                        // of the last reply
+  std::vector<std::string> blockFailures_;  // by block: the check's error, empty when none
   std::optional<FailedStatement> failure_;  // of the last run
 };
 

@@ -1,6 +1,9 @@
 // The database instruction: the engine, its dialect and quoting, and the form of SQL replies;
-// the comments the database keeps on its relations and columns.
+// the comments the database keeps on its relations and columns; every table's name, for a
+// structure cut to its budget.
 #include "instructions.h"
+
+#include <algorithm>
 
 #include "text.h"
 
@@ -32,7 +35,76 @@ void addCommentLines(const std::string& name, const Relation& relation,
   }
 }
 
+constexpr std::string_view kTableNamesOpening =
+    "Every table and view of the database by name, a line per schema (the structure gives only "
+    "some of them in full):";
+constexpr std::string_view kTablesRequest =
+    "\nTo see the columns of tables the structure leaves out, reply with only a fenced block "
+    "labelled tables that lists them, one name per line, like\n```tables\norders\n"
+    "sales.order_items\n```\nand wait: qorchat sends the structure again with them in it.";
+
+// The schema of each relation as a group, in the structure's order, and each group's label:
+// the relation's qualified name without the relation ("sales", "shop.sales", or none).
+struct NameGroups {
+  std::vector<std::size_t> groupOf;  // by relation
+  std::vector<std::string> labels;   // by group
+};
+
+NameGroups nameGroups(const Structure& structure, const std::vector<RelationPlace>& places) {
+  NameGroups groups;
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    if (i == 0 || places[i].catalog != places[i - 1].catalog ||
+        places[i].schema != places[i - 1].schema) {
+      const std::string qualified = qualifiedName(structure, places[i]);
+      const std::size_t own = sqlName(relationAt(structure, places[i]).name).size();
+      groups.labels.push_back(
+          qualified.substr(0, qualified.size() - std::min(qualified.size(), own + 1)));
+    }
+    groups.groupOf.push_back(groups.labels.size() - 1);
+  }
+  return groups;
+}
+
 }  // namespace
+
+std::string tableNamesInstruction(const Structure& structure,
+                                  const std::vector<std::uint32_t>& ranking, std::size_t maxBytes) {
+  const std::vector<RelationPlace> places = relationPlaces(structure);
+  const NameGroups groups = nameGroups(structure, places);
+  // The nearest names first, while they fit; the sentences around them are not counted.
+  std::size_t used = 0;
+  std::vector<char> given(places.size(), 0);
+  std::vector<char> groupStarted(groups.labels.size(), 0);
+  std::size_t count = 0;
+  for (const std::uint32_t id : ranking) {
+    const std::size_t group = groups.groupOf[id];
+    const std::size_t cost = sqlName(relationAt(structure, places[id]).name).size() + 2 +
+                             (groupStarted[group] != 0 ? 0 : groups.labels[group].size() + 3);
+    if (used + cost > maxBytes) continue;
+    used += cost;
+    given[id] = 1;
+    groupStarted[group] = 1;
+    ++count;
+  }
+  std::string text(kTableNamesOpening);
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    if (given[i] == 0) continue;
+    const bool opensLine = groupStarted[groups.groupOf[i]] == 1;
+    if (opensLine) {
+      groupStarted[groups.groupOf[i]] = 2;
+      const std::string& label = groups.labels[groups.groupOf[i]];
+      text += "\n" + (label.empty() ? std::string() : label + ": ");
+    } else {
+      text += ", ";
+    }
+    text += sqlName(relationAt(structure, places[i]).name);
+  }
+  if (count < places.size()) {
+    text += "\n(" + text::withSeparators(places.size() - count) +
+            " more not listed; those listed are the nearest to the question)";
+  }
+  return text.append(kTablesRequest);
+}
 
 std::string_view engineName(std::string_view engine) {
   return engine.substr(0, engine.find(' '));

@@ -3,6 +3,7 @@
 // about, how to write SQL for it, and how to hand the SQL back so that /run finds it.
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +17,7 @@ inline constexpr const char* kDatabaseInstructionKey = "database";
 inline constexpr const char* kScopeInstructionKey = "scope";
 inline constexpr const char* kUniqueKeysInstructionKey = "unique_keys";
 inline constexpr const char* kCommentsInstructionKey = "comments";
+inline constexpr const char* kTableNamesInstructionKey = "table_names";
 
 // The instruction that names the engine and version ("PostgreSQL 15.8", "SQLite 3.40.1"), the
 // dialect and its quoting of identifiers, and asks for SQL in fenced sql blocks.
@@ -28,6 +30,14 @@ std::string databaseInstruction(std::string_view engine);
 // them has a comment, or when not even the first fits.
 std::string commentsInstruction(const Structure& structure, const std::vector<bool>* chosen,
                                 std::size_t maxBytes);
+
+// Every table and view by name, for a structure cut to its budget, and how the model asks for
+// those it needs: a line per schema ("sales: customers, orders"), the names in the structure's
+// order. ranking holds every relation (by its place in relationPlaces), nearest the question
+// first: when the names (with their schemas) do not all fit within maxBytes, the nearest are
+// given and the rest counted.
+std::string tableNamesInstruction(const Structure& structure,
+                                  const std::vector<std::uint32_t>& ranking, std::size_t maxBytes);
 
 // "PostgreSQL" or "SQLite": the engine's name without its version, for sentences.
 std::string_view engineName(std::string_view engine);

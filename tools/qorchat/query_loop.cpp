@@ -1,5 +1,5 @@
-// The query loop's texts: the instruction, the sql-run blocks of a reply, the results turn within
-// its caps, and quoted values replaced by placeholders.
+// The query loop's texts: the instruction, the sql-run and tables blocks of a reply, the results
+// turn within its caps, the tables and repair turns, and quoted values replaced by placeholders.
 #include "query_loop.h"
 
 #include <algorithm>
@@ -12,6 +12,7 @@ namespace qorchat {
 namespace {
 
 constexpr std::string_view kRunLabel = "sql-run";
+constexpr std::string_view kTablesLabel = "tables";
 constexpr std::string_view kValuePlaceholder = "<value>";
 // What the closing sentences of a turn take, kept free below the byte cap.
 constexpr std::size_t kClosingBytes = 200;
@@ -45,18 +46,18 @@ std::optional<Fence> fenceOf(std::string_view line) {
   return Fence{mark, length, indent, info};
 }
 
-bool isRunLabel(std::string_view info) {
+bool isLabel(std::string_view info, std::string_view label) {
   const std::string_view word = info.substr(0, std::min(info.size(), info.find_first_of(" \t{")));
-  return text::equalsIgnoringCase(word, kRunLabel);
+  return text::equalsIgnoringCase(word, label);
 }
 
-// A sql-run block: where its label stands in the reply, and its SQL.
+// A block of one label (sql-run, tables): where its label stands in the reply, and its text.
 struct RunBlock {
   std::size_t labelAt;
   std::string sql;
 };
 
-std::vector<RunBlock> runBlocks(std::string_view reply) {
+std::vector<RunBlock> labelledBlocks(std::string_view reply, std::string_view label) {
   std::vector<RunBlock> found;
   std::optional<Fence> open;
   std::optional<std::size_t> labelAt;  // set while the open block is a sql-run one
@@ -78,7 +79,7 @@ std::vector<RunBlock> runBlocks(std::string_view reply) {
     if (!open) {
       open = fence;
       labelAt.reset();
-      if (fence && isRunLabel(fence->info))
+      if (fence && isLabel(fence->info, label))
         labelAt = lineAt + static_cast<std::size_t>(fence->info.data() - line.data());
       continue;
     }
@@ -211,6 +212,13 @@ void replaceDetailValues(std::string& text) {
   }
 }
 
+std::string commaSeparated(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names)
+    text += (text.empty() ? "" : ", ") + name;
+  return text;
+}
+
 }  // namespace
 
 std::string dataAccessInstruction(const ResultCaps& caps) {
@@ -230,14 +238,14 @@ std::string dataAccessInstruction(const ResultCaps& caps) {
 
 std::vector<std::string> runRequests(std::string_view reply) {
   std::vector<std::string> requests;
-  for (RunBlock& block : runBlocks(reply))
+  for (RunBlock& block : labelledBlocks(reply, kRunLabel))
     requests.push_back(std::move(block.sql));
   return requests;
 }
 
 std::string runBlocksAsSql(std::string_view reply) {
   std::string relabelled(reply);
-  const std::vector<RunBlock> blocks = runBlocks(reply);
+  const std::vector<RunBlock> blocks = labelledBlocks(reply, kRunLabel);
   for (auto block = blocks.rbegin(); block != blocks.rend(); ++block)
     relabelled.replace(block->labelAt, kRunLabel.size(), "sql");
   return relabelled;
@@ -270,6 +278,58 @@ ResultsTurn resultsTurn(const std::vector<StatementResult>& results, const Resul
                          : "\nAnswer in words from these results, or ask for more with sql-run "
                            "blocks (correct a failed query first).";
   return turn;
+}
+
+std::vector<std::string> tableRequests(std::string_view reply) {
+  std::vector<std::string> names;
+  for (const RunBlock& block : labelledBlocks(reply, kTablesLabel)) {
+    std::string_view rest = block.sql;
+    while (!rest.empty()) {
+      const std::size_t end = std::min(rest.find_first_of(",\n"), rest.size());
+      std::string_view name = text::trimmed(rest.substr(0, end));
+      rest.remove_prefix(std::min(end + 1, rest.size()));
+      if (text::startsWith(name, "- ") || text::startsWith(name, "* "))
+        name = text::trimmed(name.substr(2));
+      while (!name.empty() && name.back() == ';')
+        name.remove_suffix(1);
+      if (!name.empty() && std::find(names.begin(), names.end(), name) == names.end())
+        names.emplace_back(name);
+    }
+  }
+  return names;
+}
+
+std::string tablesTurn(const TablesOutcome& outcome, bool lastRound) {
+  std::string turn = "qorchat has sent the database structure again";
+  if (!outcome.added.empty()) turn += "; it now lists " + commaSeparated(outcome.added);
+  turn += ".\n";
+  if (!outcome.leftOut.empty()) {
+    turn += "Left out, past the structure's size budget: " + commaSeparated(outcome.leftOut) +
+            "; ask for fewer tables at a time.\n";
+  }
+  if (!outcome.unknown.empty()) {
+    turn += "The database has no table or view named " + commaSeparated(outcome.unknown) +
+            "; the table_names instruction lists every name it has.\n";
+  }
+  turn += lastRound ? "That was the last round for this question: answer now, in words, from "
+                      "what you have."
+                    : "Answer the question now, or ask for other tables the same way.";
+  return turn;
+}
+
+std::string repairTurn(const std::vector<FailedCheck>& failed, std::string_view engine) {
+  std::string turn = "qorchat checked the SQL of your answer against the " + std::string(engine) +
+                     " database without running it, and " +
+                     (failed.size() == 1 ? std::string("one block fails")
+                                         : std::to_string(failed.size()) + " blocks fail") +
+                     ":\n";
+  for (const FailedCheck& each : failed) {
+    turn += "\nBlock " + std::to_string(each.block) + ":\n```sql\n" + each.sql +
+            "\n```\nThe database's error: " + text::oneLine(each.error) + "\n";
+  }
+  return turn +
+         "\nCorrect the SQL against the database structure and give your answer again, with "
+         "every SQL block it proposes in a ```sql block.";
 }
 
 std::string withoutQuotedValues(std::string_view original) {

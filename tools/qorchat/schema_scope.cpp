@@ -328,7 +328,8 @@ void SchemaScope::addNamed(std::string_view text, double worth, std::vector<doub
   findNames(text, [&](std::uint32_t id) { scores[id] += worth; });
 }
 
-SchemaScope::Choice SchemaScope::choose(const std::vector<std::string_view>& texts) const {
+SchemaScope::Choice SchemaScope::choose(const std::vector<std::string_view>& texts,
+                                        const std::vector<std::uint32_t>& forced) const {
   Choice choice;
   choice.total = places_.size();
   if (fitsWhole_) {
@@ -339,7 +340,7 @@ SchemaScope::Choice SchemaScope::choose(const std::vector<std::string_view>& tex
   }
 
   // The relations by score, best first; among equals, in their order.
-  const std::vector<double> scores = score(texts);
+  const std::vector<double> scores = score(texts, forced);
   std::vector<std::uint32_t> order(places_.size());
   for (std::uint32_t id = 0; id < order.size(); ++id)
     order[id] = id;
@@ -366,7 +367,43 @@ SchemaScope::Choice SchemaScope::choose(const std::vector<std::string_view>& tex
     offer(id);
   }
   choice.digestBytes = used;
+  choice.ranking = std::move(order);
   return choice;
+}
+
+std::vector<std::uint32_t> SchemaScope::relationsNamed(std::string_view written) const {
+  // The parts apart by dots outside quotes, each without its quotes; the last is the name.
+  std::vector<std::string> parts(1);
+  char quote = 0;
+  for (const char c : text::trimmed(written)) {
+    if (quote != 0 && c == quote) {
+      quote = 0;
+    } else if (quote == 0 && (c == '"' || c == '`')) {
+      quote = c;
+    } else if (quote == 0 && c == '.') {
+      parts.emplace_back();
+    } else {
+      parts.back() += c;
+    }
+  }
+  const std::string& name = parts.back();
+  const std::string qualifier = parts.size() > 1 ? parts[parts.size() - 2] : std::string();
+  std::vector<std::uint32_t> found;
+  const std::vector<NameKey>& keys = qualifier.empty() ? byName_ : byQualifiedName_;
+  const std::uint64_t hash = qualifier.empty()
+                                 ? NameHash().add(name).value()
+                                 : NameHash().add(qualifier).add('.').add(name).value();
+  for (auto at = std::lower_bound(keys.begin(), keys.end(), NameKey{hash, 0});
+       at != keys.end() && at->hash == hash; ++at) {
+    const std::uint32_t id = at->relation;
+    const bool qualifierMatches =
+        qualifier.empty() || sameName(schemaOf(id).name, qualifier) ||
+        sameName(structure_.catalogs[places_[id].catalog].name, qualifier);
+    if (sameName(relation(id).name, name) && qualifierMatches &&
+        std::find(found.begin(), found.end(), id) == found.end())
+      found.push_back(id);
+  }
+  return found;
 }
 
 std::string SchemaScope::instruction(std::size_t listed, std::size_t total) {

@@ -39,6 +39,8 @@ class SchemaScope {
     std::size_t listed = 0;       // tables and views chosen
     std::size_t total = 0;        // tables and views the database has
     std::size_t digestBytes = 0;  // the size of the text the library makes of the choice
+    // Every relation, nearest the texts first: what a list of names within a bound gives first.
+    std::vector<std::uint32_t> ranking;
   };
 
   // The structure must outlive the scope. A budget of 0 means no limit.
@@ -50,8 +52,15 @@ class SchemaScope {
   std::size_t relationCount() const { return places_.size(); }
 
   // The choice for a question. texts name what is wanted, most wanted first: the question, then
-  // the history, newest first.
-  Choice choose(const std::vector<std::string_view>& texts) const;
+  // the history, newest first. The forced relations (ids from relationsNamed) come before all
+  // else, and their neighbours rise with them as with a name the question gives.
+  Choice choose(const std::vector<std::string_view>& texts,
+                const std::vector<std::uint32_t>& forced = {}) const;
+
+  // The relations a name written by the model means: "orders", "sales.orders" or
+  // "shop.sales.orders", any case, each part bare or quoted ("..." or `...`). Empty when the
+  // database has none, or while the whole structure fits (nothing is indexed then).
+  std::vector<std::uint32_t> relationsNamed(std::string_view name) const;
 
   // What the model is told when the structure was reduced: "The database has 2,315 tables and
   // views; the structure lists 140 of them. Ask for others by name."
@@ -75,7 +84,8 @@ class SchemaScope {
   // Adds the links a column such as host_id or hostid makes to a table host or hosts.
   void linkByColumnNames(std::vector<std::pair<std::uint32_t, std::uint32_t>>& links) const;
   // Each relation's score for the texts: what they name, then neighbours and what is near.
-  std::vector<double> score(const std::vector<std::string_view>& texts) const;
+  std::vector<double> score(const std::vector<std::string_view>& texts,
+                            const std::vector<std::uint32_t>& forced) const;
   // Adds worth to every relation the text names exactly.
   void addNamed(std::string_view text, double worth, std::vector<double>& scores) const;
   void scoreText(std::string_view text, double weight, std::vector<double>& scores) const;

@@ -18,6 +18,9 @@ namespace {
 // What a match is worth. A name named exactly outranks every word match; a name's own words
 // outrank its columns; neighbours and what is near come after what was named.
 constexpr double kExactName = 300;
+// A relation the model asked for comes first; its neighbours rise with it, yet stay below what the
+// question names exactly, which the model's request must not push out.
+constexpr double kForced = 2 * kExactName;
 constexpr double kNameKey = 100;
 constexpr double kNameKeyPerWord = 10;
 constexpr double kNamePart = 70;
@@ -306,10 +309,13 @@ void SchemaScope::addBridges(const std::vector<double>& own, std::vector<double>
   }
 }
 
-std::vector<double> SchemaScope::score(const std::vector<std::string_view>& texts) const {
+std::vector<double> SchemaScope::score(const std::vector<std::string_view>& texts,
+                                       const std::vector<std::uint32_t>& forced) const {
   std::vector<double> own(places_.size(), 0);
   for (std::size_t t = 0; t < texts.size(); ++t)
     scoreText(texts[t], 1.0 / static_cast<double>(t + 1), own);
+  for (const std::uint32_t id : forced)
+    own[id] += kForced;
 
   // Neighbours of what was found, and theirs; then what shares a schema or a name prefix with it.
   std::vector<double> scores = own;
