@@ -240,7 +240,7 @@ class Conversation {
   std::string question_;               // the question the rounds follow, for the scope
   std::vector<std::uint32_t> forced_;  // relations the model asked for in this question
   std::string notesFile_;
-  std::string notesInstruction_;  // empty without notes
+  std::string notesInstruction_;            // empty without notes
   SqlBlocks blocks_;                        // of the last reply
   std::vector<std::string> blockFailures_;  // by block: the check's error, empty when none
   std::optional<FailedStatement> failure_;  // of the last run
