@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "completion.h"
 #include "db/postgres_connection.h"
+#include "mcp_server.h"
 #include "setup.h"
 #include "terminal.h"
 #include "text.h"
@@ -19,6 +20,8 @@ App::App(Options options, std::ostream& out, std::ostream& err)
     : options_(std::move(options)), display_(out, err), service_(findService(options_.service)) {}
 
 int App::run() {
+  // The database alone: no service, no key.
+  if (options_.mode == Mode::Mcp) return serveMcp();
   if (const Status status = setUp(); !status) {
     display_.note(status.message());
     return kConfigurationError;
@@ -31,6 +34,7 @@ int App::run() {
     case Mode::ListModels:
       return listModels();
     case Mode::Converse:
+    case Mode::Mcp:
       break;
   }
   return converse();
@@ -42,7 +46,17 @@ Status App::setUp() {
   Result<std::string> key = readKey(options_, *service_);
   if (!key) return key.status();
   display_.addSecret(*key);
+  Result<std::unique_ptr<Database>> database = openTarget();
+  if (!database) return database.status();
 
+  std::unique_ptr<MemoryStore> memory = openMemory(**database);
+  conversation_ = std::make_unique<Conversation>(options_, *service_, display_);
+  QORSetHTTPSettings(httpSettings(options_, conversation_->requestObserver()));
+  return conversation_->start(
+      Conversation::Parts{std::move(*database), std::move(memory), std::move(*key)});
+}
+
+Result<std::unique_ptr<Database>> App::openTarget() {
   std::string target = options_.database;
   if (target.empty()) {
     target = samplePath();
@@ -59,14 +73,16 @@ Status App::setUp() {
   }
   DatabaseSettings settings;
   settings.statementTimeout = std::chrono::seconds(options_.statementTimeoutSeconds);
-  Result<std::unique_ptr<Database>> database = openDatabase(target, settings);
-  if (!database) return database.status();
+  return openDatabase(target, settings);
+}
 
-  std::unique_ptr<MemoryStore> memory = openMemory(**database);
-  conversation_ = std::make_unique<Conversation>(options_, *service_, display_);
-  QORSetHTTPSettings(httpSettings(options_, conversation_->requestObserver()));
-  return conversation_->start(
-      Conversation::Parts{std::move(*database), std::move(memory), std::move(*key)});
+int App::serveMcp() {
+  Result<std::unique_ptr<Database>> database = openTarget();
+  if (!database) {
+    display_.note(database.status().message());
+    return kConfigurationError;
+  }
+  return mcp::serve(**database, STDIN_FILENO, display_.out(), display_.err());
 }
 
 std::unique_ptr<MemoryStore> App::openMemory(const Database& database) {

@@ -1,7 +1,7 @@
 #pragma once
 // One run of qorchat: sets up in order (the key, the database, the conversation store, HTTP, the
 // conversation), then does what the options ask: a conversation, one question, a dry run or the
-// model list.
+// model list; or, with --mcp, serves the database alone to an MCP client.
 
 #include <iosfwd>
 #include <memory>
@@ -27,6 +27,8 @@ class App {
 
  private:
   Status setUp();
+  // The database --db names (the sample shop by default), under --statement-timeout.
+  Result<std::unique_ptr<Database>> openTarget();
   // The conversation store: a file in the state folder for a conversation, memory otherwise or
   // when the file cannot be had (with a warning).
   std::unique_ptr<MemoryStore> openMemory(const Database& database);
@@ -38,6 +40,8 @@ class App {
   int ask();
   int printRequest();
   int listModels();
+  // Needs the database only: no service, no key, no conversation store.
+  int serveMcp();
 
   Options options_;
   Display display_;

@@ -29,6 +29,7 @@ std::string footer() {
       "  qorchat --ask \"Which customers never ordered?\" --run     (and runs its SQL)\n"
       "  qorchat --db postgresql://me@db.example/shop\n"
       "  qorchat --service anthropic --print-request \"Top 5 products?\"   (sends nothing)\n"
+      "  qorchat --mcp --db app.sqlite            serve read-only tools to an MCP client\n"
       "\nKeys are read from the environment, never from an argument:\n";
   for (const Service& service : allServices()) {
     if (service.keyVariable.empty()) continue;
@@ -51,6 +52,7 @@ struct Extras {
   std::string ask;
   std::string printRequest;
   bool listModels = false;
+  bool mcp = false;
   CLI::Option* askOption = nullptr;
   CLI::Option* printOption = nullptr;
   CLI::Option* runOption = nullptr;
@@ -205,6 +207,10 @@ void addModeOptions(CLI::App& app, Options& options, Extras& extras) {
           ->configurable(false);
   app.add_flag("--list-models", extras.listModels, "List the service's models")
       ->configurable(false);
+  app.add_flag("--mcp", extras.mcp,
+               "Serve the database to an MCP client on standard input and output: read-only "
+               "tools, no model, no key")
+      ->configurable(false);
   extras.runOption =
       app.add_flag("--run", options.runFirstBlock,
                    "With --ask: run the reply's first SQL block read-only and show its rows "
@@ -277,8 +283,11 @@ std::optional<std::string> checkCombination(Options& options, const Extras& extr
   if (!options.host.empty() && !looksLikeHostUrl(options.host))
     return "--host '" + options.host +
            "' is not a URL: write it as http://HOST:PORT or https://HOST";
-  if (extras.askOption->count() + extras.printOption->count() + (extras.listModels ? 1 : 0) > 1)
-    return "--ask, --print-request and --list-models each make a run of its own: give one of them";
+  if (extras.askOption->count() + extras.printOption->count() + (extras.listModels ? 1 : 0) +
+          (extras.mcp ? 1 : 0) >
+      1)
+    return "--ask, --print-request, --list-models and --mcp each make a run of its own: give one "
+           "of them";
   if (extras.runOption->count() > 0 && extras.askOption->count() == 0)
     return "--run goes with --ask; in a conversation, type /run N";
   if (extras.askOption->count() > 0) {
@@ -289,6 +298,8 @@ std::optional<std::string> checkCombination(Options& options, const Extras& extr
     options.question = extras.printRequest;
   } else if (extras.listModels) {
     options.mode = Mode::ListModels;
+  } else if (extras.mcp) {
+    options.mode = Mode::Mcp;
   }
   if ((options.mode == Mode::Ask || options.mode == Mode::PrintRequest) &&
       options.question.find_first_not_of(" \t\r\n") == std::string::npos)

@@ -10,7 +10,8 @@
 namespace qorchat {
 
 // What a run does besides the conversation, which is the default.
-enum class Mode { Converse, Ask, PrintRequest, ListModels };
+// Mcp serves the database's tools to an MCP client on standard input and output, with no model.
+enum class Mode { Converse, Ask, PrintRequest, ListModels, Mcp };
 
 // How rows are printed: aligned like psql's (with a vertical view for rows too wide), or for other
 // programs.

@@ -29,7 +29,8 @@ int finished(int status) {
 int main(int argc, char** argv) {
   qorchat::CommandLine commandLine = qorchat::parseCommandLine(argc, argv, std::cout, std::cerr);
   if (commandLine.exitStatus) return finished(*commandLine.exitStatus);
-  qorchat::installInterruptHandler();
+  // An MCP server ends when its client closes the input, or by a signal's default action.
+  if (commandLine.options.mode != qorchat::Mode::Mcp) qorchat::installInterruptHandler();
   qorchat::App app(std::move(commandLine.options), std::cout, std::cerr);
   return finished(app.run());
 }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 #include <unordered_map>
@@ -40,7 +41,8 @@ constexpr std::string_view kCommentJoin =
     " AND d.classoid = 'pg_catalog.pg_class'::pg_catalog.regclass AND d.objsubid = ";
 
 std::string relationsQuery() {
-  return "SELECT c.oid, n.nspname, c.relname, c.relkind, d.description FROM pg_catalog.pg_class c" +
+  return "SELECT c.oid, n.nspname, c.relname, c.relkind, d.description, "
+         "c.reltuples::pg_catalog.int8 FROM pg_catalog.pg_class c" +
          std::string(kRelationFrom) + std::string(kCommentJoin) + "0 WHERE " +
          std::string(kVisibleSchema) + " AND " + std::string(kVisibleRelation) +
          " ORDER BY n.nspname, c.relname";
@@ -163,6 +165,9 @@ class CatalogReader {
       read.schema = schema->second;
       read.kind = kindOf(*PQgetvalue(rows, row, 3));
       read.relation.comment = textAt(rows, row, 4);
+      // -1: never measured (PostgreSQL 14 on); a view's is 0, and means nothing.
+      const auto estimate = numberAt<std::int64_t>(rows, row, 5);
+      if (read.kind != RelationKind::kView && estimate >= 0) read.relation.rowEstimate = estimate;
     }
   }
 

@@ -4,6 +4,7 @@
 // it; and structureJson is the one place that writes the library's db_structure JSON.
 
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -33,6 +34,9 @@ struct Relation {
   // primary key, not a partial index, not one over an expression.
   std::vector<std::vector<std::string>> uniqueKeys{};
   std::string comment{};  // PostgreSQL's COMMENT ON TABLE or VIEW as stored; empty when none
+  // The rows the database estimates the relation holds (PostgreSQL's reltuples); absent for views
+  // and for tables it has not measured, and on SQLite.
+  std::optional<std::int64_t> rowEstimate{};
 };
 
 // The three kinds of object, in the order the structure text lists them within a schema.
