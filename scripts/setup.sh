@@ -35,6 +35,13 @@ test_packages=(
   clang-14 libclang-rt-14-dev clang-format clang-format-14 clang-tidy-14
 )
 if $tests; then packages+=("${test_packages[@]}"); fi
+# Node and npm run the official MCP client against qorchat --mcp; a node already on the machine is
+# kept.
+if $tests && ! command -v node >/dev/null; then
+  packages+=(nodejs npm)
+elif $tests && ! command -v npm >/dev/null; then
+  packages+=(npm)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

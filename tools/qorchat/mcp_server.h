@@ -3,6 +3,7 @@
 // output), one JSON-RPC message a line, over one database and without any model. Protocol
 // messages only go to out; diagnostics go to err, one line each.
 
+#include <cstddef>
 #include <iosfwd>
 
 #include "db/database.h"
@@ -10,7 +11,7 @@
 namespace qorchat::mcp {
 
 // The longest line read; a longer one is answered with an error and skipped unread.
-inline constexpr std::size_t kMaxMessageBytes = 1024 * 1024;
+inline constexpr std::size_t kMaxMessageBytes = std::size_t{1024} * 1024;
 
 // Serves until the input ends (in the middle of a message too), then lets the running and
 // waiting tool calls finish, and returns the exit status: 0, or 1 when the database cannot be

@@ -17,7 +17,7 @@ constexpr std::array<std::string_view, 5> kToolNames = {"list_tables", "describe
                                                         "query", "explain"};
 // What one result may hold: values cut as they are read, rows left out past the total.
 constexpr std::size_t kMaxValueBytes = 16384;
-constexpr std::size_t kMaxResultBytes = 256 * 1024;
+constexpr std::size_t kMaxResultBytes = std::size_t{256} * 1024;
 // The share of the budget the names of the tables left out may take, as in a conversation.
 constexpr std::size_t kTableNamesShare = 10;
 

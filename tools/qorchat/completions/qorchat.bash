@@ -33,7 +33,7 @@ _qorchat() {
     mapfile -t COMPREPLY < <(compgen -W '--help --version --config --db --statement-timeout
       --schema-budget --notes --conversation --no-history --service --host --model --temperature
       --max-tokens --timeout --proxy --ca-file --api-key-file --format --max-rows --null
-      --no-pager --timing --no-color --no-stream --share-results --max-steps --ask --print-request --list-models --run' -- "$cur")
+      --no-pager --timing --no-color --no-stream --share-results --max-steps --ask --print-request --list-models --run --mcp' -- "$cur")
   fi
 }
 complete -F _qorchat qorchat
