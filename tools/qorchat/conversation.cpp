@@ -386,12 +386,17 @@ Result<std::string> Conversation::exchange(const std::string& turn) {
   const std::uint64_t before = pool_->exchangesEnded();
   bool interrupted = false;
   bool timedOut = false;
+  // The first text shown stops the spinner; text first shown once the watch has ended (a reply
+  // held back until it is whole) finds the spinner gone with it.
+  ExchangeWatch* spinner = nullptr;
   {
     ExchangeWatch watch(pool_, spinnerWanted(), {}, "waiting for the model", questionDeadline());
     const AttemptLabel label(attempts_, watch);
     if (streaming != nullptr) {
-      stream.emplace(display_.out(), display_, key_, replyLayout(),
-                     [&watch] { watch.stopSpinner(); });
+      spinner = &watch;
+      stream.emplace(display_.out(), display_, key_, replyLayout(), [&spinner] {
+        if (spinner != nullptr) spinner->stopSpinner();
+      });
       result = streaming->addMessageStreaming(
           turn, [&stream](std::string_view fragment) { stream->add(fragment); });
     } else {
@@ -399,6 +404,7 @@ Result<std::string> Conversation::exchange(const std::string& turn) {
     }
     interrupted = watch.interrupted();
     timedOut = watch.timedOut();
+    spinner = nullptr;
   }
   const std::unique_ptr<IQORMessage, FreeObject> reply(result.first);
   reportWriteFailure();

@@ -6,6 +6,7 @@
 #include <array>
 #include <optional>
 
+#include "sql_blocks.h"
 #include "text.h"
 
 namespace qorchat {
@@ -18,33 +19,6 @@ constexpr std::string_view kValuePlaceholder = "<value>";
 constexpr std::size_t kClosingBytes = 200;
 // An error text is cut at this many value lengths: a database's message is a sentence or two.
 constexpr std::size_t kErrorValues = 4;
-
-std::size_t indentation(std::string_view line) {
-  std::size_t count = 0;
-  while (count < line.size() && (line[count] == ' ' || line[count] == '\t'))
-    ++count;
-  return count;
-}
-
-struct Fence {
-  char mark;
-  std::size_t length;
-  std::size_t indent;
-  std::string_view info;
-};
-
-// The fence opening or closing a block on this line, read as sql_blocks.cpp reads it.
-std::optional<Fence> fenceOf(std::string_view line) {
-  const std::size_t indent = indentation(line);
-  line.remove_prefix(indent);
-  if (line.empty() || (line.front() != '`' && line.front() != '~')) return std::nullopt;
-  const char mark = line.front();
-  const std::size_t length = std::min(line.find_first_not_of(mark), line.size());
-  if (length < 3) return std::nullopt;
-  const std::string_view info = text::trimmed(line.substr(length));
-  if (mark == '`' && info.find('`') != std::string_view::npos) return std::nullopt;
-  return Fence{mark, length, indent, info};
-}
 
 bool isLabel(std::string_view info, std::string_view label) {
   const std::string_view word = info.substr(0, std::min(info.size(), info.find_first_of(" \t{")));
@@ -59,7 +33,7 @@ struct RunBlock {
 
 std::vector<RunBlock> labelledBlocks(std::string_view reply, std::string_view label) {
   std::vector<RunBlock> found;
-  std::optional<Fence> open;
+  std::optional<CodeFence> open;
   std::optional<std::size_t> labelAt;  // set while the open block is a sql-run one
   std::string block;
   const auto finish = [&] {
@@ -75,7 +49,7 @@ std::vector<RunBlock> labelledBlocks(std::string_view reply, std::string_view la
     const std::size_t lineAt = start;
     start = end + 1;
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    const std::optional<Fence> fence = fenceOf(line);
+    const std::optional<CodeFence> fence = codeFenceOf(line);
     if (!open) {
       open = fence;
       labelAt.reset();

@@ -13,34 +13,6 @@ namespace {
 constexpr std::array<std::string_view, 6> kSqlLanguages = {"sql",      "sqlite",     "sqlite3",
                                                            "postgres", "postgresql", "pgsql"};
 
-std::size_t indentation(std::string_view line) {
-  std::size_t count = 0;
-  while (count < line.size() && (line[count] == ' ' || line[count] == '\t'))
-    ++count;
-  return count;
-}
-
-struct Fence {
-  char mark;
-  std::size_t length;
-  std::size_t indent;
-  std::string_view info;
-};
-
-// The fence that opens or closes a block on this line, if any.
-std::optional<Fence> fenceOf(std::string_view line) {
-  const std::size_t indent = indentation(line);
-  line.remove_prefix(indent);
-  if (line.empty() || (line.front() != '`' && line.front() != '~')) return std::nullopt;
-  const char mark = line.front();
-  const std::size_t length = std::min(line.find_first_not_of(mark), line.size());
-  if (length < 3) return std::nullopt;
-  const std::string_view info = text::trimmed(line.substr(length));
-  // A backtick in the rest makes the line inline code, such as ```SELECT 1```.
-  if (mark == '`' && info.find('`') != std::string_view::npos) return std::nullopt;
-  return Fence{mark, length, indent, info};
-}
-
 bool isSqlLabel(std::string_view info) {
   const std::string_view word = info.substr(0, std::min(info.size(), info.find_first_of(" \t{")));
   if (word.empty()) return true;
@@ -51,15 +23,35 @@ bool isSqlLabel(std::string_view info) {
   return std::find(kSqlLanguages.begin(), kSqlLanguages.end(), lower) != kSqlLanguages.end();
 }
 
-bool closes(const Fence& open, std::string_view line) {
-  const std::optional<Fence> fence = fenceOf(line);
+bool closes(const CodeFence& open, std::string_view line) {
+  const std::optional<CodeFence> fence = codeFenceOf(line);
   return fence && fence->mark == open.mark && fence->length >= open.length && fence->info.empty();
 }
 
 }  // namespace
 
+std::size_t indentation(std::string_view line) {
+  std::size_t count = 0;
+  while (count < line.size() && (line[count] == ' ' || line[count] == '\t'))
+    ++count;
+  return count;
+}
+
+std::optional<CodeFence> codeFenceOf(std::string_view line) {
+  const std::size_t indent = indentation(line);
+  line.remove_prefix(indent);
+  if (line.empty() || (line.front() != '`' && line.front() != '~')) return std::nullopt;
+  const char mark = line.front();
+  const std::size_t length = std::min(line.find_first_not_of(mark), line.size());
+  if (length < 3) return std::nullopt;
+  const std::string_view info = text::trimmed(line.substr(length));
+  // A backtick in the rest makes the line inline code, such as ```SELECT 1```.
+  if (mark == '`' && info.find('`') != std::string_view::npos) return std::nullopt;
+  return CodeFence{mark, length, indent, info};
+}
+
 SqlBlocks::SqlBlocks(std::string_view reply) {
-  std::optional<Fence> open;
+  std::optional<CodeFence> open;
   bool wanted = false;
   std::string block;
   const auto finish = [&] {
@@ -79,7 +71,7 @@ SqlBlocks::SqlBlocks(std::string_view reply) {
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
 
     if (!open) {
-      open = fenceOf(line);
+      open = codeFenceOf(line);
       if (open) wanted = isSqlLabel(open->info);
       continue;
     }

@@ -9,11 +9,24 @@
 // block the reply leaves open runs to the reply's end.
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace qorchat {
+
+// A line that opens or closes a fenced block: ``` or ~~~ (three or more), its indentation, and
+// the info text after it (the label). A backtick in the info makes the line inline code instead.
+struct CodeFence {
+  char mark;
+  std::size_t length;
+  std::size_t indent;
+  std::string_view info;
+};
+std::optional<CodeFence> codeFenceOf(std::string_view line);
+// The spaces and tabs that start the line.
+std::size_t indentation(std::string_view line);
 
 class SqlBlocks {
  public:
