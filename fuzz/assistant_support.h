@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -60,6 +61,20 @@ inline std::vector<std::unique_ptr<Service>>& services() {
     }
   }
   return all;
+}
+
+// Set up once by a target: the library's debug assertions ignored (the target feeds it anything),
+// every request answered by a stand-in with the status and body the target set for the input
+// being run (read as the request goes out), at most 1 MiB, and the assistants made.
+inline void answerEveryRequestWith(const long& status, const std::string& body) {
+  ylSetAssertionHandler([](const char*, const char*) {});
+  YLRestGlobalSettings settings;
+  settings.maxResponseBytes = std::size_t{1} << 20;
+  settings.requestHook = [&status, &body](const YLPreparedRequest&) {
+    return std::optional<YLStandInReply>(YLStandInReply{status, {}, body});
+  };
+  QORSetHTTPSettings(settings);
+  (void)services();
 }
 
 inline bool sameHistory(const std::vector<QORHistoryEntry>& a,

@@ -36,19 +36,10 @@ constexpr long kStatuses[] = {200, 400, 401, 404, 429, 500, 503, 302};
 long replyStatus = 200;
 std::string replyBody;
 
-void ignoreAssertion(const char*, const char*) {}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  ylSetAssertionHandler(&ignoreAssertion);
-  YLRestGlobalSettings settings;
-  settings.maxResponseBytes = std::size_t{1} << 20;
-  settings.requestHook = [](const YLPreparedRequest&) -> std::optional<YLStandInReply> {
-    return YLStandInReply{replyStatus, {}, replyBody};
-  };
-  QORSetHTTPSettings(settings);
-  (void)services();
+  qorfuzz::answerEveryRequestWith(replyStatus, replyBody);
   return 0;
 }
 

@@ -38,10 +38,9 @@ using QORExchange::StreamRules;
 using qorfuzz::check;
 using qorfuzz::kServiceCount;
 
-// The body the hook gives for the request in flight.
+// The reply the hook gives for the request in flight: a stream, always with success.
+const long kReplyStatus = 200;
 std::string replyBody;
-
-void ignoreAssertion(const char*, const char*) {}
 
 // The pieces of the body for the cut picked by k: whole (0), a byte each (1), or pieces of 1 to
 // 2k bytes drawn from a generator seeded with k.
@@ -168,14 +167,7 @@ void checkWholePath(qorfuzz::Service& service) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  ylSetAssertionHandler(&ignoreAssertion);
-  YLRestGlobalSettings settings;
-  settings.maxResponseBytes = std::size_t{1} << 20;
-  settings.requestHook = [](const YLPreparedRequest&) -> std::optional<YLStandInReply> {
-    return YLStandInReply{200, {}, replyBody};
-  };
-  QORSetHTTPSettings(settings);
-  (void)qorfuzz::services();
+  qorfuzz::answerEveryRequestWith(kReplyStatus, replyBody);
   return 0;
 }
 
