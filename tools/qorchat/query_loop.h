@@ -24,6 +24,8 @@ struct ResultCaps {
   std::size_t bytes = std::size_t{8} * 1024;
   std::size_t valueCharacters = 200;
 };
+// The caps qorchat sends results under.
+inline constexpr ResultCaps kResultCaps{};
 
 // The instruction that offers the model queries: ```sql-run blocks run by qorchat, the results
 // as the next turn within the caps, the final answer in words with its SQL in ```sql blocks.
