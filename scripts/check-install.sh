@@ -33,7 +33,7 @@ exported=$(nm -D --defined-only "$prefix/lib/libqor.so" | awk '{print $3}' | gre
 echo "$exported"
 count=$(printf '%s\n' "$exported" | grep -c .)
 [ "$count" -eq 6 ] || fail "libqor.so exports $count symbols, expected 6"
-ldd "$prefix/lib/libyl.so" | grep -q libcurl || fail "libyl.so does not link libcurl"
+ldd "$prefix/lib/libyl.so" | grep libcurl >/dev/null || fail "libyl.so does not link libcurl"
 
 # libcurl is libyl.so's own business: the package asks hosts for nothing but C++17.
 ! grep -rq 'CURL::\|find_dependency(' "$prefix/lib/cmake/qor/" || fail "the CMake package needs libcurl"
@@ -141,12 +141,12 @@ for host in "$work/host/build/chat" "$work/host/chat-pkgconfig"; do
   grep -qx "SELECT MAX(total) FROM orders; -- answer to request $run from libqor/$version" <<<"$out" ||
     fail "$host did not get the stand-in's answer after one retry"
 done
-"$work/host/chat-pkgconfig" --help | grep -q '^usage: ' || fail "the example has no usage line"
+"$work/host/chat-pkgconfig" --help | grep '^usage: ' >/dev/null || fail "the example has no usage line"
 
 # qorchat runs from the prefix with its sample, finding the libraries beside it.
 "$prefix/bin/qorchat" --version
 "$prefix/bin/qorchat" --print-request "Which customers never ordered?" 2>/dev/null |
-  grep -q 'CREATE TABLE `order_items`' || fail "installed qorchat cannot read its sample"
+  grep 'CREATE TABLE `order_items`' >/dev/null || fail "installed qorchat cannot read its sample"
 
 # qorchat's manual page and shell completions land where man, bash-completion and zsh look.
 [ -f "$prefix/share/man/man1/qorchat.1" ] || fail "the manual page is not installed"

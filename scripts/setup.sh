@@ -45,7 +45,7 @@ fi
 
 missing=()
 for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep 'install ok installed' >/dev/null || missing+=("$p")
 done
 
 if ((${#missing[@]})); then
@@ -55,7 +55,7 @@ if ((${#missing[@]})); then
 fi
 
 # A comma-decimal locale, so that the tests can show numbers are written the same under it.
-if $tests && ! locale -a 2>/dev/null | grep -qi '^de_DE\.utf-\?8$'; then
+if $tests && ! locale -a 2>/dev/null | grep -i '^de_DE\.utf-\?8$' >/dev/null; then
   sed -i 's/^# *de_DE.UTF-8 UTF-8/de_DE.UTF-8 UTF-8/' /etc/locale.gen
   grep -q '^de_DE.UTF-8 UTF-8' /etc/locale.gen || echo 'de_DE.UTF-8 UTF-8' >>/etc/locale.gen
   locale-gen >/dev/null
