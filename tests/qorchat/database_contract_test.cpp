@@ -33,6 +33,7 @@ struct SqliteEngine {
   static constexpr const char* kRows =
       "WITH RECURSIVE c(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM c) SELECT x FROM c";
   static constexpr bool kGoesOnAfterATimeLimit = false;
+  static constexpr const char* kCommentOn = nullptr;
   SqliteEngine() { qortest::sqlite(path, ""); }
   std::string catalog() const { return "main"; }
   std::string target() const { return path.string(); }
@@ -52,6 +53,7 @@ struct PostgresEngine {
   static constexpr const char* kRows =
       "SELECT a FROM generate_series(1, 100000) a, generate_series(1, 100000) b";
   static constexpr bool kGoesOnAfterATimeLimit = true;
+  static constexpr const char* kCommentOn = "COMMENT ON COLUMN kept.id IS 'the truth'";
   std::string catalog() const { return database; }
   // A superuser runs nothing: the role is one fit for qorchat.
   std::string target() { return cluster.readerConninfo(database); }
@@ -106,6 +108,32 @@ TYPED_TEST(DatabaseContract, DescribesTablesViewsAndKeysInOrder) {
   EXPECT_EQ(qorchat::uniqueKeysInstruction(*database->describe()),
             "Unique keys: " + qualifier + "pets(code); " + qualifier + "pets(oa, ob, id).");
   EXPECT_EQ(database->engineDescription(), this->engine_.engine());
+}
+
+// Made by another connection, as a migration would be, while qorchat keeps its own open.
+TYPED_TEST(DatabaseContract, TheStructureStampMovesWithTheStructureAlone) {
+  const auto database = this->open("CREATE TABLE kept (id integer); INSERT INTO kept VALUES (1);");
+  const auto stamp = [&database] {
+    auto read = database->structureStamp();
+    if (!read) throw std::runtime_error(read.status().message());
+    return std::move(*read);
+  };
+  std::string last = stamp();
+  for (const char* unchanged : {"INSERT INTO kept VALUES (2)", "UPDATE kept SET id = id + 1"}) {
+    this->engine_.scalar(unchanged);
+    EXPECT_EQ(stamp(), last) << unchanged;
+  }
+  std::vector<const char*> changes = {
+      "CREATE TABLE added (x integer)",           "ALTER TABLE kept ADD COLUMN y integer",
+      "CREATE VIEW seen AS SELECT id FROM kept",  "DROP VIEW seen",
+      "CREATE UNIQUE INDEX kept_id ON kept (id)", "DROP TABLE added"};
+  if (TypeParam::kCommentOn != nullptr) changes.push_back(TypeParam::kCommentOn);
+  for (const char* change : changes) {
+    this->engine_.scalar(change);
+    const std::string now = stamp();
+    EXPECT_NE(now, last) << change;
+    last = now;
+  }
 }
 
 TYPED_TEST(DatabaseContract, RunsStatementsInOrderUntilOneFails) {

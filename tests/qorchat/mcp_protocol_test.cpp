@@ -3,7 +3,10 @@
 // protocol lines; the end of the input, even in the middle of a line, ends the run with status 0.
 #include <sstream>
 
+#include "db/sqlite.h"
 #include "helpers.h"
+#include "mcp_protocol.h"
+#include "mcp_tools.h"
 
 namespace {
 
@@ -114,6 +117,24 @@ TEST(McpProtocolTest, NeedsNoKeyAndTellsAHalfMessageOnStandardError) {
   EXPECT_TRUE(has(outcome.out,
                   R"("id":2,"result":{"content":[{"type":"text","text":"customers (table)\n)"));
   EXPECT_TRUE(has(outcome.err, "the input ended in the middle of a message")) << outcome.err;
+}
+
+// A server runs for days: a table made after it started is listed and described.
+TEST(McpProtocolTest, ToolsReadTheStructureAgainWhenItChanged) {
+  const qortest::TempDir dir;
+  const std::string path = (dir.path / "live.db").string();
+  qortest::sqlite(path, "CREATE TABLE kept (id integer);");
+  const auto database = qortest::opened(qorchat::SqliteDatabase::open(path));
+  qorchat::mcp::Tools tools(*database, *database->describe(), *database->structureStamp());
+  const auto called = [&tools](const char* name, const char* arguments) {
+    const YLJson parsed(arguments);
+    return qorchat::mcp::resultReply(
+        nullptr, [&](YLJsonValue& result) { tools.call(name, &parsed, result); });
+  };
+  EXPECT_TRUE(has(called("list_tables", "{}"), R"("text":"kept (table)\n")"));
+  qortest::sqlite(path, "CREATE TABLE added (x integer);");
+  EXPECT_TRUE(has(called("list_tables", "{}"), R"(kept (table)\nadded (table)\n)"));
+  EXPECT_TRUE(has(called("describe", R"({"names":["added"]})"), "CREATE TABLE `added`"));
 }
 
 }  // namespace

@@ -88,6 +88,14 @@ TEST_F(SqliteDatabaseTest, DescribesWhatSqliteAlone) {
                                     false, false, false, false, false, true};
   EXPECT_EQ(qorchat::uniqueKeysInstruction(*structure, &onlyStock),
             "Unique keys: \"dé`pôt\".stock(\"Bin\").");
+  // ANALYZE's counts are the estimates of the tables it saw; the attached database has none.
+  const auto& tables = structure->catalogs[0].schemas[0].relations[0];
+  std::vector<std::optional<std::int64_t>> estimates;
+  for (const auto& table : tables)
+    estimates.push_back(table.rowEstimate);
+  EXPECT_EQ(estimates[1], 1);
+  EXPECT_EQ(estimates[0], std::nullopt);
+  EXPECT_EQ(structure->catalogs[1].schemas[0].relations[0][0].rowEstimate, std::nullopt);
   EXPECT_EQ(qortest::describedLines(*opened(SqliteDatabase::open(make("empty.db", "")))),
             Lines{"USE CATALOG `main`"});
 }

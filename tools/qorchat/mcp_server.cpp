@@ -286,12 +286,14 @@ void Session::work() {
 }  // namespace
 
 int serve(Database& database, int input, std::ostream& out, std::ostream& err) {
+  // Without a stamp, the first call that reads the structure reads it again.
+  Result<std::string> stamp = database.structureStamp();
   Result<Structure> structure = database.describe();
   if (!structure) {
     err << "qorchat: " << terminalSafe(structure.status().message()) << "\n";
     return 1;
   }
-  Tools tools(database, std::move(*structure));
+  Tools tools(database, std::move(*structure), stamp ? std::move(*stamp) : std::string());
   const std::string engine = database.engineDescription();
   const std::string instructions =
       "Read-only access to the " + engine + " database " + database.displayName() +

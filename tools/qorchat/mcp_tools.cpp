@@ -1,4 +1,4 @@
-// The MCP tools: catalog listings and CREATE texts from the structure read at the start, the
+// The MCP tools: catalog listings and CREATE texts from the structure as it was last read, the
 // structure within a budget as qorchat's scope chooses it, and statements through the read-only
 // runner with results capped in rows and bytes.
 #include "mcp_tools.h"
@@ -77,8 +77,22 @@ void writeStructured(const StatementResult& shown, YLJsonValue& result) {
 
 }  // namespace
 
-Tools::Tools(Database& database, Structure structure)
-    : database_(database), structure_(std::move(structure)), places_(relationPlaces(structure_)) {}
+Tools::Tools(Database& database, Structure structure, std::string stamp)
+    : database_(database),
+      structure_(std::move(structure)),
+      stamp_(std::move(stamp)),
+      places_(relationPlaces(structure_)) {}
+
+void Tools::refreshStructure() {
+  Result<std::string> stamp = database_.structureStamp();
+  if (!stamp || *stamp == stamp_) return;
+  Result<Structure> structure = database_.describe();
+  if (!structure) return;
+  structure_ = std::move(*structure);
+  stamp_ = std::move(*stamp);
+  places_ = relationPlaces(structure_);
+  scope_.reset();
+}
 
 bool Tools::has(std::string_view name) {
   return std::find(kToolNames.begin(), kToolNames.end(), name) != kToolNames.end();
@@ -89,16 +103,18 @@ void Tools::call(std::string_view name, const YLJsonValue* arguments, YLJsonValu
     std::string_view name;
     std::initializer_list<std::string_view> arguments;
     void (Tools::*run)(Arguments&, YLJsonValue&);
+    bool readsStructure;
   };
   static const Tool kTools[] = {
-      {"list_tables", {"schema"}, &Tools::listTables},
-      {"describe", {"names"}, &Tools::describe},
-      {"schema", {"question", "budget"}, &Tools::schema},
-      {"query", {"sql", "max_rows"}, &Tools::query},
-      {"explain", {"sql"}, &Tools::explain},
+      {"list_tables", {"schema"}, &Tools::listTables, true},
+      {"describe", {"names"}, &Tools::describe, true},
+      {"schema", {"question", "budget"}, &Tools::schema, true},
+      {"query", {"sql", "max_rows"}, &Tools::query, false},
+      {"explain", {"sql"}, &Tools::explain, false},
   };
   for (const Tool& tool : kTools) {
     if (tool.name != name) continue;
+    if (tool.readsStructure) refreshStructure();
     Arguments read(arguments, tool.arguments);
     (this->*tool.run)(read, result);
     // A bad argument is told to the model as the tool's failure, so that it can call again.

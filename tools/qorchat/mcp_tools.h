@@ -1,8 +1,8 @@
 #pragma once
 // The five tools of qorchat's MCP server over one database: list_tables, describe, schema, query
-// and explain. Each reads only: the structure was read once at the start, and statements go
-// through the database's read-only runner. A tool's failure is its result, marked isError, with a
-// one-line text.
+// and explain. Each reads only: the structure is read again when the database says it changed,
+// and statements go through the database's read-only runner. A tool's failure is its result, marked
+// isError, with a one-line text.
 
 #include <cstddef>
 #include <memory>
@@ -17,8 +17,8 @@ namespace qorchat::mcp {
 
 class Tools {
  public:
-  // The database must outlive the tools.
-  Tools(Database& database, Structure structure);
+  // The database must outlive the tools. The stamp is the database's, read before the structure.
+  Tools(Database& database, Structure structure, std::string stamp);
 
   static bool has(std::string_view name);
   // Writes the CallToolResult of the named tool (has(name) must hold) into result, an empty
@@ -28,6 +28,9 @@ class Tools {
   void interrupt() { database_.interrupt(); }
 
  private:
+  // Reads the structure again when its stamp changed: a server outlives migrations. When either
+  // read fails, the structure read last stays.
+  void refreshStructure();
   void listTables(Arguments& arguments, YLJsonValue& result);
   void describe(Arguments& arguments, YLJsonValue& result);
   void schema(Arguments& arguments, YLJsonValue& result);
@@ -41,6 +44,7 @@ class Tools {
 
   Database& database_;
   Structure structure_;
+  std::string stamp_;
   std::vector<RelationPlace> places_;
   // The scope of the last budget asked for: indexing a large structure is not done per call.
   std::unique_ptr<SchemaScope> scope_;

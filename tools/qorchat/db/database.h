@@ -43,6 +43,11 @@ class Database {
   virtual ~Database() = default;
 
   virtual Result<Structure> describe() = 0;
+  // A text that changes whenever what describe() reads does (a table made, altered or dropped, a
+  // comment, a grant) and that is cheap to read, so that a long-lived caller knows when to
+  // describe again; compared, never shown. A stamp that changes without a change in the
+  // structure costs one describe() too many.
+  virtual Result<std::string> structureStamp() = 0;
   // Stays the same for the same database across runs; the conversation is stored under it.
   virtual std::string identity() const = 0;
   // A short name for people, such as the file name.

@@ -168,6 +168,33 @@ Result<Structure> PostgresDatabase::describe() {
   });
 }
 
+Result<std::string> PostgresDatabase::structureStamp() {
+  static const std::string kStampQuery = [] {
+    std::string sql = "SELECT concat_ws(' '";
+    for (const char* catalog : {"pg_namespace", "pg_class", "pg_attribute", "pg_constraint",
+                                "pg_index", "pg_description", "pg_type", "pg_auth_members"}) {
+      sql += std::string(
+                 ", (SELECT count(*) || ':' || coalesce(sum(xmin::text::bigint), 0) FROM "
+                 "pg_catalog.") +
+             catalog + ")";
+    }
+    return sql + ")";
+  }();
+  PGconn* connection = connection_.get();
+  const RollbackGuard guard(connection);
+  const PgResult begun =
+      begin(connection, "BEGIN READ ONLY; SET LOCAL statement_timeout = " + timeoutMs(settings_),
+            PGRES_COMMAND_OK);
+  const PgResult stamp = PQresultStatus(begun.get()) == PGRES_COMMAND_OK
+                             ? PgResult(PQexec(connection, kStampQuery.c_str()))
+                             : PgResult(nullptr);
+  if (PQresultStatus(stamp.get()) != PGRES_TUPLES_OK || PQntuples(stamp.get()) != 1) {
+    return Status::database("cannot read the structure of " + identity_ + ": " +
+                            failureText(stamp ? stamp.get() : begun.get()));
+  }
+  return postgres::textAt(stamp.get(), 0, 0);
+}
+
 Result<std::vector<StatementResult>> PostgresDatabase::runReadOnly(const std::string& sql,
                                                                    const RunLimits& limits) {
   const std::vector<postgres::Statement> statements = postgres::classifyStatements(sql);

@@ -29,6 +29,10 @@ class PostgresDatabase final : public Database {
   PostgresDatabase& operator=(const PostgresDatabase&) = delete;
 
   Result<Structure> describe() override;
+  // The count of rows and the sum of their creating transactions in each catalog the structure is
+  // read from: every change of the structure writes a row there, and a read-only role may read
+  // them all.
+  Result<std::string> structureStamp() override;
   // user@host:port/dbname of the live connection.
   std::string identity() const override;
   std::string displayName() const override;

@@ -126,6 +126,7 @@ Result<std::unique_ptr<SqliteDatabase>> SqliteDatabase::open(const std::string& 
 }
 
 Status SqliteDatabase::connect() {
+  ++connections_;
   std::string name = target_;
   if (!isUri(target_)) {
     Result<sqlite::OpenChoice> chosen = sqlite::chooseOpen(target_);
@@ -193,6 +194,13 @@ Result<Structure> SqliteDatabase::describe() {
                             structure.status().message());
   }
   return structure;
+}
+
+Result<std::string> SqliteDatabase::structureStamp() {
+  if (Status fresh = reconnectIfChanged(); !fresh) return fresh;
+  Result<std::string> versions = sqlite::readStructureStamp(db_);
+  if (!versions) return versions.status();
+  return std::to_string(connections_) + ": " + *versions;
 }
 
 std::string SqliteDatabase::identity() const {

@@ -33,6 +33,9 @@ class SqliteDatabase final : public Database {
   SqliteDatabase& operator=(const SqliteDatabase&) = delete;
 
   Result<Structure> describe() override;
+  // The schema versions, after the connections opened so far: a file opened again after a writer
+  // came may be another one.
+  Result<std::string> structureStamp() override;
   // The file's real path, or the URI as given.
   std::string identity() const override;
   std::string displayName() const override;
@@ -66,6 +69,7 @@ class SqliteDatabase final : public Database {
   std::mutex handleMutex_;   // interrupt() may come while the file is opened again
   sqlite::StopSignal stop_;  // the running statement's time limit and Ctrl-C
   std::string target_;
+  std::size_t connections_ = 0;
   std::optional<sqlite::FileMark> immutableMark_;  // when opened immutable, the file as it was
   std::string realPath_;
   std::string identity_;

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -251,6 +252,21 @@ std::string objectsQuery(const std::string& database) {
          quoted(database, '\'') + " AND type = 'shadow') ORDER BY rowid";
 }
 
+// Gives the tables the row counts ANALYZE kept in sqlite_stat1, the first number of each row's
+// stat. A database never analysed has no such table: its tables keep no estimate.
+void readRowEstimates(sqlite3* db, const std::string& database, Schema& schema) {
+  Query stats(db, "SELECT tbl, max(CAST(stat AS INTEGER)) FROM " + quoted(database, '"') +
+                      ".sqlite_stat1 GROUP BY tbl");
+  if (!stats.prepared()) return;
+  std::unordered_map<std::string, Relation*> tables;
+  for (Relation& table : schema.relations[static_cast<std::size_t>(RelationKind::kTable)])
+    tables.emplace(table.name, &table);
+  for (std::optional<bool> row = stats.step(); row && *row; row = stats.step()) {
+    const auto found = tables.find(stats.text(0));
+    if (found != tables.end() && !stats.isNull(1)) found->second->rowEstimate = stats.integer(1);
+  }
+}
+
 // Fills the one schema of a database's catalog; the failure is SQLite's text.
 Status readCatalog(sqlite3* db, ObjectReader& reader, Catalog& catalog) {
   Schema& schema = catalog.schemas.emplace_back();
@@ -277,6 +293,7 @@ Status readCatalog(sqlite3* db, ObjectReader& reader, Catalog& catalog) {
     schema.relations[static_cast<std::size_t>(RelationKind::kTable)].push_back(std::move(relation));
   }
   if (!row) return Status::database(list.error());
+  readRowEstimates(db, catalog.name, schema);
   return Status::ok();
 }
 
@@ -300,6 +317,20 @@ Result<Structure> readStructure(sqlite3* db) {
     if (!read) return read;
   }
   return structure;
+}
+
+Result<std::string> readStructureStamp(sqlite3* db) {
+  std::string stamp;
+  Query list(db, "SELECT name FROM pragma_database_list WHERE name <> 'temp' ORDER BY seq");
+  std::optional<bool> row = list.prepared() ? list.step() : std::nullopt;
+  for (; row && *row; row = list.step()) {
+    Query version(db, "PRAGMA " + quoted(list.text(0), '"') + ".schema_version");
+    if (!version.prepared() || version.step() != std::optional<bool>(true))
+      return Status::database(version.error());
+    stamp += std::to_string(version.integer(0)) + " ";
+  }
+  if (!row) return Status::database(list.error());
+  return stamp;
 }
 
 }  // namespace qorchat::sqlite

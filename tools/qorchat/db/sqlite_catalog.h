@@ -15,5 +15,8 @@ namespace qorchat::sqlite {
 // primary key. A column declared without a type has the type ANY. The failure is SQLite's own
 // text.
 Result<Structure> readStructure(sqlite3* db);
+// The schema version of each database of the connection, which SQLite raises with every change
+// of its schema.
+Result<std::string> readStructureStamp(sqlite3* db);
 
 }  // namespace qorchat::sqlite
