@@ -304,6 +304,27 @@ TEST_F(QorchatProgram, NotesGoWithEveryQuestion) {
               !has(server_.lastRequest().body, "cents"));
 }
 
+// A table made in another window while qorchat runs reaches /describe and the next question.
+TEST_F(QorchatProgram, TheStructureIsReadAgainWhenTheDatabaseChanged) {
+  reply("first answer");
+  const std::string db = (state_.path / "live.db").string();
+  sqlite(db, "CREATE TABLE kept (id integer);");
+  Program program(ollama({"--db", db}), env());
+  program.write("First\n");
+  ASSERT_TRUE(program.waitForOutput("first answer"));
+  EXPECT_FALSE(has(server_.lastRequest().body, "refunds"));
+  sqlite(db, "CREATE TABLE refunds (amount integer);");
+  reply("second answer");
+  program.write("/describe refunds\nSecond\n");
+  ASSERT_TRUE(program.waitForOutput("second answer"));
+  EXPECT_TRUE(has(program.out(), "CREATE TABLE `refunds`"));
+  EXPECT_TRUE(has(server_.lastRequest().body, "refunds"));
+  EXPECT_EQ(program.finish(), 0);
+  const std::string told = "the structure of live.db changed; the model gets it as it is now";
+  EXPECT_EQ(program.err().find(told), program.err().rfind(told)) << program.err();
+  EXPECT_TRUE(has(program.err(), told)) << program.err();
+}
+
 // Ctrl-C while the service is slow abandons the exchange, which the conversation forgets; at the
 // prompt it ends the program, whose input is still open.
 TEST_F(QorchatProgram, CtrlCAbandonsTheExchangeOrEndsTheProgram) {

@@ -143,6 +143,8 @@ Status Conversation::start(Parts parts) {
   }
   pool_ = pool;
   key_ = std::move(parts.key);
+  // Without a stamp, the first question reads the structure again.
+  if (Result<std::string> stamp = database_->structureStamp()) structureStamp_ = std::move(*stamp);
   Result<Structure> structure = database_->describe();
   if (!structure) return structure.status();
   structure_ = std::move(*structure);
@@ -270,6 +272,28 @@ std::string Conversation::databaseName() const {
   return terminalSafe(database_->displayName());
 }
 
+void Conversation::refreshStructure() {
+  Result<std::string> stamp = database_->structureStamp();
+  if (!stamp || *stamp == structureStamp_) return;
+  Result<Structure> structure = database_->describe();
+  if (!structure) return;
+  structureStamp_ = std::move(*stamp);
+  structure_ = std::move(*structure);
+  scope_ = std::make_unique<SchemaScope>(structure_, structureBudget());
+  appliedChoice_.clear();
+  scopeInstruction_.clear();
+  tableNamesInstruction_.clear();
+  display_.note("the structure of " + databaseName() + " changed; the model gets it as it is now");
+  if (scope_->fitsWhole()) {
+    assistant_->updateProperties([&](IQORProperties* properties) {
+      properties->setValue("db_structure", YLVariant(structureJson(structure_)));
+      properties->setValue("system_instructions", YLVariant(systemInstructions(nullptr)));
+    });
+    return;
+  }
+  applyScope(question_);
+}
+
 void Conversation::applyScope(const std::string& question) {
   if (scope_->fitsWhole()) return;
   std::vector<std::string_view> texts{question};
@@ -337,6 +361,7 @@ Status Conversation::ask(const std::string& typed, bool listBlocks) {
   const std::string question = text::validUtf8(typed);
   question_ = question;
   forced_.clear();
+  refreshStructure();
   applyScope(question);
   Result<std::string> reply = exchange(question);
   if (!reply) return reply.status();
@@ -770,11 +795,13 @@ Status Conversation::setTemperature(double wanted) {
 }
 
 std::string Conversation::schemaText() {
+  refreshStructure();
   const std::unique_ptr<IQORProperties, FreeObject> properties(assistant_->obtainProperties());
   return treeText(properties->obtainValue("db_structure"));
 }
 
 Status Conversation::describe(std::string_view name) {
+  refreshStructure();
   const std::optional<std::size_t> relation = findRelation(structure_, name);
   if (!relation) {
     Status status = Status::invalidInput("no table or view '" + std::string(name) +

@@ -150,6 +150,9 @@ class Conversation {
   // Hands the library the structure chosen for this question and the history, with the "scope"
   // instruction that says what was left out.
   void applyScope(const std::string& question);
+  // Reads the structure again when its stamp moved (a migration in another window), says so, and
+  // hands the library the new one. When either read fails, the structure read last stays.
+  void refreshStructure();
   // The outcome of an exchange that gave no reply, told apart by what the pool saw.
   Status failureOf(const std::string& failure, std::uint64_t exchangesBefore,
                    bool interrupted) const;
@@ -233,6 +236,7 @@ class Conversation {
 
   // The structure the model sees: whole while it fits the budget, otherwise chosen per question.
   Structure structure_;
+  std::string structureStamp_;  // the database's stamp, read just before the structure
   std::unique_ptr<SchemaScope> scope_;
   std::vector<bool> appliedChoice_;
   std::string scopeInstruction_;       // empty while the whole structure goes
