@@ -1,7 +1,8 @@
 // How long qorchat takes to describe a PostgreSQL database of 2,000 tables, against describing
-// the same tables in SQLite; and what a run of SELECT 1 costs in the session qorchat opens for each
-// run, against the same statement in a read-only transaction on a connection kept open. Each pair
-// is measured in the same run. Run the release build:
+// the same tables in SQLite; what reading the stamp that says whether to describe again costs
+// against describing, on each engine; and what a run of SELECT 1 costs in the session qorchat opens
+// for each run, against the same statement in a read-only transaction on a connection kept open.
+// Each pair is measured in the same run. Run the release build:
 //   build/release/bench/qorchat_introspection_bench
 // It starts a throwaway cluster as the tests do (as root, its programs run as postgres) and ends
 // with the ratios of the times.
@@ -114,6 +115,34 @@ void BM_DescribeSqlite(benchmark::State& state) {
 BENCHMARK(BM_DescribePostgres)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DescribeSqlite)->Unit(benchmark::kMillisecond);
 
+// The stamp read before each question and each MCP call that shows the structure.
+template <typename Engine>
+void stampEachIteration(benchmark::State& state, qorchat::Result<std::unique_ptr<Engine>> opened) {
+  if (!opened) {
+    state.SkipWithError(opened.status().message().c_str());
+    return;
+  }
+  for (auto _ : state) {
+    qorchat::Result<std::string> stamp = opened.value()->structureStamp();
+    if (!stamp || stamp->empty()) {
+      state.SkipWithError(stamp ? "an empty stamp" : stamp.status().message().c_str());
+      return;
+    }
+    benchmark::DoNotOptimize(stamp);
+  }
+}
+
+void BM_StampPostgres(benchmark::State& state) {
+  stampEachIteration(state, qorchat::PostgresDatabase::connect(databases().conninfo));
+}
+
+void BM_StampSqlite(benchmark::State& state) {
+  stampEachIteration(state, qorchat::SqliteDatabase::open(databases().sqlitePath));
+}
+
+BENCHMARK(BM_StampPostgres)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_StampSqlite)->Unit(benchmark::kMicrosecond);
+
 // runReadOnly as qorchat calls it: the block parsed and judged, a session opened, its role
 // checked, the statement read, the session closed.
 void BM_RunFreshSession(benchmark::State& state) {
@@ -175,6 +204,9 @@ int main(int argc, char** argv) {
       argc, argv,
       {{"PostgreSQL / SQLite, " + std::to_string(kTables) + " tables", "BM_DescribePostgres",
         "BM_DescribeSqlite", qorbench::Clock::Real},
+       {"PostgreSQL: stamp / describe", "BM_StampPostgres", "BM_DescribePostgres",
+        qorbench::Clock::Real},
+       {"SQLite: stamp / describe", "BM_StampSqlite", "BM_DescribeSqlite", qorbench::Clock::Real},
        {"SELECT 1: fresh session / reused connection", "BM_RunFreshSession",
         "BM_RunReusedConnection", qorbench::Clock::Real}});
 }
