@@ -88,10 +88,11 @@ void Tools::refreshStructure() {
   if (!stamp || *stamp == stamp_) return;
   Result<Structure> structure = database_.describe();
   if (!structure) return;
+  // The scope indexes what the model is told; row estimates alone leave it as it is.
+  if (!sameForTheModel(structure_, *structure)) scope_.reset();
   structure_ = std::move(*structure);
   stamp_ = std::move(*stamp);
   places_ = relationPlaces(structure_);
-  scope_.reset();
 }
 
 bool Tools::has(std::string_view name) {

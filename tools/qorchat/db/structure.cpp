@@ -67,6 +67,21 @@ void addRelation(YLJsonValue* objects, const Relation& relation) {
 
 }  // namespace
 
+bool sameForTheModel(const Structure& a, const Structure& b) {
+  const auto withoutEstimates = [](Structure structure) {
+    for (Catalog& catalog : structure.catalogs) {
+      for (Schema& schema : catalog.schemas) {
+        for (std::vector<Relation>& kind : schema.relations) {
+          for (Relation& relation : kind)
+            relation.rowEstimate.reset();
+        }
+      }
+    }
+    return structure;
+  };
+  return withoutEstimates(a) == withoutEstimates(b);
+}
+
 std::vector<RelationPlace> relationPlaces(const Structure& structure) {
   std::vector<RelationPlace> places;
   for (std::size_t c = 0; c < structure.catalogs.size(); ++c) {

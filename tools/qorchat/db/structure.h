@@ -16,6 +16,7 @@ struct ForeignKey {
   std::optional<std::string> refSchema;  // absent: the referenced table is named alone
   std::string refTable;
   std::vector<std::string> refFields;
+  bool operator==(const ForeignKey&) const = default;
 };
 
 struct Column {
@@ -23,6 +24,7 @@ struct Column {
   std::string type;       // as the database declares it; never empty
   bool notNull = false;   // the structure text adds NOT NULL to the type, unless in the primary key
   std::string comment{};  // PostgreSQL's COMMENT ON COLUMN as stored; empty when none
+  bool operator==(const Column&) const = default;
 };
 
 struct Relation {
@@ -37,6 +39,7 @@ struct Relation {
   // The rows the database estimates the relation holds (PostgreSQL's reltuples); absent for views
   // and for tables it has not measured, and on SQLite.
   std::optional<std::int64_t> rowEstimate{};
+  bool operator==(const Relation&) const = default;
 };
 
 // The three kinds of object, in the order the structure text lists them within a schema.
@@ -47,15 +50,18 @@ struct Schema {
   std::string name;  // empty: the objects are named without a schema
   // By kind, each in the database's order.
   std::vector<Relation> relations[kRelationKinds];
+  bool operator==(const Schema&) const = default;
 };
 
 struct Catalog {
   std::string name;
   std::vector<Schema> schemas;
+  bool operator==(const Catalog&) const = default;
 };
 
 struct Structure {
   std::vector<Catalog> catalogs;
+  bool operator==(const Structure&) const = default;
 };
 
 // Where a relation stands: catalog, schema, kind and place within its kind.
@@ -70,6 +76,9 @@ struct RelationPlace {
 // tables, views and materialized views.
 std::vector<RelationPlace> relationPlaces(const Structure& structure);
 const Relation& relationAt(const Structure& structure, const RelationPlace& place);
+// Whether the model would be told the same of both: all but the row estimates, which it never
+// sees.
+bool sameForTheModel(const Structure& a, const Structure& b);
 
 // A name as a query writes it: bare when it is a plain lower-case identifier, else between double
 // quotes (which both engines read), its own double quotes doubled.
