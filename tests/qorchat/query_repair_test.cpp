@@ -80,7 +80,8 @@ TEST(QueryRepair, AFailedBlockIsCorrectedOnceOrOfferedWithItsError) {
 
 // 300 tables of a few columns, cut to a budget that holds a fraction of them: the model sees
 // every name, asks for three (one the database does not have), and the next request's structure
-// holds the two it has.
+// holds the two it has. Then a hundred tables, those asked for among them, are dropped elsewhere:
+// /schema reads the structure again, forgetting what was asked for.
 TEST(QueryRepair, TheModelAsksForTheTablesItNeeds) {
   TempDir dir;
   const std::filesystem::path file = dir.path / "wide.db";
@@ -90,13 +91,17 @@ TEST(QueryRepair, TheModelAsksForTheTablesItNeeds) {
            " (id INTEGER PRIMARY KEY, label TEXT, created_at TEXT, amount REAL, note TEXT);";
   }
   sqlite(file, sql + "COMMIT;");
-  Model model([](const std::string& body) -> std::string {
-    if (has(body, "CREATE TABLE `t350`")) return "Done.";
-    return "```tables\nt350\n- \"T351\";\nnope\n```";
+  Model model([&file](const std::string& body) -> std::string {
+    if (!has(body, "CREATE TABLE `t350`")) return "```tables\nt350\n- \"T351\";\nnope\n```";
+    std::string drop = "BEGIN;";
+    for (int i = 300; i < 400; ++i)
+      drop += "DROP TABLE t" + std::to_string(i) + ";";
+    sqlite(file, drop + "COMMIT;");
+    return "Done.";
   });
   const Outcome run =
       converse(model, file.string(), {"--schema-budget", "8000", "--share-results", "never"},
-               "How many rows are there?\n");
+               "How many rows are there?\n/schema\n");
   EXPECT_TRUE(has(run.err,
                   "the model asked for: t350, \"T351\", nope (not in the database: nope); asking "
                   "again with them"))
@@ -110,6 +115,10 @@ TEST(QueryRepair, TheModelAsksForTheTablesItNeeds) {
               has(bodies[1], "no table or view named nope"))
       << bodies[1];
   EXPECT_TRUE(has(run.out, "Done."));
+  EXPECT_EQ(run.status, 0);
+  EXPECT_TRUE(has(run.err, "the structure of wide.db changed")) << run.err;
+  EXPECT_TRUE(has(run.out, "the structure lists") && !has(run.out, "CREATE TABLE `t350`"))
+      << run.out;
 }
 
 }  // namespace

@@ -166,7 +166,7 @@ int App::converse() {
   }
   offerKeyPrompt();
   LineReader reader(interactive, inputHistoryFile_);
-  reader.setCompletionWords(completionWords(conversation_->structure()));
+  std::optional<std::uint64_t> completedGeneration;
   if (interactive) {
     conversation_->setConfirm([&reader](const std::string& question) {
       const std::optional<std::string> answer = reader.readAnswer(question + " [y/N] ");
@@ -174,6 +174,11 @@ int App::converse() {
     });
   }
   while (true) {
+    // A table made elsewhere completes as soon as the conversation has read it.
+    if (completedGeneration != conversation_->structureGeneration()) {
+      completedGeneration = conversation_->structureGeneration();
+      reader.setCompletionWords(completionWords(conversation_->structure()));
+    }
     display_.out().flush();
     const std::optional<std::string> asked = reader.readQuestion(interactive ? "qorchat> " : "");
     if (!asked) break;

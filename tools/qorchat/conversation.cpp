@@ -278,10 +278,12 @@ void Conversation::refreshStructure() {
   Result<Structure> structure = database_->describe();
   if (!structure) return;
   structureStamp_ = std::move(*stamp);
-  // Another session's temporary tables and new row estimates move the stamp too: only a change
-  // the model would see is worth telling.
+  // Another session's temporary tables, or a new ANALYZE on SQLite, move the stamp too: only a
+  // change the model would see is worth telling.
   if (sameForTheModel(structure_, *structure)) return;
   structure_ = std::move(*structure);
+  ++structureGeneration_;
+  forced_.clear();  // places in the structure read before
   scope_ = std::make_unique<SchemaScope>(structure_, structureBudget());
   appliedChoice_.clear();
   scopeInstruction_.clear();

@@ -101,6 +101,8 @@ class Conversation {
   // Shows the last exchange of a conversation taken up, and numbers its SQL blocks again.
   void showResumed();
   const Structure& structure() const { return structure_; }
+  // Moves each time the structure is read again with a change the model would see.
+  std::uint64_t structureGeneration() const { return structureGeneration_; }
 
   // How results are shown: the format, the rows kept, how NULL looks, the time of each run.
   OutputFormat format = OutputFormat::Table;
@@ -237,6 +239,7 @@ class Conversation {
   // The structure the model sees: whole while it fits the budget, otherwise chosen per question.
   Structure structure_;
   std::string structureStamp_;  // the database's stamp, read just before the structure
+  std::uint64_t structureGeneration_ = 0;
   std::unique_ptr<SchemaScope> scope_;
   std::vector<bool> appliedChoice_;
   std::string scopeInstruction_;       // empty while the whole structure goes

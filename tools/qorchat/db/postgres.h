@@ -31,7 +31,8 @@ class PostgresDatabase final : public Database {
   Result<Structure> describe() override;
   // The count of rows and the sum of their creating transactions in each catalog the structure is
   // read from: every change of the structure writes a row there, and a read-only role may read
-  // them all.
+  // them all. Not seen: row estimates (VACUUM and ANALYZE write them in place) and a change of
+  // the role's own attributes (pg_authid is not readable without privileges).
   Result<std::string> structureStamp() override;
   // user@host:port/dbname of the live connection.
   std::string identity() const override;

@@ -324,10 +324,17 @@ Result<std::string> readStructureStamp(sqlite3* db) {
   Query list(db, "SELECT name FROM pragma_database_list WHERE name <> 'temp' ORDER BY seq");
   std::optional<bool> row = list.prepared() ? list.step() : std::nullopt;
   for (; row && *row; row = list.step()) {
-    Query version(db, "PRAGMA " + quoted(list.text(0), '"') + ".schema_version");
+    const std::string database = quoted(list.text(0), '"');
+    Query version(db, "PRAGMA " + database + ".schema_version");
     if (!version.prepared() || version.step() != std::optional<bool>(true))
       return Status::database(version.error());
-    stamp += std::to_string(version.integer(0)) + " ";
+    stamp += std::to_string(version.integer(0));
+    // ANALYZE after the first writes its counts without a change of schema. Absent until then.
+    Query counts(db, "SELECT count(*) || '/' || total(CAST(stat AS INTEGER)) FROM " + database +
+                         ".sqlite_stat1");
+    if (counts.prepared() && counts.step() == std::optional<bool>(true))
+      stamp += ":" + counts.text(0);
+    stamp += " ";
   }
   if (!row) return Status::database(list.error());
   return stamp;

@@ -16,7 +16,7 @@ namespace qorchat::sqlite {
 // text.
 Result<Structure> readStructure(sqlite3* db);
 // The schema version of each database of the connection, which SQLite raises with every change
-// of its schema.
+// of its schema, and the row counts ANALYZE kept.
 Result<std::string> readStructureStamp(sqlite3* db);
 
 }  // namespace qorchat::sqlite
