@@ -302,6 +302,20 @@ TEST_F(QorchatProgram, NotesGoWithEveryQuestion) {
   runQorchat(ollama({"--notes", other.string()}), env(), "Third\n");
   EXPECT_TRUE(has(server_.lastRequest().body, "Prices include VAT.") &&
               !has(server_.lastRequest().body, "cents"));
+
+  // Notes written in a conversation take their share of the budget at once: a structure that
+  // went whole is cut for the next question.
+  std::string tables;
+  for (int i = 0; i < 40; ++i)
+    tables += "CREATE TABLE t" + std::to_string(i) + " (id INTEGER PRIMARY KEY, label TEXT);";
+  const std::string db = (state_.path / "forty.db").string();
+  sqlite(db, tables);
+  std::ofstream(editor) << "#!/bin/sh\nprintf '%01800d\\n' 0 >> \"$1\"\n";
+  const std::size_t before = server_.requestCount();
+  runQorchat(ollama({"--db", db, "--schema-budget", "4000"}), env({{"VISUAL", editor.string()}}),
+             "First\n/notes\nSecond\n");
+  EXPECT_TRUE(has(server_.lastRequest().body, "the structure lists"));
+  EXPECT_FALSE(has(server_.requests().at(before).body, "the structure lists"));
 }
 
 // A table made in another window while qorchat runs reaches /describe and the next question; a

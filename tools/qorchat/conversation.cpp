@@ -262,7 +262,8 @@ Status Conversation::editNotes() {
   }
   if (Status edited = qorchat::editNotes(notesFile_, databaseName()); !edited) return edited;
   if (Status read = readNotes(); !read) return read;
-  applyInstructions();
+  // What the notes take of the budget, the structure cannot.
+  rebuildScope();
   display_.out() << (notesInstruction_.empty() ? "the notes are empty; the model gets none\n"
                                                : "the model gets the notes from now on\n");
   return Status::ok();
@@ -283,12 +284,16 @@ void Conversation::refreshStructure() {
   if (sameForTheModel(structure_, *structure)) return;
   structure_ = std::move(*structure);
   ++structureGeneration_;
-  forced_.clear();  // places in the structure read before
+  display_.note("the structure of " + databaseName() + " changed; the model gets it as it is now");
+  rebuildScope();
+}
+
+void Conversation::rebuildScope() {
+  forced_.clear();  // places in the structure the old scope indexed
   scope_ = std::make_unique<SchemaScope>(structure_, structureBudget());
   appliedChoice_.clear();
   scopeInstruction_.clear();
   tableNamesInstruction_.clear();
-  display_.note("the structure of " + databaseName() + " changed; the model gets it as it is now");
   if (scope_->fitsWhole()) {
     assistant_->updateProperties([&](IQORProperties* properties) {
       properties->setValue("db_structure", YLVariant(structureJson(structure_)));

@@ -155,6 +155,9 @@ class Conversation {
   // Reads the structure again when its stamp moved (a migration in another window), says so, and
   // hands the library the new one. When either read fails, the structure read last stays.
   void refreshStructure();
+  // Indexes the structure anew within what the budget leaves it, and hands the library the
+  // structure and instructions the next question would get.
+  void rebuildScope();
   // The outcome of an exchange that gave no reply, told apart by what the pool saw.
   Status failureOf(const std::string& failure, std::uint64_t exchangesBefore,
                    bool interrupted) const;
