@@ -78,25 +78,32 @@ Databases& databases() {
   return made;
 }
 
-// Describes the database again and again. A description that lacks a table, or fails, would make
-// a fast and worthless measure.
-template <typename Engine>
-void describeEachIteration(benchmark::State& state,
-                           qorchat::Result<std::unique_ptr<Engine>> opened) {
+// Reads with `read` again and again, and gives the last value read; nothing when the database
+// could not be opened or a read failed, the benchmark then skipped with the reason.
+template <typename Engine, typename Value>
+std::optional<Value> readEachIteration(benchmark::State& state,
+                                       qorchat::Result<std::unique_ptr<Engine>> opened,
+                                       qorchat::Result<Value> (qorchat::Database::*read)()) {
   if (!opened) {
     state.SkipWithError(opened.status().message().c_str());
-    return;
+    return std::nullopt;
   }
-  std::optional<qorchat::Structure> structure;
+  std::optional<Value> last;
   for (auto _ : state) {
-    qorchat::Result<qorchat::Structure> described = opened.value()->describe();
-    if (!described) {
-      state.SkipWithError(described.status().message().c_str());
-      return;
+    qorchat::Result<Value> value = (*opened.value().*read)();
+    if (!value) {
+      state.SkipWithError(value.status().message().c_str());
+      return std::nullopt;
     }
-    structure = std::move(described.value());
-    benchmark::DoNotOptimize(structure);
+    last = std::move(value.value());
+    benchmark::DoNotOptimize(last);
   }
+  return last;
+}
+
+// A description that lacks a table would make a fast and worthless measure.
+void checkDescription(benchmark::State& state, const std::optional<qorchat::Structure>& structure) {
+  if (!structure) return;
   std::size_t tables = 0;
   for (const qorchat::RelationPlace& place : qorchat::relationPlaces(*structure))
     tables += qorchat::relationAt(*structure, place).name.rfind("table_", 0) == 0 ? 1 : 0;
@@ -105,39 +112,29 @@ void describeEachIteration(benchmark::State& state,
 }
 
 void BM_DescribePostgres(benchmark::State& state) {
-  describeEachIteration(state, qorchat::PostgresDatabase::connect(databases().conninfo));
+  checkDescription(
+      state, readEachIteration(state, qorchat::PostgresDatabase::connect(databases().conninfo),
+                               &qorchat::Database::describe));
 }
 
 void BM_DescribeSqlite(benchmark::State& state) {
-  describeEachIteration(state, qorchat::SqliteDatabase::open(databases().sqlitePath));
+  checkDescription(state,
+                   readEachIteration(state, qorchat::SqliteDatabase::open(databases().sqlitePath),
+                                     &qorchat::Database::describe));
 }
 
 BENCHMARK(BM_DescribePostgres)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DescribeSqlite)->Unit(benchmark::kMillisecond);
 
 // The stamp read before each question and each MCP call that shows the structure.
-template <typename Engine>
-void stampEachIteration(benchmark::State& state, qorchat::Result<std::unique_ptr<Engine>> opened) {
-  if (!opened) {
-    state.SkipWithError(opened.status().message().c_str());
-    return;
-  }
-  for (auto _ : state) {
-    qorchat::Result<std::string> stamp = opened.value()->structureStamp();
-    if (!stamp || stamp->empty()) {
-      state.SkipWithError(stamp ? "an empty stamp" : stamp.status().message().c_str());
-      return;
-    }
-    benchmark::DoNotOptimize(stamp);
-  }
-}
-
 void BM_StampPostgres(benchmark::State& state) {
-  stampEachIteration(state, qorchat::PostgresDatabase::connect(databases().conninfo));
+  readEachIteration(state, qorchat::PostgresDatabase::connect(databases().conninfo),
+                    &qorchat::Database::structureStamp);
 }
 
 void BM_StampSqlite(benchmark::State& state) {
-  stampEachIteration(state, qorchat::SqliteDatabase::open(databases().sqlitePath));
+  readEachIteration(state, qorchat::SqliteDatabase::open(databases().sqlitePath),
+                    &qorchat::Database::structureStamp);
 }
 
 BENCHMARK(BM_StampPostgres)->Unit(benchmark::kMicrosecond);
